@@ -1,0 +1,47 @@
+// Hash helpers of keys.
+//
+// A hash depends on the value alone, never on addresses, history or the process, so that hashed
+// orders are the same in every process of one machine.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace Zek {
+
+/// The 32 bits in reverse order.
+constexpr uint32_t
+bitReverse( uint32_t v ) {
+   v = ( v >> 1 & 0x55555555u ) | ( v & 0x55555555u ) << 1;
+   v = ( v >> 2 & 0x33333333u ) | ( v & 0x33333333u ) << 2;
+   v = ( v >> 4 & 0x0f0f0f0fu ) | ( v & 0x0f0f0f0fu ) << 4;
+   return __builtin_bswap32( v );
+}
+
+/// Hash of `size` bytes; every bit of the result depends on every byte.
+inline uint32_t
+hashBytes( const void * bytes, size_t size ) {
+   constexpr uint64_t odd = 0x9e3779b97f4a7c15u;
+   const char * p = static_cast< const char * >( bytes );
+   uint64_t h = size * odd;
+   auto take = [ &h ]( uint64_t word ) {
+      h = ( h ^ word ) * odd;
+      h ^= h >> 32;
+   };
+   for( ; size >= 8; size -= 8, p += 8 ) {
+      uint64_t word;
+      std::memcpy( &word, p, 8 );
+      take( word );
+   }
+   if( size ) {
+      uint64_t word = 0;
+      std::memcpy( &word, p, size );
+      take( word );
+   }
+   h *= 0xd6e8feb86659fd93u;
+   return static_cast< uint32_t >( h ^ h >> 32 );
+}
+
+} // namespace Zek

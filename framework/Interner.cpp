@@ -1,0 +1,178 @@
+#include "framework/Interner.h"
+
+#include <atomic>
+#include <bit>
+#include <cstring>
+#include <new>
+
+namespace Zek {
+
+namespace {
+
+// Places are counted in units of this many bytes; index 0 is the empty text and holds no node.
+constexpr uint64_t unit = 16;
+// Chunk 0 has 2^12 units (64 KiB); chunk c > 0 has as many as all before it together.
+constexpr unsigned firstChunkBits = 12;
+constexpr unsigned chunkCount = 32 - firstChunkBits + 1;
+constexpr unsigned rootBits = 12;
+
+// The text and its final zero byte follow in place.
+struct Node {
+   std::atomic< uint32_t > child[4] = {};
+   uint32_t hash = 0;
+   uint32_t size = 0;
+
+   char * text() { return reinterpret_cast< char * >( this + 1 ); }
+   std::string_view view() { return { text(), size }; }
+};
+
+constinit std::atomic< uint32_t > root[1u << rootBits] = {};
+constinit std::atomic< char * > chunks[chunkCount] = {};
+constinit std::atomic< uint64_t > nextUnit{ 1 };
+constinit std::atomic< size_t > textCount{ 0 };
+
+unsigned
+chunkOf( uint64_t place ) {
+   unsigned width = static_cast< unsigned >( std::bit_width( place ) );
+   return width <= firstChunkBits ? 0 : width - firstChunkBits;
+}
+
+uint64_t
+chunkBegin( unsigned chunk ) {
+   return chunk == 0 ? 0 : uint64_t( 1 ) << ( firstChunkBits - 1 + chunk );
+}
+
+uint64_t
+chunkEnd( unsigned chunk ) {
+   return uint64_t( 1 ) << ( firstChunkBits + chunk );
+}
+
+Node *
+nodeAt( uint32_t index ) {
+   unsigned chunk = chunkOf( index );
+   char * base = chunks[chunk].load( std::memory_order_acquire );
+   return std::launder(
+      reinterpret_cast< Node * >( base + ( index - chunkBegin( chunk ) ) * unit ) );
+}
+
+// Memory of the chunk, made by whichever thread comes first.
+char *
+chunkMemory( unsigned chunk ) {
+   char * memory = chunks[chunk].load( std::memory_order_acquire );
+   if( memory ) return memory;
+   size_t bytes = ( chunkEnd( chunk ) - chunkBegin( chunk ) ) * unit;
+   char * made = static_cast< char * >( ::operator new( bytes ) );
+   if( chunks[chunk].compare_exchange_strong( memory, made, std::memory_order_acq_rel ) ) {
+      return made;
+   }
+   ::operator delete( made );
+   return memory;
+}
+
+// A new node that nobody sees yet.
+uint32_t
+nodeFor( std::string_view text, uint32_t hash ) {
+   uint64_t bytes = sizeof( Node ) + text.size() + 1;
+   uint64_t units = ( bytes + unit - 1 ) / unit;
+   if( units > UINT32_MAX || text.size() > UINT32_MAX ) throw std::bad_alloc();
+   uint64_t before = nextUnit.load( std::memory_order_relaxed );
+   uint64_t place;
+   do {
+      place = before;
+      // A node never crosses the border of two chunks; the rest of the first stays unused.
+      while( place < UINT32_MAX && chunkEnd( chunkOf( place ) ) - place < units ) {
+         place = chunkEnd( chunkOf( place ) );
+      }
+      if( place + units > UINT32_MAX ) throw std::bad_alloc();
+   } while( !nextUnit.compare_exchange_weak( before, place + units, std::memory_order_relaxed ) );
+
+   unsigned chunk = chunkOf( place );
+   char * memory = chunkMemory( chunk ) + ( place - chunkBegin( chunk ) ) * unit;
+   Node * node = new( memory ) Node;
+   node->hash = hash;
+   node->size = static_cast< uint32_t >( text.size() );
+   std::memcpy( node->text(), text.data(), text.size() );
+   node->text()[text.size()] = '\0';
+   return static_cast< uint32_t >( place );
+}
+
+// Descends to the text or to the empty link where it belongs.
+struct Descent {
+   explicit Descent( uint32_t hash )
+      : link( &root[hash >> ( 32 - rootBits )] ),
+        rest( hash << rootBits ) {}
+
+   // The index of the text if it stands at or below `link`, else 0 with `link` at its place.
+   uint32_t to( std::string_view text, uint32_t hash ) {
+      for( ;; ) {
+         uint32_t index = link->load( std::memory_order_acquire );
+         if( index == 0 ) return 0;
+         Node * node = nodeAt( index );
+         if( node->hash == hash && node->view() == text ) return index;
+         link = &node->child[rest >> 30];
+         rest <<= 2;
+      }
+   }
+
+   std::atomic< uint32_t > * link;
+   uint32_t rest;
+};
+
+} // namespace
+
+InternedText
+Interner::intern( std::string_view text ) {
+   if( text.empty() ) return {};
+   uint32_t hash = textHash( text );
+   InternedText out{ 0, bitReverse( hash ) };
+   Descent descent( hash );
+   out.index = descent.to( text, hash );
+   if( out.index ) return out;
+   uint32_t made = nodeFor( text, hash );
+   do {
+      uint32_t none = 0;
+      if( descent.link->compare_exchange_strong( none, made, std::memory_order_acq_rel ) ) {
+         textCount.fetch_add( 1, std::memory_order_relaxed );
+         out.index = made;
+         return out;
+      }
+      // Another thread linked a node here: the same text (ours stays unused) or one above us.
+      out.index = descent.to( text, hash );
+   } while( out.index == 0 );
+   return out;
+}
+
+bool
+Interner::find( std::string_view text, InternedText & out ) {
+   InternedText found;
+   if( !text.empty() ) {
+      uint32_t hash = textHash( text );
+      found = { Descent( hash ).to( text, hash ), bitReverse( hash ) };
+      if( found.index == 0 ) return false;
+   }
+   out = found;
+   return true;
+}
+
+std::string_view
+Interner::view( uint32_t index ) {
+   return index == 0 ? std::string_view( "" ) : nodeAt( index )->view();
+}
+
+size_t
+Interner::texts() {
+   return textCount.load( std::memory_order_relaxed );
+}
+
+size_t
+Interner::bytes() {
+   size_t sum = 0;
+   for( unsigned c = 0; c < chunkCount; ++c ) {
+      if( chunks[c].load( std::memory_order_relaxed ) ) {
+         sum += ( chunkEnd( c ) - chunkBegin( c ) ) * unit;
+      }
+   }
+   return sum;
+}
+
+} // namespace Zek
