@@ -66,6 +66,11 @@ PtrInterface::handleZeroRef() {
 void
 PtrInterface::onZeroReferences() {}
 
+const TypeDescriptor *
+PtrInterface::fwkType() const {
+   return nullptr;
+}
+
 void *
 PtrInterface::zekMemAlloc( size_t bytes ) {
    return ::operator new( bytes );

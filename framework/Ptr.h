@@ -22,6 +22,8 @@
 
 namespace Zek {
 
+struct TypeDescriptor; // framework/Type.h
+
 /// Live objects of one type. Every entity, collection member node and reactor type has one with
 /// static storage; it joins the list of all() at its first allocation and is never destroyed.
 class IPSTATE_EXPORT AllocTrackTypeInfo {
@@ -99,6 +101,9 @@ class IPSTATE_EXPORT PtrInterface : public VFPtrInterface {
 
    /// The allocation record of the object's own (most derived) type.
    virtual AllocTrackTypeInfo & zekAllocTrackTypeInfo() const = 0;
+   /// The descriptor of the object's own type; null for objects that reflection does not show
+   /// (collection members, notifiees).
+   virtual const TypeDescriptor * fwkType() const;
 
    static void * zekMemAlloc( size_t bytes );
    static void zekMemFree( void * memory, size_t bytes );
