@@ -54,10 +54,22 @@ PtrInterface::~PtrInterface() = default;
 
 void
 PtrInterface::handleZeroRef() {
+   if( lastReferenceGone() ) destroy();
+}
+
+bool
+PtrInterface::lastReferenceGone() {
+   bump( 1 );
    onZeroReferences();
-   if( references() != 0 ) return;
+   uint32_t before = bump( static_cast< uint32_t >( -1 ) );
+   if( ( before & countMask ) != 1 ) return false;
    // A pointer made to this object while its destructor runs must not destroy it again.
    bump( 1u << 29 );
+   return true;
+}
+
+void
+PtrInterface::destroy() {
    AllocTrackTypeInfo & info = zekAllocTrackTypeInfo();
    delete this;
    trackDeallocation( info, info.size() );

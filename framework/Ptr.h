@@ -119,8 +119,14 @@ class IPSTATE_EXPORT PtrInterface : public VFPtrInterface {
    /// The count reached zero: runs onZeroReferences() and, if that took no new reference,
    /// destroys the object and takes its allocation record back.
    virtual void handleZeroRef();
-   /// Hook for a last farewell; may revive the object by taking a reference.
+   /// Hook for a last farewell; may revive the object by taking a reference. One reference is
+   /// held while it runs, so that pointers made and dropped in it do not get here again.
    virtual void onZeroReferences();
+   /// The two halves of handleZeroRef(), for bases with something to undo between them. The
+   /// first runs onZeroReferences() and returns false when that revived the object; else the
+   /// count is set out of reach and destroy() must follow.
+   bool lastReferenceGone();
+   void destroy();
 
    void notificationActiveIs( bool active ) { flagIs( activeFlag, active ); }
 

@@ -1,0 +1,149 @@
+// The notifiees of one notifier, in order of registration, in one word.
+//
+// A mutator costs one load of this word as long as nobody watches. One notifiee is held in place;
+// more of them, and everything unusual, live in a block on the heap.
+//
+//    0              nobody
+//    n              the notifiee n alone
+//    n | visiting   the same while it is being called
+//    b | block      the block b: an array of notifiees, the visits in progress, extras
+//
+// A callback may do anything: remove its own notifiee or others, register new ones, attach and
+// re-point, run the same mutator again, drop the last reference to any notifiee or to the
+// notifier, throw. What holds then:
+//
+// - A visit calls the notifiees that were registered when it began, in order, each at most once,
+//   and none that has left since. One that left and came back waits for later visits like one
+//   that is new.
+// - A nested visit runs whole before the outer one goes on.
+// - The notifiee being called and the notifier live until the call, respectively the outermost
+//   visit, has returned. Nothing is counted for that on the way: whoever takes the notifiee out
+//   of the list during its call takes a reference for the visit at that moment, and a notifier
+//   whose count falls to zero during a visit is given one by the visit.
+// - An exception leaves the visit after its notifiee's onNotificationException() ran and let it
+//   pass. Later notifiees are then skipped, but for attribute-log adaptors, which must learn of
+//   every change. The first exception is the one that leaves.
+//
+// Why in place: a visit of a single notifiee marks the word and finds it unchanged afterwards
+// unless something happened, so that the usual case stores twice and counts nothing. Why one
+// block for all else: an entity's optional parts (extras) share the word instead of adding one.
+//
+// Threads: none; a list belongs to the thread that owns the notifier.
+
+#pragma once
+
+#include "framework/Export.h"
+#include "framework/Ptr.h"
+
+#include <cstdint>
+#include <type_traits>
+
+namespace Zek {
+
+class Notifier;
+
+class IPSTATE_EXPORT NotifieeList {
+ public:
+   using NotifieeConst = PtrInterface::NotifieeConst;
+
+   /// Optional parts of a notifier that exist only once used, such as an entity's children.
+   struct IPSTATE_EXPORT Extras {
+      virtual ~Extras();
+   };
+
+   NotifieeList() = default;
+   NotifieeList( const NotifieeList & ) = delete;
+   NotifieeList & operator=( const NotifieeList & ) = delete;
+   ~NotifieeList();
+
+   /// True when a visit has nothing to do; false does not promise a notifiee.
+   bool idle() const { return word_ == 0; }
+   /// Registered notifiees, the suspended ones included.
+   uint32_t count() const;
+   /// True while a callback of this list runs.
+   bool visitInProgress() const { return word_ && inVisit(); }
+
+   /// Calls `callback` on every registered notifiee that is switched on and is an N. Throws what
+   /// a notifiee let pass. The notifier may be gone afterwards when nobody else holds it.
+   template < class N >
+   void doVisit( void ( N::*callback )() ) {
+      if( word_ ) visit( static_cast< Callback >( callback ), &accepts< N > );
+   }
+   /// The same for a callback with a key. The key must outlive the visit: it is not copied.
+   template < class N, class K >
+   void doVisit( void ( N::*callback )( const K & ), const std::type_identity_t< K > & key ) {
+      if( word_ ) {
+         Keyed< K > call{ static_cast< typename Keyed< K >::Callback >( callback ), key };
+         visitKeyed( &Keyed< K >::invoke, &call, &accepts< N > );
+      }
+   }
+
+   /// The optional parts, or null. The list owns them; other parts replace (and delete) them.
+   Extras * extras() const;
+   void extrasIs( Extras * extras );
+
+ private:
+   friend class PtrInterface::NotifieeConst;
+   friend class Notifier;
+
+   using Callback = void ( NotifieeConst::* )();
+   using Invoke = void ( * )( NotifieeConst & notifiee, const void * call );
+   /// Whether the notifiee has the callback at all; asked only of one that watches a base part
+   /// of its notifier.
+   using Accepts = bool ( * )( const NotifieeConst & notifiee );
+   template < class K >
+   struct Keyed {
+      using Callback = void ( NotifieeConst::* )( const K & );
+      Callback callback;
+      const K & key;
+      static void invoke( NotifieeConst & notifiee, const void * call ) {
+         auto & self = *static_cast< const Keyed * >( call );
+         ( notifiee.*self.callback )( self.key );
+      }
+   };
+   template < class N >
+   static bool accepts( const NotifieeConst & notifiee ) {
+      return dynamic_cast< const N * >( &notifiee ) != nullptr;
+   }
+   struct Block;
+   struct Visit;
+
+   void visit( Callback callback, Accepts accepts );
+   void visitKeyed( Invoke invoke, const void * call, Accepts accepts );
+
+   // For notifiees. Members are registered ones, which are called, and passive ones, which only
+   // learn of the notifier's death (weak holders that are not registered).
+   void add( NotifieeConst * notifiee );
+   void addPassive( NotifieeConst * notifiee );
+   void remove( NotifieeConst * notifiee );
+   void removePassive( NotifieeConst * notifiee );
+   /// The registered notifiee was suspended or resumed.
+   void unusualChanged( NotifieeConst * notifiee );
+   /// Whether a visit is just calling it.
+   bool isBeingCalled( const NotifieeConst * notifiee ) const;
+
+   // For the notifier.
+   /// Keeps it alive until the outermost visit in progress ends.
+   void keep( const Notifier * notifier );
+   /// It dies: every member forgets it.
+   void detachAll();
+
+   bool inVisit() const;
+   Block * block() const;
+   Block * makeBlock();
+   Block * roomFor( uint32_t more );
+   void settle();
+   template < class Call >
+   void visitWith( const Call & call, Accepts accepts );
+   template < class Call >
+   void visitTagged( Call call, Accepts accepts );
+   template < class Call >
+   void visitBlock( const Call & call, Accepts accepts );
+   void endVisitInPlace();
+   void endMovedVisit();
+   void thrownInPlace();
+
+   uintptr_t word_ = 0;
+};
+
+} // namespace Zek

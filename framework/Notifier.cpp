@@ -1,0 +1,17 @@
+#include "framework/Notifier.h"
+
+namespace Zek {
+
+Notifier::~Notifier() = default;
+
+void
+Notifier::handleZeroRef() {
+   if( notifieeList_.visitInProgress() ) {
+      notifieeList_.keep( this );
+   } else if( lastReferenceGone() ) {
+      notifieeList_.detachAll();
+      destroy();
+   }
+}
+
+} // namespace Zek

@@ -1,0 +1,53 @@
+// Counted objects that announce their changes.
+//
+// A mutator ends with announce( &NotifieeConst::onX ): one load and a branch while nobody
+// watches, else a visit of the notifiees as framework/NotifieeList.h describes it.
+
+#pragma once
+
+#include "framework/Export.h"
+#include "framework/NotifieeList.h"
+#include "framework/Ptr.h"
+
+namespace Zek {
+
+class IPSTATE_EXPORT Notifier : public PtrInterface {
+ public:
+   /// Who watches. Watching changes no value, so that a const notifier can be watched too.
+   NotifieeList & notifieeList() const { return notifieeList_; }
+
+ protected:
+   Notifier() = default;
+   ~Notifier() override;
+
+   /// Calls `callback` on every registered notifiee. Throws what a notifiee lets pass. This
+   /// object may be gone afterwards when nobody else holds it: a caller that goes on using it
+   /// must hold a reference.
+   template < class N >
+   void announce( void ( N::*callback )() ) const {
+      if( !notifieeList_.idle() ) [[unlikely]] {
+         notifieeList_.doVisit( callback );
+      }
+   }
+   /// The same with the key of the member that changed; `key` must outlive the visit.
+   template < class N, class K >
+   void announce( void ( N::*callback )( const K & ),
+                  const std::type_identity_t< K > & key ) const {
+      if( !notifieeList_.idle() ) [[unlikely]] {
+         notifieeList_.doVisit( callback, key );
+      }
+   }
+
+   /// A visit in progress takes the reference that keeps this object; else its members forget it
+   /// before anything of it is destroyed.
+   void handleZeroRef() override;
+
+   /// Number of the parent's collection that holds this entity. It belongs to Entity and stands
+   /// here because four bytes beside the count are free.
+   uint16_t parentAttrId_ = 0;
+
+ private:
+   mutable NotifieeList notifieeList_;
+};
+
+} // namespace Zek
