@@ -1,0 +1,192 @@
+// Entities: counted objects with a name, a parent and a place in the tree.
+//
+// A parent holds its members strongly, a member its parent by a raw pointer that the parent clears
+// when it dies or lets the member go. Beside its own attributes every entity shows the five
+// framework attributes name, fullName, parent, parentAttrName and entity (numbers 1 to 5).
+//
+// The `entity` collection is the framework's own child directory. It costs nothing until its
+// first member; Zek::Dir is an entity with nothing else, and the root of every tree.
+
+#pragma once
+
+#include "framework/Export.h"
+#include "framework/HashMap.h"
+#include "framework/Name.h"
+#include "framework/Notifiee.h"
+#include "framework/Notifier.h"
+#include "framework/Ptr.h"
+#include "framework/String.h"
+#include "framework/Type.h"
+
+namespace Zek {
+
+/// Numbers of the framework attributes, the same in every entity type.
+enum FrameworkAttribute : uint16_t {
+   nameAttr = 1,
+   fullNameAttr = 2,
+   parentAttr = 3,
+   parentAttrNameAttr = 4,
+   entityAttr = 5,
+};
+
+class IPSTATE_EXPORT Entity : public Notifier {
+ public:
+   using Ptr = Zek::Ptr< Entity >;
+   using PtrConst = Zek::Ptr< const Entity >;
+
+   /// Base of all entities' notifiees; itself told of the `entity` collection.
+   class IPSTATE_EXPORT NotifieeConst : public PtrInterface::NotifieeConst {
+    public:
+      /// 5 entity: a child was added, replaced or removed.
+      virtual void onEntity( const String & name );
+      virtual void onEntityzekImmediate();
+      virtual void onEntity();
+
+      Zek::Ptr< const Entity > notifier() const;
+      void notifierIs( Zek::Ptr< const PtrInterface > notifier ) override;
+
+    protected:
+      ~NotifieeConst() override;
+   };
+
+   struct EntityKeyFunktor {
+      Name operator()( const Entity & child ) const { return child.name(); }
+   };
+   using EntityDirectory = HashMap< Entity, Name, EntityKeyFunktor >;
+   using EntityIteratorConst = EntityDirectory::IteratorConst;
+
+   /// 1: the entity's own name; empty for a member that its key identifies.
+   virtual Name name() const;
+   /// 2: the names from the root down, joined by "/"; a nameless member stands as
+   /// attribute[key]. Empty for a nameless entity without parent.
+   Name fullName() const;
+   /// 3: the owner, or null. Not counted; the owner clears it.
+   Entity * parent() const { return parent_; }
+   void parentIs( Entity * parent ) { parent_ = parent; }
+   /// 4: name of the parent's collection that holds this entity; empty without parent.
+   String parentAttrName() const;
+   /// Its number.
+   uint16_t parentAttrId() const { return parentAttrId_; }
+   void parentAttrIdIs( uint16_t attributeId ) { parentAttrId_ = attributeId; }
+
+   /// 5: the child of that name, or null.
+   Zek::Ptr< Entity > entity( const String & name ) const;
+   bool entityHas( const String & name ) const { return entity( name ) != nullptr; }
+   size_t entityCount() const;
+   /// Takes `child` into the directory under its name and becomes its parent; replaces another
+   /// child of that name. Announces onEntity( name ). Throws RangeException on null or a
+   /// nameless child.
+   void entityIs( const Zek::Ptr< Entity > & child );
+   /// Removes and returns the child, its parent cleared, or returns null. Announces.
+   Zek::Ptr< Entity > entityDel( const String & name );
+   void entityDelAll();
+   void entityNotify( const String & name );
+   EntityIteratorConst entityIteratorConst() const;
+
+   /// The descendant at `path` ("ip/input/status"), following `entity` directories; null when
+   /// any step is missing. The empty path is this entity.
+   Zek::Ptr< Entity > entityAt( std::string_view path ) const;
+
+   const TypeDescriptor * fwkType() const override = 0;
+
+   static const TypeDescriptor zekTypeDescriptor_;
+
+ protected:
+   Entity() = default;
+   ~Entity() override;
+
+ private:
+   struct Children;
+   Children * children() const;
+
+   Entity * parent_ = nullptr;
+};
+
+/// An entity with a name of its own.
+class IPSTATE_EXPORT NamedEntity : public Entity {
+ public:
+   Name name() const override;
+   /// Restores the name from a backup copy; the name it already has changes nothing. Nobody is
+   /// told, and a member keyed by its name keeps its key.
+   void nameIsFromBackup( const Name & name ) { name_ = name; }
+   /// The key under which a directory keeps it.
+   const Name & fwkKey() const { return name_; }
+
+ protected:
+   explicit NamedEntity( const Name & name ) : name_( name ) {}
+   ~NamedEntity() override;
+
+ private:
+   Name name_;
+};
+
+/// A directory: a named entity whose content is its `entity` collection.
+class IPSTATE_EXPORT Dir final : public NamedEntity {
+ public:
+   using Ptr = Zek::Ptr< Dir >;
+   using PtrConst = Zek::Ptr< const Dir >;
+   using NotifieeConst = Entity::NotifieeConst;
+
+   explicit Dir( const Name & name = Name() );
+   ~Dir() override;
+
+   /// The directory at `path` below this one, made with all directories above it where missing.
+   /// Throws RangeException when an entity on the way is no directory.
+   Zek::Ptr< Dir > dirIs( std::string_view path );
+
+   const TypeDescriptor * fwkType() const override;
+   AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override;
+   static AllocTrackTypeInfo allocTrackTypeInfo_;
+   static const TypeDescriptor zekTypeDescriptor_;
+};
+
+/// Makes the root of a tree, or a directory to put into one.
+IPSTATE_EXPORT Dir::Ptr dirFactory( const Name & name = Name() );
+
+// -- Verbs of owning collections --------------------------------------------------------------
+
+/// Puts a new member into the collection with number `attributeId` of `parent`.
+template < class Map, class Member >
+void
+adoptMember( Map & members, Member & member, Entity & parent, uint16_t attributeId ) {
+   member.parentAttrIdIs( attributeId );
+   members.insert( &member );
+   member.parentIs( &parent );
+}
+
+/// What a member that has left its collection keeps of its parent: nothing.
+inline void
+disownMember( Entity & member ) {
+   member.parentIs( nullptr );
+   member.parentAttrIdIs( 0 );
+}
+
+/// Clears the parent of every member of an owning collection; run by the dying parent.
+template < class Map >
+void
+orphanMembers( Map & members ) {
+   for( typename Map::Iterator i( members ); i; ++i ) disownMember( *i.ptr() );
+}
+
+[[noreturn]] IPSTATE_EXPORT void throwParameterDiffers( const Entity & member,
+                                                        const char * parameter,
+                                                        std::string_view requested,
+                                                        std::string_view current );
+
+/// A member that exists must have been made with the same constructor arguments: throws
+/// NameInUseException naming the parameter and both values otherwise.
+template < class V >
+void
+requireSameParameter( const Entity & member, const char * parameter, const V & requested,
+                      const std::type_identity_t< V > & current ) {
+   if( requested == current ) [[likely]] {
+      return;
+   }
+   std::string requestedText;
+   std::string currentText;
+   appendPlain( requested, requestedText );
+   appendPlain( current, currentText );
+   throwParameterDiffers( member, parameter, requestedText, currentText );
+}
+
+} // namespace Zek

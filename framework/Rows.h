@@ -1,0 +1,330 @@
+// Building attribute rows from member pointers. Included by generated sources only.
+//
+// Each function fills one AttributeRow; the thunks it refers to are instantiated from the member
+// pointers given, so a row costs a line of generated code and a few instructions of thunks.
+
+#pragma once
+
+#include "framework/Type.h"
+
+#include <type_traits>
+#include <utility>
+
+namespace Zek::Rows {
+
+// -- Taking member pointers apart -------------------------------------------------------------
+
+template < class M >
+struct MemberPointer;
+
+template < class V, class O >
+struct MemberPointer< V O::* > {
+   using Object = O;
+   using Value = V;
+};
+
+template < class M >
+struct Mutator;
+
+template < class R, class O, class A >
+struct Mutator< R ( O::* )( A ) > {
+   using Object = O;
+   using Value = std::remove_cvref_t< A >;
+};
+
+template < class M >
+struct Accessor;
+
+template < class R, class O >
+struct Accessor< R ( O::* )() const > {
+   using Object = O;
+   using Value = std::remove_cvref_t< R >;
+};
+
+template < class R >
+struct Accessor< R ( * )() > {
+   using Value = std::remove_cvref_t< R >;
+};
+
+/// The counted type behind a pointer, or the type itself.
+template < class V >
+struct Target {
+   using Type = V;
+   static constexpr bool isPointer = false;
+   static constexpr bool isConst = false;
+};
+template < class T >
+struct Target< Ptr< T > > {
+   using Type = std::remove_const_t< T >;
+   static constexpr bool isPointer = true;
+   static constexpr bool isConst = std::is_const_v< T >;
+};
+
+// -- Thunks -----------------------------------------------------------------------------------
+
+template < auto Field >
+const void *
+addressOf( const void * object ) {
+   using Object = typename MemberPointer< decltype( Field ) >::Object;
+   return &( static_cast< const Object * >( object )->*Field );
+}
+
+template < auto Write >
+void
+writeBy( void * object, const void * value ) {
+   using M = Mutator< decltype( Write ) >;
+   ( static_cast< typename M::Object * >( object )->*Write )(
+      *static_cast< const typename M::Value * >( value ) );
+}
+
+template < auto Read >
+void
+readBy( const void * object, void * result ) {
+   using A = Accessor< decltype( Read ) >;
+   if constexpr( std::is_member_function_pointer_v< decltype( Read ) > ) {
+      new( result )
+         typename A::Value( ( static_cast< const typename A::Object * >( object )->*Read )() );
+   } else {
+      new( result ) typename A::Value( Read() );
+   }
+}
+
+template < auto Factory >
+struct Creating;
+
+template < class R, class... Arguments, R ( *Factory )( Arguments... ) >
+struct Creating< Factory > {
+   template < size_t... I >
+   static Ptr< PtrInterface > call( [[maybe_unused]] const void * const * arguments,
+                                    std::index_sequence< I... > ) {
+      return Factory( *static_cast< const std::remove_cvref_t< Arguments > * >( arguments[I] )... );
+   }
+   static constexpr std::index_sequence_for< Arguments... > indices{};
+};
+
+/// Makes an object through its factory, one address per constructor parameter.
+template < auto Factory >
+Ptr< PtrInterface >
+createBy( const void * const * arguments ) {
+   return Creating< Factory >::call( arguments, Creating< Factory >::indices );
+}
+
+// -- Rows -------------------------------------------------------------------------------------
+
+template < class V >
+constexpr AttributeRow
+rowOf( const char * name, uint16_t id, AttributeKind kind, unsigned flags ) {
+   using T = Target< V >;
+   AttributeRow row{};
+   row.name = name;
+   row.id = id;
+   row.kind = kind;
+   row.flags = static_cast< uint16_t >( flags | ( T::isConst ? pointsToConst : 0 ) );
+   row.type = &TypeOf< typename T::Type >::descriptor;
+   row.stored = &valueOps< V >;
+   return row;
+}
+
+/// A constructor parameter, or a value's field.
+template < auto Field >
+constexpr AttributeRow
+parameter( const char * name, uint16_t id, unsigned flags = 0 ) {
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   AttributeRow row = rowOf< V >( name, id, AttributeKind::constructorParameter, flags );
+   row.address = &addressOf< Field >;
+   return row;
+}
+
+template < auto Field, auto Write >
+constexpr AttributeRow
+plain( const char * name, uint16_t id, unsigned flags = 0 ) {
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   AttributeRow row = rowOf< V >(
+      name, id, Target< V >::isPointer ? AttributeKind::pointer : AttributeKind::plain, flags );
+   row.address = &addressOf< Field >;
+   row.write = &writeBy< Write >;
+   return row;
+}
+
+/// A counter without `Is`: changed by its own operations only.
+template < auto Field >
+constexpr AttributeRow
+counter( const char * name, uint16_t id ) {
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   AttributeRow row = rowOf< V >( name, id, AttributeKind::plain, isCounter );
+   row.address = &addressOf< Field >;
+   return row;
+}
+
+template < auto Read >
+constexpr AttributeRow
+constant( const char * name, uint16_t id ) {
+   using V = typename Accessor< decltype( Read ) >::Value;
+   AttributeRow row = rowOf< V >( name, id, AttributeKind::constant, 0 );
+   row.read = &readBy< Read >;
+   return row;
+}
+
+template < auto Read >
+constexpr AttributeRow
+derived( const char * name, uint16_t id, unsigned flags = 0 ) {
+   using V = typename Accessor< decltype( Read ) >::Value;
+   AttributeRow row = rowOf< V >( name, id, AttributeKind::derived, flags );
+   row.read = &readBy< Read >;
+   return row;
+}
+
+/// A set inside a value.
+template < auto Field, class Key >
+constexpr AttributeRow
+valueSet( const char * name, uint16_t id ) {
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   AttributeRow row{};
+   row.name = name;
+   row.id = id;
+   row.kind = AttributeKind::collection;
+   row.flags = isSet | isOrdered;
+   row.type = &TypeOf< Key >::descriptor;
+   row.keyType = &TypeOf< Key >::descriptor;
+   row.stored = &valueOps< V >;
+   row.address = &addressOf< Field >;
+   return row;
+}
+
+/// A collection of an entity or counted object: `Member` is what it shows (a value type, or the
+/// member's own type), `ops` its operations.
+template < class Key, class Member >
+constexpr AttributeRow
+collection( const char * name, uint16_t id, unsigned flags, const CollectionOps * ops ) {
+   AttributeRow row{};
+   row.name = name;
+   row.id = id;
+   row.kind = AttributeKind::collection;
+   row.flags = static_cast< uint16_t >( flags );
+   row.type = &TypeOf< Member >::descriptor;
+   row.keyType = &TypeOf< Key >::descriptor;
+   row.collection = ops;
+   return row;
+}
+
+/// An operation reachable by name. `Result` is void for none.
+template < class Result >
+constexpr AttributeRow
+callable( const char * name, uint16_t id,
+          void ( *call )( void *, const GenericValue *, GenericValue * ),
+          std::span< const ParameterRow > parameters, unsigned flags = 0 ) {
+   AttributeRow row{};
+   if constexpr( !std::is_void_v< Result > ) {
+      row = rowOf< Result >( name, id, AttributeKind::callable, flags );
+      row.stored = &valueOps< Result >;
+   }
+   row.name = name;
+   row.id = id;
+   row.kind = AttributeKind::callable;
+   row.flags = static_cast< uint16_t >( row.flags | flags );
+   row.call = call;
+   row.parameters = parameters;
+   return row;
+}
+
+/// One argument of a callable or constructor.
+template < class V >
+constexpr ParameterRow
+argument( const char * name ) {
+   return { name, &TypeOf< typename Target< V >::Type >::descriptor, Target< V >::isPointer };
+}
+
+// -- Collections ------------------------------------------------------------------------------
+
+/// The reading half, over the container's own type.
+template < auto Field, class Key >
+struct Reading {
+   using Object = typename MemberPointer< decltype( Field ) >::Object;
+   using Map = typename MemberPointer< decltype( Field ) >::Value;
+   static const Map & map( const void * object ) {
+      return static_cast< const Object * >( object )->*Field;
+   }
+   static const Key & key( const void * k ) { return *static_cast< const Key * >( k ); }
+   static size_t count( const void * object ) { return map( object ).count(); }
+   static const PtrInterface * first( const void * object ) { return map( object ).firstMember(); }
+   static const PtrInterface * after( const void * object, const void * k ) {
+      return map( object ).memberAfter( key( k ) );
+   }
+   static const PtrInterface * find( const void * object, const void * k ) {
+      return map( object ).find( key( k ) );
+   }
+};
+
+/// What all forms share: reading, and the mutators that take a key alone. The types of the
+/// mutators given pick the overload.
+template < auto Field, class Key, class Removed,
+           Removed ( MemberPointer< decltype( Field ) >::Object::*Del )( const Key & ),
+           void ( MemberPointer< decltype( Field ) >::Object::*DelAll )(),
+           void ( MemberPointer< decltype( Field ) >::Object::*Notify )( const Key & ) >
+struct Shared : Reading< Field, Key > {
+   using Object = typename Reading< Field, Key >::Object;
+   static Object & at( void * object ) { return *static_cast< Object * >( object ); }
+   static const Key & keyAt( const void * key ) { return *static_cast< const Key * >( key ); }
+   static void del( void * object, const void * key ) { ( at( object ).*Del )( keyAt( key ) ); }
+   static void delAll( void * object ) { ( at( object ).*DelAll )(); }
+   static void notify( void * object, const void * key ) {
+      ( at( object ).*Notify )( keyAt( key ) );
+   }
+};
+
+/// Key and value of a member.
+template < class Member >
+const void *
+memberKey( const PtrInterface * member ) {
+   return &static_cast< const Member * >( member )->fwkKey();
+}
+
+template < class Node >
+const void *
+memberValue( const PtrInterface * member ) {
+   return &static_cast< const Node * >( member )->value();
+}
+
+/// How each form adds: `Mutate` is the generated xIs.
+template < auto Mutate >
+struct Adding;
+
+/// xIs( key, value ) and xIs( key, further constructor arguments ... )
+template < class R, class O, class Key, class... Arguments,
+           R ( O::*Mutate )( const Key &, Arguments... ) >
+struct Adding< Mutate > {
+   static void is( void * object, const void * key, const void * const * arguments ) {
+      call( object, key, arguments, std::index_sequence_for< Arguments... >() );
+   }
+   template < size_t... I >
+   static void call( void * object, const void * key,
+                     [[maybe_unused]] const void * const * arguments,
+                     std::index_sequence< I... > ) {
+      ( static_cast< O * >( object )->*Mutate )(
+         *static_cast< const Key * >( key ),
+         *static_cast< const std::remove_cvref_t< Arguments > * >( arguments[I] )... );
+   }
+};
+
+template < class Common, class Add, class Member, bool hasValue >
+constexpr CollectionOps
+fillCollectionOps() {
+   CollectionOps ops{};
+   ops.count = &Common::count;
+   ops.first = &Common::first;
+   ops.after = &Common::after;
+   ops.find = &Common::find;
+   ops.memberKey = &memberKey< Member >;
+   if constexpr( hasValue ) ops.memberValue = &memberValue< Member >;
+   ops.is = &Add::is;
+   ops.del = &Common::del;
+   ops.delAll = &Common::delAll;
+   ops.notify = &Common::notify;
+   return ops;
+}
+
+/// The ten operations of one collection. `Member` is the node or the member entity.
+template < class Common, class Add, class Member, bool hasValue >
+inline constexpr CollectionOps collectionOps = fillCollectionOps< Common, Add, Member, hasValue >();
+
+} // namespace Zek::Rows

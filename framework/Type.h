@@ -1,0 +1,397 @@
+// Type descriptors: what every registered type says of itself at run time.
+//
+// A descriptor is a constant: the type's full name, its operations as a value, and one row per
+// attribute with the attribute's name, number, kind and typed thunks. Generated code only fills
+// tables; reading, writing, text, iteration and streaming are one interpreter each over the rows.
+//
+// Thunks take the object by untyped pointer. For a counted object that is the address of its
+// PtrInterface, which stands at offset zero of every type.
+//
+// Descriptors are constant-initialised and live as long as the library is loaded. The registry is
+// insert-only and may be read from any thread.
+
+#pragma once
+
+#include "framework/Export.h"
+#include "framework/Name.h"
+#include "framework/Ptr.h"
+#include "framework/String.h"
+
+#include <concepts>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Zek {
+
+struct TypeDescriptor;
+class AttributeSink;
+class GenericValue;
+
+enum class TypeKind : uint8_t {
+   scalar,       // bool, integers, double
+   text,         // Zek::String, Zek::Name
+   opaque,       // a value type written by hand: compared, hashed and printed as a whole
+   enumeration,  //
+   value,        // a record of fields
+   entity,       // counted, in the tree
+   object,       // counted, no entity
+   stateMachine, // an entity whose attributes are its inputs
+};
+
+enum class AttributeKind : uint8_t {
+   constructorParameter, // set once, no mutator
+   plain,                // xIs( v )
+   pointer,              // plain, to a counted object
+   collection,           // xIs, xDel, xDelAll, xNotify
+   constant,             // static accessor
+   derived,              // computed
+   callable,             // operation
+};
+
+/// What else is to be known of an attribute; a set of these.
+enum AttributeFlag : uint16_t {
+   isKey = 1,            // the member's key in a collection
+   isCounter = 2,        // has xInc or xDec
+   abortsOnRead = 4,     // reading it fails an assertion by contract: skip it
+   isOrdered = 8,        // collection in key order; otherwise hashed order
+   isSet = 16,           // collection of keys alone
+   ownsMembers = 32,     // instantiating collection
+   refersToMembers = 64, // pointers to members owned elsewhere
+   isTestedFirst = 128,  // bound tested before the value is stored
+   pointsToConst = 256,  // pointer or member that may not be changed through it
+   keyIsField = 512,     // the key is one of the member value's fields
+   isStaticCall = 1024,  // callable without an object
+};
+
+/// A value type's operations, for code that knows it by its descriptor only. Addresses are of
+/// objects of exactly that type.
+struct ValueOps {
+   uint32_t size;
+   uint32_t alignment;
+   void ( *construct )( void * );                   // the type's zero value
+   void ( *copy )( void *, const void * );          // copy-constructs
+   void ( *destroy )( void * );                     //
+   bool ( *equal )( const void *, const void * );   //
+   bool ( *less )( const void *, const void * );    // null when unordered
+   uint32_t ( *hash )( const void * );              // null when not hashed
+   void ( *append )( const void *, std::string & ); // text form, as in a value's field
+   bool ( *read )( std::string_view, void * );      // assigns; false when the text is not one
+};
+
+/// One enumerator: name and number.
+struct EnumeratorRow {
+   const char * name;
+   int64_t value;
+};
+
+/// One argument of a callable or of a constructor.
+struct ParameterRow {
+   const char * name;
+   const TypeDescriptor * type;
+   bool isPointer;
+};
+
+/// A collection, for code that knows it by its row only. Keys and values by untyped address.
+struct CollectionOps {
+   size_t ( *count )( const void * object );
+   /// The first member, and the one after `key` in the collection's order; null at the end.
+   const PtrInterface * ( *first )( const void * object );
+   const PtrInterface * ( *after )( const void * object, const void * key );
+   /// The member under `key`, or null.
+   const PtrInterface * ( *find )( const void * object, const void * key );
+   /// Key and value of a member of this collection; the value is null for sets and entities.
+   const void * ( *memberKey )( const PtrInterface * member );
+   const void * ( *memberValue )( const PtrInterface * member );
+   /// The typed mutators. `arguments`: for values the value; for keyed fields, null (the value is
+   /// the key argument); for owning collections an array of addresses of the further constructor
+   /// arguments; for references null (the key argument is a Ptr to the member).
+   void ( *is )( void * object, const void * keyOrMember, const void * const * arguments );
+   void ( *del )( void * object, const void * key );
+   void ( *delAll )( void * object );
+   void ( *notify )( void * object, const void * key );
+};
+
+/// One attribute of a type.
+struct AttributeRow {
+   const char * name;
+   uint16_t id;
+   AttributeKind kind;
+   uint16_t flags;
+   const TypeDescriptor * type;    // of the value, the collection's member or value, the result
+   const TypeDescriptor * keyType; // collections
+   const ValueOps * stored;        // of what stands at address(): value, set or pointer
+   const void * ( *address )( const void * object );     // of the stored value; null: none
+   void ( *read )( const void * object, void * result ); // constructs the computed value in it
+   void ( *write )( void * object, const void * value ); // the typed mutator
+   const CollectionOps * collection;
+   void ( *call )( void * object, const GenericValue * arguments, GenericValue * result );
+   std::span< const ParameterRow > parameters; // of a callable
+
+   bool has( AttributeFlag flag ) const { return flags & flag; }
+};
+
+/// Receives the changes of one object by attribute number (see relays).
+class IPSTATE_EXPORT AttributeSink {
+ public:
+   virtual ~AttributeSink();
+   /// A plain attribute changed.
+   virtual void onAttribute( const AttributeRow & row ) = 0;
+   /// A member of a collection was added, changed or removed. `key` is valid during the call.
+   virtual void onMember( const AttributeRow & row, const void * key ) = 0;
+};
+
+/// One registered type.
+struct TypeDescriptor {
+   const char * fullName;
+   TypeKind kind;
+   bool isRecord;    // one of the library's own registered types (not a framework or value type)
+   bool isNamed;     // has a name of its own
+   bool hasNotifier; //
+   bool hasAttrLog;  //
+   const TypeDescriptor * base;
+   const ValueOps * values;                    // values, enumerations; null for counted types
+   std::span< const AttributeRow > attributes; // own ones, in declaration order
+   std::span< const EnumeratorRow > enumerators;
+   std::span< const ParameterRow > constructorParameters;
+   /// Makes an object through the type's factory; one address per constructor parameter.
+   Ptr< PtrInterface > ( *create )( const void * const * arguments );
+   /// Makes a notifiee that forwards every change of `object` to `sink` until destroyed. The
+   /// sink must outlive it.
+   Ptr< PtrInterface > ( *relay )( const PtrInterface & object, AttributeSink & sink );
+   AllocTrackTypeInfo * allocations;
+
+   mutable const TypeDescriptor * next = nullptr; // registry's
+   mutable uint32_t nameHash = 0;                 // registry's
+
+   /// The row of an attribute by name or number, here or in a base; null when there is none. The
+   /// framework attributes of entities are rows of the base Zek::Entity.
+   IPSTATE_EXPORT const AttributeRow * attribute( std::string_view name ) const;
+   IPSTATE_EXPORT const AttributeRow * attribute( uint16_t id ) const;
+   IPSTATE_EXPORT bool isA( const TypeDescriptor & other ) const;
+   bool isCounted() const { return kind >= TypeKind::entity; }
+   bool isEntity() const { return kind == TypeKind::entity || kind == TypeKind::stateMachine; }
+};
+
+/// Registers a type; done once per type by the initialiser of the file that defines it.
+/// Registering the same name again (a second copy of the library) changes nothing.
+IPSTATE_EXPORT void typeNodeIs( const TypeDescriptor & type );
+/// The type of that full name, or null.
+IPSTATE_EXPORT const TypeDescriptor * typeNode( std::string_view fullName );
+/// Calls `visit` for every registered type, in no particular order.
+IPSTATE_EXPORT void forEachType( void ( *visit )( const TypeDescriptor &, void * ),
+                                 void * context );
+
+// -- From C++ types to descriptors ------------------------------------------------------------
+
+/// TypeOf< T >::descriptor is the descriptor of T. Generated classes carry theirs as
+/// zekTypeDescriptor_; builtins, enumerations and types written by hand specialise this.
+template < class T >
+struct TypeOf {
+   static constexpr const TypeDescriptor & descriptor = T::zekTypeDescriptor_;
+};
+
+#define ZEK_BUILTIN( T )                                                                           \
+   template <>                                                                                     \
+   struct IPSTATE_EXPORT TypeOf< T > {                                                             \
+      static const TypeDescriptor descriptor;                                                      \
+   }
+ZEK_BUILTIN( bool );
+ZEK_BUILTIN( uint8_t );
+ZEK_BUILTIN( uint16_t );
+ZEK_BUILTIN( uint32_t );
+ZEK_BUILTIN( uint64_t );
+ZEK_BUILTIN( int8_t );
+ZEK_BUILTIN( int16_t );
+ZEK_BUILTIN( int32_t );
+ZEK_BUILTIN( int64_t );
+ZEK_BUILTIN( double );
+ZEK_BUILTIN( String );
+ZEK_BUILTIN( Name );
+#undef ZEK_BUILTIN
+
+// -- Text of scalars and enumerations ---------------------------------------------------------
+
+IPSTATE_EXPORT void appendText( bool value, std::string & out );
+IPSTATE_EXPORT void appendText( uint64_t value, std::string & out );
+IPSTATE_EXPORT void appendText( int64_t value, std::string & out );
+IPSTATE_EXPORT void appendText( double value, std::string & out );
+IPSTATE_EXPORT void appendText( const String & value, std::string & out ); // quoted where needed
+IPSTATE_EXPORT void appendText( const Name & value, std::string & out );
+IPSTATE_EXPORT bool readText( std::string_view text, bool & value );
+IPSTATE_EXPORT bool readUnsigned( std::string_view text, uint64_t most, uint64_t & value );
+IPSTATE_EXPORT bool readSigned( std::string_view text, int64_t least, int64_t most,
+                                int64_t & value );
+IPSTATE_EXPORT bool readText( std::string_view text, double & value );
+IPSTATE_EXPORT bool readText( std::string_view text, String & value );
+IPSTATE_EXPORT bool readText( std::string_view text, Name & value );
+
+/// "Value('Ip::IntfAddrInfo', ** {'intfId': Ethernet1, 'addr': 10.0.0.1})" of the object at
+/// `value`, from the type's rows.
+IPSTATE_EXPORT void appendValueText( const TypeDescriptor & type, const void * value,
+                                     std::string & out );
+/// Reads that form back into the value at `value`, field by field; exactly that form. On failure
+/// the value is unchanged and `problem` (when not null) says what was expected at which offset.
+IPSTATE_EXPORT bool readValueText( const TypeDescriptor & type, std::string_view text, void * value,
+                                   std::string * problem );
+
+/// Enumerator names; null when `value` is none of them.
+IPSTATE_EXPORT const char * enumeratorName( const TypeDescriptor & type, int64_t value );
+/// The enumerator's number; throws RangeException naming type and text or number when unknown.
+IPSTATE_EXPORT int64_t enumeratorValue( const TypeDescriptor & type, std::string_view name );
+IPSTATE_EXPORT int64_t enumeratorValue( const TypeDescriptor & type, int64_t number );
+
+// -- Value operations -------------------------------------------------------------------------
+
+/// A counted object as text: its address as 0x and hex digits, null as "null".
+IPSTATE_EXPORT void appendPointerText( const PtrInterface * object, std::string & out );
+
+template < class T >
+inline constexpr bool isPtr = false;
+template < class T >
+inline constexpr bool isPtr< Ptr< T > > = true;
+
+template < class T >
+void
+appendField( const T & value, std::string & out ) {
+   if constexpr( isPtr< T > ) {
+      appendPointerText( value.ptr(), out );
+   } else if constexpr( std::is_enum_v< T > ) {
+      const char * name =
+         enumeratorName( TypeOf< T >::descriptor, static_cast< int64_t >( value ) );
+      if( name ) {
+         out += name;
+      } else {
+         appendText( static_cast< int64_t >( value ), out );
+      }
+   } else if constexpr( std::is_same_v< T, bool > || std::is_same_v< T, double > ||
+                        std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      appendText( value, out );
+   } else if constexpr( std::is_unsigned_v< T > ) {
+      appendText( static_cast< uint64_t >( value ), out );
+   } else if constexpr( std::is_signed_v< T > ) {
+      appendText( static_cast< int64_t >( value ), out );
+   } else {
+      value.appendTo( out );
+   }
+}
+
+/// The text of a value standing alone, as in a message: strings as they are.
+template < class T >
+void
+appendPlain( const T & value, std::string & out ) {
+   if constexpr( requires { value.view(); } ) {
+      out += value.view();
+   } else {
+      appendField( value, out );
+   }
+}
+
+template < class T >
+bool
+readField( std::string_view text, T & value ) {
+   if constexpr( isPtr< T > ) {
+      return false;
+   } else if constexpr( std::is_enum_v< T > ) {
+      for( const EnumeratorRow & row : TypeOf< T >::descriptor.enumerators ) {
+         if( text == row.name ) {
+            value = static_cast< T >( row.value );
+            return true;
+         }
+      }
+      return false;
+   } else if constexpr( std::is_same_v< T, bool > || std::is_same_v< T, double > ||
+                        std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      return readText( text, value );
+   } else if constexpr( std::is_unsigned_v< T > ) {
+      uint64_t wide;
+      if( !readUnsigned( text, std::numeric_limits< T >::max(), wide ) ) return false;
+      value = static_cast< T >( wide );
+      return true;
+   } else if constexpr( std::is_signed_v< T > ) {
+      int64_t wide;
+      if( !readSigned( text, std::numeric_limits< T >::min(), std::numeric_limits< T >::max(),
+                       wide ) ) {
+         return false;
+      }
+      value = static_cast< T >( wide );
+      return true;
+   } else {
+      return T::fromText( text, value );
+   }
+}
+
+template < class T >
+concept Ordered = requires( const T & a ) {
+   { a < a } -> std::convertible_to< bool >;
+};
+
+template < class T >
+concept Hashed = std::is_arithmetic_v< T > || std::is_enum_v< T > || requires( const T & a ) {
+   { a.hash() } -> std::convertible_to< uint32_t >;
+};
+
+template < class T >
+uint32_t
+hashField( const T & value ) {
+   if constexpr( std::is_arithmetic_v< T > || std::is_enum_v< T > ) {
+      uint64_t wide = 0;
+      if constexpr( std::is_floating_point_v< T > ) {
+         static_assert( sizeof( T ) == sizeof( wide ) );
+         __builtin_memcpy( &wide, &value, sizeof( wide ) );
+      } else {
+         wide = static_cast< uint64_t >( value );
+      }
+      wide *= 0x9e3779b97f4a7c15;
+      return static_cast< uint32_t >( wide >> 32 );
+   } else {
+      return value.hash();
+   }
+}
+
+template < class T >
+struct ValueThunks {
+   static const T & at( const void * p ) { return *static_cast< const T * >( p ); }
+   static void construct( void * p ) { new( p ) T(); }
+   static void copy( void * p, const void * from ) { new( p ) T( at( from ) ); }
+   static void destroy( void * p ) { static_cast< T * >( p )->~T(); }
+   static bool equal( const void * a, const void * b ) { return at( a ) == at( b ); }
+   static bool less( const void * a, const void * b ) {
+      if constexpr( Ordered< T > ) {
+         return at( a ) < at( b );
+      } else {
+         return false;
+      }
+   }
+   static uint32_t hash( const void * p ) {
+      if constexpr( Hashed< T > ) {
+         return hashField( at( p ) );
+      } else {
+         return 0;
+      }
+   }
+   static void append( const void * p, std::string & out ) { appendField( at( p ), out ); }
+   static bool read( std::string_view text, void * p ) {
+      return readField( text, *static_cast< T * >( p ) );
+   }
+};
+
+/// The operations of T as a value.
+template < class T >
+inline constexpr ValueOps valueOps = {
+   sizeof( T ),
+   alignof( T ),
+   &ValueThunks< T >::construct,
+   &ValueThunks< T >::copy,
+   &ValueThunks< T >::destroy,
+   &ValueThunks< T >::equal,
+   Ordered< T > ? &ValueThunks< T >::less : nullptr,
+   Hashed< T > ? &ValueThunks< T >::hash : nullptr,
+   &ValueThunks< T >::append,
+   &ValueThunks< T >::read,
+};
+
+} // namespace Zek
