@@ -66,6 +66,7 @@ class IPSTATE_EXPORT String {
    /// Appends in place when nobody shares the text and its room is enough.
    String & operator+=( std::string_view text );
    String & operator+=( const String & text ) { return *this += text.view(); }
+   String & operator+=( const std::string & text ) { return *this += std::string_view( text ); }
    String & operator+=( const char * text ) { return *this += String( text ); }
    String & operator+=( char c ) { return *this += std::string_view( &c, 1 ); }
    friend String operator+( String a, const String & b ) {

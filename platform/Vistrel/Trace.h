@@ -173,10 +173,18 @@ appendPart( std::string & out, const T & part ) {
    }
 }
 
+/// How trace() hands a part on: small plain values by copy, so that a value which lives in
+/// registers need not be put into memory while the level is off.
+template < class T >
+using PartArgument =
+   std::conditional_t< std::is_trivially_copyable_v< T > && !std::is_array_v< T > &&
+                          sizeof( T ) <= 2 * sizeof( void * ),
+                       T, const T & >;
+
 /// The part of trace() that runs only when the level is on.
-template < class... Parts >
+template < class... Arguments >
 [[gnu::noinline, gnu::cold]] void
-emitParts( TraceHandle & handle, unsigned level, const char * function, const Parts &... parts ) {
+emitParts( TraceHandle & handle, unsigned level, const char * function, Arguments... parts ) {
    std::string text;
    ( appendPart( text, parts ), ... );
    handle.emit( level, function, text );
@@ -187,7 +195,7 @@ template < class... Parts >
 inline void
 trace( TraceHandle & handle, unsigned level, const char * function, const Parts &... parts ) {
    if( handle.enabled( level ) ) [[unlikely]] {
-      emitParts( handle, level, function, parts... );
+      emitParts< PartArgument< Parts >... >( handle, level, function, parts... );
    }
 }
 
