@@ -146,7 +146,7 @@ IPSTATE_EXPORT Dir::Ptr dirFactory( const Name & name = Name() );
 // -- Verbs of owning collections --------------------------------------------------------------
 
 /// Puts a new member into the collection with number `attributeId` of `parent`.
-template < class Map, class Member >
+template< class Map, class Member >
 void
 adoptMember( Map & members, Member & member, Entity & parent, uint16_t attributeId ) {
    member.parentAttrIdIs( attributeId );
@@ -162,7 +162,7 @@ disownMember( Entity & member ) {
 }
 
 /// Clears the parent of every member of an owning collection; run by the dying parent.
-template < class Map >
+template< class Map >
 void
 orphanMembers( Map & members ) {
    for( typename Map::Iterator i( members ); i; ++i ) disownMember( *i.ptr() );
@@ -175,7 +175,7 @@ orphanMembers( Map & members ) {
 
 /// A member that exists must have been made with the same constructor arguments: throws
 /// NameInUseException naming the parameter and both values otherwise.
-template < class V >
+template< class V >
 void
 requireSameParameter( const Entity & member, const char * parameter, const V & requested,
                       const std::type_identity_t< V > & current ) {

@@ -7,7 +7,7 @@
 
 namespace Zek {
 
-template < class E >
+template< class E >
 struct EnumType {
    /// The enumerator of that number; throws RangeException when there is none.
    static E instance( int64_t number ) {

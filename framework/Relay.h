@@ -11,7 +11,7 @@
 
 namespace Zek {
 
-template < class N >
+template< class N >
 class Relay : public N {
  public:
    Relay( const TypeDescriptor & type, AttributeSink & sink ) : type_( type ), sink_( sink ) {}
@@ -33,7 +33,7 @@ class Relay : public N {
 };
 
 /// Makes a relay of type R, attached to `object` (a T) and registered.
-template < class R, class T >
+template< class R, class T >
 Ptr< PtrInterface >
 makeRelay( const PtrInterface & object, AttributeSink & sink ) {
    auto relay = allocate< R >( *object.fwkType(), sink );

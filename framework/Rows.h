@@ -14,46 +14,46 @@ namespace Zek::Rows {
 
 // -- Taking member pointers apart -------------------------------------------------------------
 
-template < class M >
+template< class M >
 struct MemberPointer;
 
-template < class V, class O >
+template< class V, class O >
 struct MemberPointer< V O::* > {
    using Object = O;
    using Value = V;
 };
 
-template < class M >
+template< class M >
 struct Mutator;
 
-template < class R, class O, class A >
+template< class R, class O, class A >
 struct Mutator< R ( O::* )( A ) > {
    using Object = O;
    using Value = std::remove_cvref_t< A >;
 };
 
-template < class M >
+template< class M >
 struct Accessor;
 
-template < class R, class O >
+template< class R, class O >
 struct Accessor< R ( O::* )() const > {
    using Object = O;
    using Value = std::remove_cvref_t< R >;
 };
 
-template < class R >
+template< class R >
 struct Accessor< R ( * )() > {
    using Value = std::remove_cvref_t< R >;
 };
 
 /// The counted type behind a pointer, or the type itself.
-template < class V >
+template< class V >
 struct Target {
    using Type = V;
    static constexpr bool isPointer = false;
    static constexpr bool isConst = false;
 };
-template < class T >
+template< class T >
 struct Target< Ptr< T > > {
    using Type = std::remove_const_t< T >;
    static constexpr bool isPointer = true;
@@ -62,14 +62,14 @@ struct Target< Ptr< T > > {
 
 // -- Thunks -----------------------------------------------------------------------------------
 
-template < auto Field >
+template< auto Field >
 const void *
 addressOf( const void * object ) {
    using Object = typename MemberPointer< decltype( Field ) >::Object;
    return &( static_cast< const Object * >( object )->*Field );
 }
 
-template < auto Write >
+template< auto Write >
 void
 writeBy( void * object, const void * value ) {
    using M = Mutator< decltype( Write ) >;
@@ -77,7 +77,7 @@ writeBy( void * object, const void * value ) {
       *static_cast< const typename M::Value * >( value ) );
 }
 
-template < auto Read >
+template< auto Read >
 void
 readBy( const void * object, void * result ) {
    using A = Accessor< decltype( Read ) >;
@@ -89,12 +89,12 @@ readBy( const void * object, void * result ) {
    }
 }
 
-template < auto Factory >
+template< auto Factory >
 struct Creating;
 
-template < class R, class... Arguments, R ( *Factory )( Arguments... ) >
+template< class R, class... Arguments, R ( *Factory )( Arguments... ) >
 struct Creating< Factory > {
-   template < size_t... I >
+   template< size_t... I >
    static Ptr< PtrInterface > call( [[maybe_unused]] const void * const * arguments,
                                     std::index_sequence< I... > ) {
       return Factory( *static_cast< const std::remove_cvref_t< Arguments > * >( arguments[I] )... );
@@ -103,7 +103,7 @@ struct Creating< Factory > {
 };
 
 /// Makes an object through its factory, one address per constructor parameter.
-template < auto Factory >
+template< auto Factory >
 Ptr< PtrInterface >
 createBy( const void * const * arguments ) {
    return Creating< Factory >::call( arguments, Creating< Factory >::indices );
@@ -111,7 +111,7 @@ createBy( const void * const * arguments ) {
 
 // -- Rows -------------------------------------------------------------------------------------
 
-template < class V >
+template< class V >
 constexpr AttributeRow
 rowOf( const char * name, uint16_t id, AttributeKind kind, unsigned flags ) {
    using T = Target< V >;
@@ -126,7 +126,7 @@ rowOf( const char * name, uint16_t id, AttributeKind kind, unsigned flags ) {
 }
 
 /// A constructor parameter, or a value's field.
-template < auto Field >
+template< auto Field >
 constexpr AttributeRow
 parameter( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
@@ -135,7 +135,7 @@ parameter( const char * name, uint16_t id, unsigned flags = 0 ) {
    return row;
 }
 
-template < auto Field, auto Write >
+template< auto Field, auto Write >
 constexpr AttributeRow
 plain( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
@@ -147,7 +147,7 @@ plain( const char * name, uint16_t id, unsigned flags = 0 ) {
 }
 
 /// A counter without `Is`: changed by its own operations only.
-template < auto Field >
+template< auto Field >
 constexpr AttributeRow
 counter( const char * name, uint16_t id ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
@@ -156,7 +156,7 @@ counter( const char * name, uint16_t id ) {
    return row;
 }
 
-template < auto Read >
+template< auto Read >
 constexpr AttributeRow
 constant( const char * name, uint16_t id ) {
    using V = typename Accessor< decltype( Read ) >::Value;
@@ -165,7 +165,7 @@ constant( const char * name, uint16_t id ) {
    return row;
 }
 
-template < auto Read >
+template< auto Read >
 constexpr AttributeRow
 derived( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename Accessor< decltype( Read ) >::Value;
@@ -175,7 +175,7 @@ derived( const char * name, uint16_t id, unsigned flags = 0 ) {
 }
 
 /// A set inside a value.
-template < auto Field, class Key >
+template< auto Field, class Key >
 constexpr AttributeRow
 valueSet( const char * name, uint16_t id ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
@@ -193,7 +193,7 @@ valueSet( const char * name, uint16_t id ) {
 
 /// A collection of an entity or counted object: `Member` is what it shows (a value type, or the
 /// member's own type), `ops` its operations.
-template < class Key, class Member >
+template< class Key, class Member >
 constexpr AttributeRow
 collection( const char * name, uint16_t id, unsigned flags, const CollectionOps * ops ) {
    AttributeRow row{};
@@ -208,7 +208,7 @@ collection( const char * name, uint16_t id, unsigned flags, const CollectionOps 
 }
 
 /// An operation reachable by name. `Result` is void for none.
-template < class Result >
+template< class Result >
 constexpr AttributeRow
 callable( const char * name, uint16_t id,
           void ( *call )( void *, const GenericValue *, GenericValue * ),
@@ -228,7 +228,7 @@ callable( const char * name, uint16_t id,
 }
 
 /// One argument of a callable or constructor.
-template < class V >
+template< class V >
 constexpr ParameterRow
 argument( const char * name ) {
    return { name, &TypeOf< typename Target< V >::Type >::descriptor, Target< V >::isPointer };
@@ -237,7 +237,7 @@ argument( const char * name ) {
 // -- Collections ------------------------------------------------------------------------------
 
 /// The reading half, over the container's own type.
-template < auto Field, class Key >
+template< auto Field, class Key >
 struct Reading {
    using Object = typename MemberPointer< decltype( Field ) >::Object;
    using Map = typename MemberPointer< decltype( Field ) >::Value;
@@ -257,10 +257,10 @@ struct Reading {
 
 /// What all forms share: reading, and the mutators that take a key alone. The types of the
 /// mutators given pick the overload.
-template < auto Field, class Key, class Removed,
-           Removed ( MemberPointer< decltype( Field ) >::Object::*Del )( const Key & ),
-           void ( MemberPointer< decltype( Field ) >::Object::*DelAll )(),
-           void ( MemberPointer< decltype( Field ) >::Object::*Notify )( const Key & ) >
+template< auto Field, class Key, class Removed,
+          Removed ( MemberPointer< decltype( Field ) >::Object::*Del )( const Key & ),
+          void ( MemberPointer< decltype( Field ) >::Object::*DelAll )(),
+          void ( MemberPointer< decltype( Field ) >::Object::*Notify )( const Key & ) >
 struct Shared : Reading< Field, Key > {
    using Object = typename Reading< Field, Key >::Object;
    static Object & at( void * object ) { return *static_cast< Object * >( object ); }
@@ -273,30 +273,30 @@ struct Shared : Reading< Field, Key > {
 };
 
 /// Key and value of a member.
-template < class Member >
+template< class Member >
 const void *
 memberKey( const PtrInterface * member ) {
    return &static_cast< const Member * >( member )->fwkKey();
 }
 
-template < class Node >
+template< class Node >
 const void *
 memberValue( const PtrInterface * member ) {
    return &static_cast< const Node * >( member )->value();
 }
 
 /// How each form adds: `Mutate` is the generated xIs.
-template < auto Mutate >
+template< auto Mutate >
 struct Adding;
 
 /// xIs( key, value ) and xIs( key, further constructor arguments ... )
-template < class R, class O, class Key, class... Arguments,
-           R ( O::*Mutate )( const Key &, Arguments... ) >
+template< class R, class O, class Key, class... Arguments,
+          R ( O::*Mutate )( const Key &, Arguments... ) >
 struct Adding< Mutate > {
    static void is( void * object, const void * key, const void * const * arguments ) {
       call( object, key, arguments, std::index_sequence_for< Arguments... >() );
    }
-   template < size_t... I >
+   template< size_t... I >
    static void call( void * object, const void * key,
                      [[maybe_unused]] const void * const * arguments,
                      std::index_sequence< I... > ) {
@@ -306,7 +306,7 @@ struct Adding< Mutate > {
    }
 };
 
-template < class Common, class Add, class Member, bool hasValue >
+template< class Common, class Add, class Member, bool hasValue >
 constexpr CollectionOps
 fillCollectionOps() {
    CollectionOps ops{};
@@ -324,7 +324,7 @@ fillCollectionOps() {
 }
 
 /// The ten operations of one collection. `Member` is the node or the member entity.
-template < class Common, class Add, class Member, bool hasValue >
+template< class Common, class Add, class Member, bool hasValue >
 inline constexpr CollectionOps collectionOps = fillCollectionOps< Common, Add, Member, hasValue >();
 
 } // namespace Zek::Rows

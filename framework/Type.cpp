@@ -152,7 +152,7 @@ struct RegisterBuiltins {
 
 namespace {
 
-template < class T >
+template< class T >
 void
 appendNumber( T value, std::string & out ) {
    char digits[32];

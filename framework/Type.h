@@ -13,10 +13,12 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Hash.h"
 #include "framework/Name.h"
 #include "framework/Ptr.h"
 #include "framework/String.h"
 
+#include <bit>
 #include <concepts>
 #include <cstdint>
 #include <limits>
@@ -189,13 +191,13 @@ IPSTATE_EXPORT void forEachType( void ( *visit )( const TypeDescriptor &, void *
 
 /// TypeOf< T >::descriptor is the descriptor of T. Generated classes carry theirs as
 /// zekTypeDescriptor_; builtins, enumerations and types written by hand specialise this.
-template < class T >
+template< class T >
 struct TypeOf {
    static constexpr const TypeDescriptor & descriptor = T::zekTypeDescriptor_;
 };
 
 #define ZEK_BUILTIN( T )                                                                           \
-   template <>                                                                                     \
+   template<>                                                                                      \
    struct IPSTATE_EXPORT TypeOf< T > {                                                             \
       static const TypeDescriptor descriptor;                                                      \
    }
@@ -249,12 +251,12 @@ IPSTATE_EXPORT int64_t enumeratorValue( const TypeDescriptor & type, int64_t num
 /// A counted object as text: its address as 0x and hex digits, null as "null".
 IPSTATE_EXPORT void appendPointerText( const PtrInterface * object, std::string & out );
 
-template < class T >
+template< class T >
 inline constexpr bool isPtr = false;
-template < class T >
+template< class T >
 inline constexpr bool isPtr< Ptr< T > > = true;
 
-template < class T >
+template< class T >
 void
 appendField( const T & value, std::string & out ) {
    if constexpr( isPtr< T > ) {
@@ -280,7 +282,7 @@ appendField( const T & value, std::string & out ) {
 }
 
 /// The text of a value standing alone, as in a message: strings as they are.
-template < class T >
+template< class T >
 void
 appendPlain( const T & value, std::string & out ) {
    if constexpr( requires { value.view(); } ) {
@@ -290,7 +292,7 @@ appendPlain( const T & value, std::string & out ) {
    }
 }
 
-template < class T >
+template< class T >
 bool
 readField( std::string_view text, T & value ) {
    if constexpr( isPtr< T > ) {
@@ -324,35 +326,35 @@ readField( std::string_view text, T & value ) {
    }
 }
 
-template < class T >
+template< class T >
 concept Ordered = requires( const T & a ) {
    { a < a } -> std::convertible_to< bool >;
 };
 
-template < class T >
+template< class T >
 concept Hashed = std::is_arithmetic_v< T > || std::is_enum_v< T > || requires( const T & a ) {
    { a.hash() } -> std::convertible_to< uint32_t >;
 };
 
-template < class T >
+template< class T >
 uint32_t
 hashField( const T & value ) {
-   if constexpr( std::is_arithmetic_v< T > || std::is_enum_v< T > ) {
-      uint64_t wide = 0;
-      if constexpr( std::is_floating_point_v< T > ) {
-         static_assert( sizeof( T ) == sizeof( wide ) );
-         __builtin_memcpy( &wide, &value, sizeof( wide ) );
-      } else {
-         wide = static_cast< uint64_t >( value );
-      }
-      wide *= 0x9e3779b97f4a7c15;
-      return static_cast< uint32_t >( wide >> 32 );
+   if constexpr( std::is_floating_point_v< T > ) {
+      static_assert( sizeof( T ) == sizeof( uint64_t ) );
+      // Equal values hash alike: 0.0 and -0.0 compare equal.
+      return hashNumber( std::bit_cast< uint64_t >( value == 0 ? T( 0 ) : value ) );
    } else {
-      return value.hash();
+      return hashOf( value );
    }
 }
 
-template < class T >
+/// The hash of two fields, in their order.
+inline uint32_t
+hashCombine( uint32_t first, uint32_t second ) {
+   return hashNumber( static_cast< uint64_t >( first ) << 32 | second );
+}
+
+template< class T >
 struct ValueThunks {
    static const T & at( const void * p ) { return *static_cast< const T * >( p ); }
    static void construct( void * p ) { new( p ) T(); }
@@ -380,7 +382,7 @@ struct ValueThunks {
 };
 
 /// The operations of T as a value.
-template < class T >
+template< class T >
 inline constexpr ValueOps valueOps = {
    sizeof( T ),
    alignof( T ),

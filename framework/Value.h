@@ -15,7 +15,7 @@
 namespace Zek {
 
 /// The value's text form as a string.
-template < class V >
+template< class V >
 String
 valueText( const V & value ) {
    std::string out;
@@ -31,7 +31,7 @@ IPSTATE_EXPORT void readValueOrThrow( const TypeDescriptor & type, std::string_v
 /// A value holding one string of at most Derived::maxBytes bytes. Longer ones are refused where
 /// the value is made, with the RangeException text Derived::lengthError; so no record ever holds
 /// one. Hashes, compares and prints as its string.
-template < class Derived >
+template< class Derived >
 class BoundedString {
  public:
    const Zek::String & string() const { return text_; }

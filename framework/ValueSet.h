@@ -17,7 +17,7 @@ namespace Zek {
 /// Writes "Default key not supported in collection inside nominal" to standard error.
 IPSTATE_EXPORT void reportDefaultKeyUnsupported();
 
-template < class Key >
+template< class Key >
 class ValueSet {
  public:
    using const_iterator = typename std::vector< Key >::const_iterator;
