@@ -144,7 +144,8 @@ TEST( String, SharesItsTextUntilOneOfTheCopiesGrows ) {
    b += 'd';
    EXPECT_EQ( a, "abc" );
    EXPECT_EQ( b, "abcd" );
-   b = b;
+   const String & same = b;
+   b = same;
    EXPECT_EQ( b, "abcd" );
    String moved( std::move( b ) );
    EXPECT_EQ( moved, "abcd" );
