@@ -1,0 +1,319 @@
+#include "agents/ipstated/KernelState.h"
+
+#include <algorithm>
+
+#include <linux/if.h>
+#include <linux/if_addr.h>
+
+namespace Ipstated {
+
+bool
+Ip4Address::primary() const {
+   return !( flags & IFA_F_SECONDARY );
+}
+
+bool
+Ip6Address::tentative() const {
+   return flags & IFA_F_TENTATIVE;
+}
+
+bool
+Ip6Address::dadFailed() const {
+   return flags & IFA_F_DADFAILED;
+}
+
+bool
+Interface::up() const {
+   return flags & IFF_UP;
+}
+
+bool
+Interface::noArp() const {
+   return flags & IFF_NOARP;
+}
+
+const Ip4Address *
+Interface::primary4() const {
+   for( const Ip4Address & address : addresses4 ) {
+      if( address.primary() ) {
+         return &address;
+      }
+   }
+   return nullptr;
+}
+
+const Interface *
+KernelState::find( int index ) const {
+   auto found = interfaces_.find( index );
+   return found == interfaces_.end() ? nullptr : &found->second;
+}
+
+Interface *
+KernelState::find( int index ) {
+   auto found = interfaces_.find( index );
+   return found == interfaces_.end() ? nullptr : &found->second;
+}
+
+const Interface *
+KernelState::findByName( const std::string & name ) const {
+   auto found = byName_.find( name );
+   return found == byName_.end() ? nullptr : find( found->second );
+}
+
+Interface &
+KernelState::at( int index ) {
+   Interface & interface = interfaces_[index];
+   interface.index = index;
+   return interface;
+}
+
+void
+KernelState::nameIs( Interface & interface, const std::string & name ) {
+   if( interface.present ) {
+      if( interface.name == name ) {
+         return;
+      }
+      byName_.erase( interface.name );
+   }
+   interface.present = true;
+   interface.name = name;
+   byName_[name] = interface.index;
+}
+
+void
+KernelState::unname( Interface & interface ) {
+   if( interface.present ) {
+      byName_.erase( interface.name );
+      interface.present = false;
+   }
+}
+
+void
+KernelState::remove( int index ) {
+   auto found = interfaces_.find( index );
+   if( found == interfaces_.end() ) {
+      return;
+   }
+   if( found->second.present ) {
+      byName_.erase( found->second.name );
+   }
+   interfaces_.erase( found );
+}
+
+bool
+KernelState::refresh( Interface & interface ) const {
+   // A VRF device is the loopback of its own VRF: what is configured on it lives there.
+   std::string_view vrf = defaultVrf;
+   if( interface.isVrf ) {
+      vrf = interface.name;
+   } else if( interface.master ) {
+      const Interface * master = find( interface.master );
+      if( master && master->present && master->isVrf ) {
+         vrf = master->name;
+      }
+   }
+
+   // The kernel's own rules: the stricter reverse-path filter and the stronger duplicate address
+   // detection win, directed broadcasts need both switches. Setting "all" copies forwarding into
+   // every interface, so that the interface's own value is the one in effect.
+   Ip4Config config4 = interface.own4;
+   config4.rpFilter = std::max( all4.rpFilter, config4.rpFilter );
+   config4.bcForwarding = all4.bcForwarding && config4.bcForwarding;
+   Ip6Config config6 = interface.own6;
+   config6.acceptDad = std::max( all6.acceptDad, config6.acceptDad );
+   config6.enhancedDad = all6.enhancedDad || config6.enhancedDad;
+
+   if( interface.vrf == vrf && interface.config4 == config4 && interface.config6 == config6 ) {
+      return false;
+   }
+   interface.vrf = vrf;
+   interface.config4 = config4;
+   interface.config6 = config6;
+   return true;
+}
+
+void
+KernelState::refreshAll() {
+   for( auto & entry : interfaces_ ) {
+      refresh( entry.second );
+   }
+}
+
+namespace {
+
+template < class Address >
+auto
+findObject( std::vector< Address > & list, const Address & address ) {
+   return std::find_if( list.begin(), list.end(),
+                        [&]( const Address & other ) { return other.sameObject( address ); } );
+}
+
+/// Where a new primary of that scope goes.
+size_t
+primaryPosition( const std::vector< Ip4Address > & list, uint8_t scope ) {
+   size_t position = 0;
+   for( size_t i = 0; i < list.size(); ++i ) {
+      if( list[i].primary() && scope <= list[i].scope ) {
+         position = i + 1;
+      }
+   }
+   return position;
+}
+
+/// Where the kernel moves the secondary at `from` when it promotes it.
+size_t
+promotedPosition( const Interface & interface, size_t from ) {
+   const std::vector< Ip4Address > & list = interface.addresses4;
+   size_t at = interface.promotionAt;
+   if( at == Interface::noPromotion || at > from ) {
+      return std::min( primaryPosition( list, list[from].scope ), from );
+   }
+   if( at == from ) {
+      return from; // it followed the deleted primary and stays where it is
+   }
+   // Deliberate: unless a primary stands between the two, the kernel puts it behind the very first
+   // address, not behind the last primary before the deleted one.
+   size_t position = at ? 1 : 0;
+   for( size_t i = at; i < from; ++i ) {
+      if( list[i].primary() && interface.promotionScope <= list[i].scope ) {
+         position = i + 1;
+      }
+   }
+   return position;
+}
+
+} // namespace
+
+Difference
+addAddress( Interface & interface, const Ip4Address & address ) {
+   std::vector< Ip4Address > & list = interface.addresses4;
+   auto found = findObject( list, address );
+   if( found == list.end() ) {
+      size_t position = address.primary() ? primaryPosition( list, address.scope ) : list.size();
+      list.insert( list.begin() + ptrdiff_t( position ), address );
+      interface.promotionAt = Interface::noPromotion;
+      return Difference::added;
+   }
+   if( *found == address ) {
+      return Difference::none;
+   }
+   bool promoted = !found->primary() && address.primary();
+   *found = address;
+   if( promoted ) {
+      size_t from = size_t( found - list.begin() );
+      size_t to = promotedPosition( interface, from );
+      std::rotate( list.begin() + ptrdiff_t( to ), list.begin() + ptrdiff_t( from ),
+                   list.begin() + ptrdiff_t( from ) + 1 );
+   }
+   interface.promotionAt = Interface::noPromotion;
+   return Difference::changed;
+}
+
+Difference
+removeAddress( Interface & interface, const Ip4Address & address ) {
+   std::vector< Ip4Address > & list = interface.addresses4;
+   auto found = findObject( list, address );
+   if( found == list.end() ) {
+      return Difference::none;
+   }
+   bool primary = found->primary();
+   interface.promotionAt = primary ? size_t( found - list.begin() ) : Interface::noPromotion;
+   interface.promotionScope = found->scope;
+   list.erase( found );
+   return Difference::removed;
+}
+
+Difference
+addAddress( Interface & interface, const Ip6Address & address ) {
+   auto found = findObject( interface.addresses6, address );
+   if( found == interface.addresses6.end() ) {
+      interface.addresses6.push_back( address );
+      return Difference::added;
+   }
+   if( *found == address ) {
+      return Difference::none;
+   }
+   *found = address;
+   return Difference::changed;
+}
+
+Difference
+removeAddress( Interface & interface, const Ip6Address & address ) {
+   auto found = findObject( interface.addresses6, address );
+   if( found == interface.addresses6.end() ) {
+      return Difference::none;
+   }
+   interface.addresses6.erase( found );
+   return Difference::removed;
+}
+
+namespace {
+
+template < class Group >
+Difference
+addMember( std::vector< Group > & groups, const Group & group ) {
+   if( std::find( groups.begin(), groups.end(), group ) != groups.end() ) {
+      return Difference::none;
+   }
+   groups.push_back( group );
+   return Difference::added;
+}
+
+template < class Group >
+Difference
+removeMember( std::vector< Group > & groups, const Group & group ) {
+   auto found = std::find( groups.begin(), groups.end(), group );
+   if( found == groups.end() ) {
+      return Difference::none;
+   }
+   groups.erase( found );
+   return Difference::removed;
+}
+
+} // namespace
+
+Difference
+addGroup( Interface & interface, Ip4 group ) {
+   return addMember( interface.groups4, group );
+}
+
+Difference
+removeGroup( Interface & interface, Ip4 group ) {
+   return removeMember( interface.groups4, group );
+}
+
+Difference
+addGroup( Interface & interface, const Ip6 & group ) {
+   return addMember( interface.groups6, group );
+}
+
+Difference
+removeGroup( Interface & interface, const Ip6 & group ) {
+   return removeMember( interface.groups6, group );
+}
+
+std::vector< Ip4Address >
+mergeDumps( const std::vector< Ip4Address > & earlier, const std::vector< Ip4Address > & later ) {
+   std::vector< Ip4Address > merged;
+   merged.reserve( later.size() );
+   for( const Ip4Address & address : later ) {
+      // An interrupted dump may also tell an entry twice: the last word counts.
+      auto found = findObject( merged, address );
+      if( found == merged.end() ) {
+         merged.push_back( address );
+      } else {
+         *found = address;
+      }
+   }
+   size_t behind = 0;
+   for( const Ip4Address & address : earlier ) {
+      auto found = findObject( merged, address );
+      if( found == merged.end() ) {
+         found = merged.insert( merged.begin() + ptrdiff_t( behind ), address );
+      }
+      behind = size_t( found - merged.begin() ) + 1;
+   }
+   return merged;
+}
+
+} // namespace Ipstated

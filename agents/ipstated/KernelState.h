@@ -1,0 +1,188 @@
+// What the kernel says about its interfaces, as plain values.
+//
+// The model knows nothing of sockets, records or observers: messages are applied to it, and each
+// operation answers whether anything became different. Interfaces are held by interface index,
+// because that is how the kernel's messages speak. An address or a configuration message may come
+// before the message about its link, so an interface can be known in part: only one whose
+// `present` is true has been named by the kernel.
+//
+// Two fields need more than one message: the VRF (the interface's master, if that is a VRF device)
+// and the effective configuration (the interface's own values and those for "all"). refresh()
+// derives them; whoever applies messages calls it.
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace Ipstated {
+
+/// An IPv4 address as a number, first byte highest.
+using Ip4 = uint32_t;
+
+/// An IPv6 address in network order.
+using Ip6 = std::array< uint8_t, 16 >;
+
+/// The VRF of an interface that no VRF device holds.
+inline constexpr std::string_view defaultVrf = "default";
+
+struct Ip4Address {
+   Ip4 local = 0;
+   Ip4 peer = 0; ///< equals `local` unless the other end of the link was named
+   uint8_t prefixLength = 0;
+   uint8_t scope = 0;  ///< the kernel's route scope: 0 universe, 253 link, 254 host
+   uint32_t flags = 0; ///< IFA_F_...
+   std::string label;
+
+   bool primary() const;
+
+   /// The kernel allows one address of this identity on an interface.
+   bool sameObject( const Ip4Address & other ) const {
+      return local == other.local && peer == other.peer && prefixLength == other.prefixLength;
+   }
+
+   bool operator==( const Ip4Address & other ) const = default;
+};
+
+struct Ip6Address {
+   Ip6 address{};
+   uint8_t prefixLength = 0;
+   uint8_t scope = 0;
+   uint32_t flags = 0; ///< IFA_F_...
+
+   bool tentative() const;
+   bool dadFailed() const;
+
+   /// The kernel allows an IPv6 address once on an interface, whatever its prefix length.
+   bool sameObject( const Ip6Address & other ) const { return address == other.address; }
+
+   bool operator==( const Ip6Address & other ) const = default;
+};
+
+struct Ip4Config {
+   bool forwarding = false;
+   uint8_t rpFilter = 0; ///< 0 off, 1 strict, 2 loose
+   bool bcForwarding = false;
+
+   bool operator==( const Ip4Config & other ) const = default;
+};
+
+struct Ip6Config {
+   bool forwarding = false;
+   int acceptDad = 0;
+   bool enhancedDad = false;
+   uint32_t retransTime = 0; ///< milliseconds
+
+   bool operator==( const Ip6Config & other ) const = default;
+};
+
+struct Interface {
+   int index = 0;
+   bool present = false; ///< the kernel has told its name
+   std::string name;
+   uint32_t flags = 0; ///< IFF_...
+   bool isVrf = false;
+   uint32_t table = 0; ///< routing table, of a VRF device
+   int master = 0;     ///< interface index of the device that holds this one, 0 for none
+
+   Ip4Config own4; ///< as set for this interface
+   Ip6Config own6;
+
+   std::vector< Ip4Address > addresses4; ///< in the kernel's order
+   std::vector< Ip6Address > addresses6;
+   std::vector< Ip4 > groups4;
+   std::vector< Ip6 > groups6;
+
+   // Derived by KernelState::refresh().
+   std::string vrf{ defaultVrf };
+   Ip4Config config4; ///< in effect: own values and those for "all" taken together
+   Ip6Config config6;
+
+   bool up() const;
+   bool noArp() const;
+
+   /// The first primary IPv4 address in the kernel's order, null when there is none; valid until
+   /// the interface changes.
+   const Ip4Address * primary4() const;
+
+   // Where the last deletion took a primary out, for the kernel moves a secondary that it promotes
+   // in its place; none when `promotionAt` is noPromotion.
+   static constexpr size_t noPromotion = ~size_t( 0 );
+   size_t promotionAt = noPromotion;
+   uint8_t promotionScope = 0;
+};
+
+/// What an operation on the model found.
+enum class Difference { none, added, changed, removed };
+
+class KernelState {
+ public:
+   /// Interfaces by index; one without `present` is only partly known.
+   const std::map< int, Interface > & interfaces() const { return interfaces_; }
+
+   /// Null when unknown; valid until the interface is removed.
+   const Interface * find( int index ) const;
+   Interface * find( int index );
+
+   /// The present interface of that name, null when there is none.
+   const Interface * findByName( const std::string & name ) const;
+
+   /// The interface of that index, made (not present) when it is unknown.
+   Interface & at( int index );
+
+   /// Makes the interface present under `name`, or renames it. REQUIRES: no other present
+   /// interface has that name.
+   void nameIs( Interface & interface, const std::string & name );
+
+   /// Makes the interface not present; what is known of it stays.
+   void unname( Interface & interface );
+
+   void remove( int index );
+
+   /// Values that hold for all interfaces.
+   Ip4Config all4;
+   Ip6Config all6;
+
+   /// Derives `vrf`, `config4` and `config6`; true if any of them became different.
+   bool refresh( Interface & interface ) const;
+   void refreshAll();
+
+   template < class Function >
+   void forEach( Function function ) {
+      for( auto & entry : interfaces_ ) {
+         function( entry.second );
+      }
+   }
+
+ private:
+   std::map< int, Interface > interfaces_;
+   std::unordered_map< std::string, int > byName_;
+};
+
+/// Adds or replaces an address where the kernel puts it: a new primary behind the last primary
+/// whose scope is not smaller (so one of link scope comes before all global ones), a secondary at
+/// the end, a promoted secondary where the deleted primary's group ends.
+Difference addAddress( Interface & interface, const Ip4Address & address );
+Difference removeAddress( Interface & interface, const Ip4Address & address );
+
+Difference addAddress( Interface & interface, const Ip6Address & address );
+Difference removeAddress( Interface & interface, const Ip6Address & address );
+
+Difference addGroup( Interface & interface, Ip4 group );
+Difference removeGroup( Interface & interface, Ip4 group );
+Difference addGroup( Interface & interface, const Ip6 & group );
+Difference removeGroup( Interface & interface, const Ip6 & group );
+
+/// The addresses of two dumps of one interface taken together: `later` as it stands, and those of
+/// `earlier` that it lacks, each behind the one that it followed. An interrupted dump can leave
+/// entries out; what vanished meanwhile is told by an event.
+std::vector< Ip4Address > mergeDumps( const std::vector< Ip4Address > & earlier,
+                                      const std::vector< Ip4Address > & later );
+
+} // namespace Ipstated
