@@ -5,9 +5,12 @@
 
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
+#include <type_traits>
 
 namespace Zek {
 
@@ -26,7 +29,7 @@ hashBytes( const void * bytes, size_t size ) {
    constexpr uint64_t odd = 0x9e3779b97f4a7c15u;
    const char * p = static_cast< const char * >( bytes );
    uint64_t h = size * odd;
-   auto take = [ &h ]( uint64_t word ) {
+   auto take = [&h]( uint64_t word ) {
       h = ( h ^ word ) * odd;
       h ^= h >> 32;
    };
@@ -42,6 +45,45 @@ hashBytes( const void * bytes, size_t size ) {
    }
    h *= 0xd6e8feb86659fd93u;
    return static_cast< uint32_t >( h ^ h >> 32 );
+}
+
+/// Hash of a number of at most 64 bits.
+constexpr uint32_t
+hashNumber( uint64_t v ) {
+   v = ( v ^ v >> 32 ) * 0x9e3779b97f4a7c15u;
+   v = ( v ^ v >> 32 ) * 0xd6e8feb86659fd93u;
+   return static_cast< uint32_t >( v ^ v >> 32 );
+}
+
+/// A key that carries its reversed hash, so that no lookup has to compute it.
+template < class Key >
+concept HasReversedHash = requires( const Key & key ) {
+   { key.reversedHash() } -> std::convertible_to< uint32_t >;
+};
+
+/// The hash of any key: its own hash(), else that of a number, an enumerator or a text.
+template < class Key >
+constexpr uint32_t
+hashOf( const Key & key ) {
+   if constexpr( std::is_integral_v< Key > || std::is_enum_v< Key > ) {
+      return hashNumber( static_cast< uint64_t >( key ) );
+   } else if constexpr( requires { key.hash(); } ) {
+      return key.hash();
+   } else {
+      std::string_view text( key );
+      return hashBytes( text.data(), text.size() );
+   }
+}
+
+/// bitReverse( hashOf( key ) ), the major key of every hashed order.
+template < class Key >
+constexpr uint32_t
+reversedHashOf( const Key & key ) {
+   if constexpr( HasReversedHash< Key > ) {
+      return key.reversedHash();
+   } else {
+      return bitReverse( hashOf( key ) );
+   }
 }
 
 } // namespace Zek

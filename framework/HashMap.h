@@ -1,0 +1,167 @@
+// Hashed collections of counted members.
+//
+//    HashMap< Entity, Velon::IntfId >            members owned here or elsewhere, keyed by fwkKey()
+//    HashMap< const Entity, Zek::Name, Functor > read-only members, keyed by Functor()( member )
+//    HashMap< ZekMcaddr, Velon::IpAddr >         member nodes (framework/Node.h)
+//
+// The map is one pointer. It holds a reference to every member. A member's key must not change
+// while it is in the map. Order: by reversed hash, then by key; it depends on the members alone.
+// Everything that does not depend on the types is in framework/HashTable.h, once.
+//
+// Iterators hold a reference to the member they stand on and tolerate every change of the map: a
+// removed member still answers, and the next step goes to the next member present. Members
+// inserted ahead are seen, members inserted behind are not. They must not outlive the map.
+
+#pragma once
+
+#include "framework/Assert.h"
+#include "framework/Hash.h"
+#include "framework/HashTable.h"
+#include "framework/Ptr.h"
+
+#include <type_traits>
+
+namespace Zek {
+
+/// The key of a member that knows it.
+struct FwkKeyFunktor {
+   template < class Member >
+   decltype( auto ) operator()( const Member & member ) const {
+      return member.fwkKey();
+   }
+};
+
+template < class Member, class Key, class KeyFunktor = FwkKeyFunktor >
+class HashMap {
+ public:
+   using MemberType = Member;
+   using KeyType = Key;
+
+   size_t count() const { return table_.count(); }
+   /// The member under `key`, or null. The map's reference is the only one: a caller that keeps
+   /// the member takes its own.
+   Member * find( const Key & key ) const {
+      auto same = [&key]( const PtrInterface * member ) { return keyOf( member ) == key; };
+      return typed( table_.isDense() ? table_.findDense( same )
+                                     : table_.find( reversedHashOf( key ), same ) );
+   }
+   bool has( const Key & key ) const { return find( key ) != nullptr; }
+
+   /// Adds a member. REQUIRES none under its key.
+   void insert( Member * member ) {
+      const Key & key = keyOf( untyped( member ) );
+      assertKey( member, key );
+      table_.insert( ops, reversedHashOf( key ), &key, untyped( member ) );
+   }
+   /// Puts `member` in the place of the one under its key, which is returned. REQUIRES one there.
+   Ptr< Member > replace( Member * member ) {
+      const Key & key = keyOf( untyped( member ) );
+      Member * old = find( key );
+      assertThat( old != nullptr, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
+      assertKey( member, key );
+      table_.replace( reversedHashOf( key ), untyped( old ), untyped( member ) );
+      return Ptr< Member >::adopt( old );
+   }
+   /// Removes and returns the member under `key`, or returns null. `key` may be the member's own.
+   Ptr< Member > take( const Key & key ) {
+      Member * member = find( key );
+      if( member ) table_.unlink( reversedHashOf( key ), untyped( member ) );
+      return Ptr< Member >::adopt( member );
+   }
+   /// Empties the map first, then drops the members in order.
+   void clear() { table_.clear(); }
+
+   /// Nodes of key and value: sets the value under `key`. True when a member was added or its
+   /// value changed; allocates one node at most.
+   template < class Value >
+   bool valueIs( const Key & key, const Value & value ) {
+      if( Member * member = find( key ) ) return change( member, value );
+      insert( allocate< Member >( key, value ).ptr() );
+      return true;
+   }
+   /// Nodes keyed by a field of their value: the same.
+   template < class Value >
+   bool valueIs( const Value & value ) {
+      const Key & key = typename Member::KeyFunktorType()( value );
+      if( Member * member = find( key ) ) return change( member, value );
+      insert( allocate< Member >( value ).ptr() );
+      return true;
+   }
+   /// Sets: adds the key. True when it was absent.
+   bool keyIs( const Key & key ) {
+      if( find( key ) ) return false;
+      insert( allocate< Member >( key ).ptr() );
+      return true;
+   }
+
+   class IteratorConst : public HashCursor {
+    public:
+      explicit IteratorConst( const HashMap & map ) : HashCursor( map.table_ ) {}
+      /// At `key`, or at the end when it is absent.
+      IteratorConst( const HashMap & map, const Key & key )
+         : HashCursor( map.table_, untyped( map.find( key ) ) ) {}
+
+      IteratorConst & operator++() {
+         step();
+         return *this;
+      }
+      // REQUIRES of the rest: not at the end. Answers stay valid until the iterator moves.
+      decltype( auto ) key() const { return KeyFunktor()( *ptr() ); }
+      const Member * ptr() const { return typed( member() ); }
+      decltype( auto ) value() const { return ptr()->value(); }
+   };
+
+   class Iterator : public IteratorConst {
+    public:
+      using IteratorConst::IteratorConst;
+      Iterator & operator++() {
+         this->step();
+         return *this;
+      }
+      Member * ptr() const { return typed( this->member() ); }
+   };
+
+   /// The untyped map, for walks that know no types.
+   const HashTable & table() const { return table_; }
+
+ private:
+   static Member * typed( PtrInterface * member ) { return static_cast< Member * >( member ); }
+   static PtrInterface * untyped( const Member * member ) {
+      return const_cast< std::remove_const_t< Member > * >( member );
+   }
+   static decltype( auto ) keyOf( const PtrInterface * member ) {
+      return KeyFunktor()( *static_cast< const Member * >( member ) );
+   }
+   static void assertKey( const Member * member, const Key & key ) {
+      if constexpr( !std::is_same_v< KeyFunktor, FwkKeyFunktor > &&
+                    requires { member->fwkKey() == key; } ) {
+         assertThat( member->fwkKey() == key, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
+      }
+   }
+   template < class Value >
+   static bool change( Member * member, const Value & value ) {
+      if( member->value() == value ) return false;
+      member->valueIs( value );
+      return true;
+   }
+
+   static uint32_t reversedHashOfMember( const PtrInterface * member ) {
+      return reversedHashOf< Key >( keyOf( member ) );
+   }
+   static int compare( const PtrInterface * member, const void * other ) {
+      const Key & a = keyOf( member );
+      const Key & b = *static_cast< const Key * >( other );
+      uint32_t hashA = reversedHashOf( a ), hashB = reversedHashOf( b );
+      if( hashA != hashB ) return hashA < hashB ? -1 : 1;
+      return a == b ? 0 : a < b ? -1 : 1;
+   }
+   static int compareMembers( const PtrInterface * a, const PtrInterface * b ) {
+      const Key & key = keyOf( b );
+      return compare( a, &key );
+   }
+   static constexpr HashTableOps ops = { &reversedHashOfMember, &compare, &compareMembers };
+
+   HashTable table_;
+};
+
+} // namespace Zek

@@ -1,0 +1,226 @@
+#include "framework/HashMap.h"
+#include "tests/framework/CollectionModel.h"
+
+#include <set>
+#include <string>
+
+namespace CollectionTest {
+namespace {
+
+template < class Key >
+using IntNode = Node< Zek::KeyValueNode< Key, int > >;
+template < class Key >
+using IntMap = Zek::HashMap< IntNode< Key >, Key >;
+
+template < class Key >
+constexpr bool HasGoodHash = std::is_same_v< Key, Id > || std::is_same_v< Key, Plain >;
+
+template < class Key >
+class AnyHash : public testing::Test {};
+using Keys = testing::Types< Id, Plain, Clash, Skewed >;
+TYPED_TEST_SUITE( AnyHash, Keys );
+
+TYPED_TEST( AnyHash, FollowsTheModelThroughRandomChanges ) {
+   static_assert( sizeof( IntMap< TypeParam > ) == sizeof( void * ) );
+   const uint32_t most = HasGoodHash< TypeParam > ? 4000 : 400;
+   for( uint32_t seed = 1; seed <= 4; ++seed ) {
+      {
+         Story< IntMap< TypeParam >, TypeParam, HashedOrder > story( seed );
+         for( uint32_t keys : { 3u, 12u, 40u, most } ) {
+            story.tell( 1500, keys, 70 );
+            story.tell( 1000, keys, 30 );
+            if( seed % 2 ) story.clear();
+         }
+         story.map.clear();
+         EXPECT_EQ( story.map.table().bytes(), 0u );
+      }
+      EXPECT_EQ( IntNode< TypeParam >::alive(), 0u );
+   }
+}
+
+// A walk of one step per insertion, so that it meets every stage of every growth.
+TYPED_TEST( AnyHash, AWalkDuringGrowthSeesWhatIsAheadOnceAndInOrder ) {
+   const uint32_t last = HasGoodHash< TypeParam > ? 30000 : 600;
+   IntMap< TypeParam > map;
+   std::set< TypeParam, HashedOrder > model;
+   auto add = [&]( uint32_t n ) {
+      map.valueIs( TypeParam( n ), 0 );
+      model.insert( TypeParam( n ) );
+   };
+   add( 0 );
+   for( uint32_t n = 1; n < last; ) {
+      for( typename IntMap< TypeParam >::Iterator i( map ); i && n < last; ) {
+         TypeParam on = i.key();
+         add( n++ );
+         add( n++ );
+         ++i;
+         auto next = model.upper_bound( on );
+         ASSERT_EQ( static_cast< bool >( i ), next != model.end() );
+         if( i ) {
+            ASSERT_EQ( i.key().number, next->number );
+         }
+      }
+      // The untyped walk in the middle of whatever goes on.
+      Zek::PtrInterface * member = map.table().firstMember();
+      for( const TypeParam & key : model ) {
+         ASSERT_EQ( member, map.find( key ) );
+         ASSERT_EQ( map.table().memberAfter( Zek::reversedHashOf( key ), &key ),
+                    map.table().memberAfter( member ) );
+         member = map.table().memberAfter( member );
+      }
+      ASSERT_EQ( member, nullptr );
+   }
+}
+
+TYPED_TEST( AnyHash, TheOrderDoesNotDependOnTheHistory ) {
+   IntMap< TypeParam > up, down;
+   for( uint32_t n = 0; n < 900; ++n ) {
+      up.valueIs( TypeParam( n ), 0 );
+      down.valueIs( TypeParam( 1799 - n ), 0 );
+   }
+   for( uint32_t n = 0; n < 600; ++n ) {
+      up.valueIs( TypeParam( 900 + n ), 0 );
+      up.take( TypeParam( n ) );
+      down.take( TypeParam( 1799 - n ) ); // 1200 to 1799
+   }
+   for( uint32_t n = 0; n < 300; ++n ) up.take( TypeParam( 1499 - n ) );
+   for( uint32_t n = 0; n < 300; ++n ) down.valueIs( TypeParam( 600 + n ), 0 );
+   typename IntMap< TypeParam >::IteratorConst a( up ), b( down );
+   for( ; a && b; ++a, ++b ) ASSERT_EQ( a.key().number, b.key().number );
+   EXPECT_TRUE( !a && !b );
+   EXPECT_EQ( up.count(), 600u );
+}
+
+TEST( HashMap, FewMembersCostFewBytes ) {
+   IntMap< Id > map;
+   EXPECT_EQ( map.table().bytes(), 0u );
+   for( auto [count, limit] : { std::pair( 1u, 48u ), { 2u, 64u }, { 4u, 96u }, { 8u, 160u } } ) {
+      while( map.count() < count ) map.valueIs( Id( static_cast< uint32_t >( map.count() ) ), 0 );
+      EXPECT_LE( map.table().bytes(), limit );
+   }
+}
+
+// -- Members that live elsewhere --------------------------------------------------------------
+
+class Record : public Zek::PtrInterface {
+ public:
+   explicit Record( std::string name ) : name_( std::move( name ) ) {}
+   const std::string & fwkKey() const { return name_; }
+   std::string label() const { return "/" + name_; }
+   void labelledIs() { ++labelled; }
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   static inline Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "CollectionTest::Record", 64 };
+   int labelled = 0;
+
+ private:
+   std::string name_;
+};
+
+struct LabelFunktor {
+   std::string operator()( const Record & record ) const { return record.label(); }
+};
+
+TEST( HashMap, HoldsMembersOfOthersByReference ) {
+   auto eth = Zek::allocate< Record >( "eth" );
+   Zek::Ptr< const Record > otherEth = Zek::allocate< Record >( "eth" );
+   {
+      Zek::HashMap< const Record, std::string > map;
+      map.insert( eth.ptr() );
+      EXPECT_EQ( eth->references(), 2u );
+      EXPECT_EQ( map.find( "eth" ), eth.ptr() );
+      Zek::HashMap< const Record, std::string >::Iterator on( map, "eth" ), end( map, "et" );
+      EXPECT_FALSE( end );
+      EXPECT_EQ( map.replace( otherEth.ptr() ), eth );
+      EXPECT_EQ( eth->references(), 2u ); // the iterator's
+      EXPECT_EQ( on.ptr(), eth.ptr() );
+      ++on;
+      EXPECT_FALSE( on );
+      EXPECT_EQ( otherEth->references(), 2u );
+   }
+   EXPECT_EQ( eth->references(), 1u );
+   EXPECT_EQ( otherEth->references(), 1u );
+}
+
+TEST( HashMap, TakesAKeyThatAFunktorComputes ) {
+   struct NameFunktor {
+      std::string operator()( const Record & record ) const { return record.fwkKey(); }
+   };
+   Zek::HashMap< Record, std::string, NameFunktor > map;
+   for( int i = 0; i < 20; ++i ) map.insert( Zek::allocate< Record >( std::to_string( i ) ).ptr() );
+   EXPECT_EQ( map.find( "13" )->label(), "/13" );
+   Zek::HashMap< Record, std::string, NameFunktor >::Iterator i( map, "7" );
+   i.ptr()->labelledIs();
+   EXPECT_EQ( map.take( "7" )->labelled, 1 );
+   EXPECT_EQ( map.count(), 19u );
+
+   Zek::HashMap< Record, std::string, LabelFunktor > wrong;
+   EXPECT_DEATH( wrong.insert( Zek::allocate< Record >( "x" ).ptr() ),
+                 "assertion 'fwkKey\\(\\) == KeyFunktor\\(\\)\\( _value \\)' failed" );
+}
+
+// -- Values keyed by a field, sets ------------------------------------------------------------
+
+struct Group {
+   uint32_t address;
+   int members;
+   bool operator==( const Group & ) const = default;
+};
+struct AddressFunktor {
+   const uint32_t & operator()( const Group & group ) const { return group.address; }
+};
+using GroupNode = Node< Zek::ValueNode< Group, AddressFunktor > >;
+using SetNode = Node< Zek::KeyNode< uint32_t > >;
+
+TEST( HashMap, KeepsAValueUnderOneOfItsFields ) {
+   Zek::HashMap< GroupNode, uint32_t > map;
+   EXPECT_TRUE( map.valueIs( Group{ 5, 1 } ) );
+   EXPECT_FALSE( map.valueIs( Group{ 5, 1 } ) );
+   EXPECT_TRUE( map.valueIs( Group{ 5, 2 } ) );
+   EXPECT_EQ( GroupNode::alive(), 1u );
+   EXPECT_EQ( map.find( 5 )->value().members, 2 );
+   EXPECT_DEATH( map.find( 5 )->valueIs( Group{ 6, 2 } ),
+                 "assertion 'fwkKey\\(\\) == KeyFunktor\\(\\)\\( _value \\)' failed" );
+   Zek::HashMap< SetNode, uint32_t > set;
+   EXPECT_TRUE( set.keyIs( 5 ) );
+   EXPECT_FALSE( set.keyIs( 5 ) );
+   EXPECT_EQ( SetNode::alive(), 1u );
+}
+
+// -- Members that act as they die -------------------------------------------------------------
+
+class Avenger final : public Zek::KeyNode< uint32_t > {
+ public:
+   using Map = Zek::HashMap< Avenger, uint32_t >;
+   Avenger( uint32_t key, Map & map ) : KeyNode( key ), map_( map ) {}
+   ~Avenger() override {
+      EXPECT_FALSE( map_.has( key() ) );
+      if( key() < 100 ) map_.insert( Zek::allocate< Avenger >( key() + 100, map_ ).ptr() );
+   }
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   static inline Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "CollectionTest::Avenger", 32 };
+
+ private:
+   Map & map_;
+};
+
+TEST( HashMap, IsSoundWhenADyingMemberChangesIt ) {
+   {
+      Avenger::Map map;
+      for( uint32_t i = 0; i < 50; ++i ) map.insert( Zek::allocate< Avenger >( i, map ).ptr() );
+      Avenger::Map::Iterator on( map, 7 );
+      map.take( 3 );
+      EXPECT_TRUE( map.has( 103 ) );
+      map.clear();
+      EXPECT_EQ( map.count(), 48u ); // not that of 3, which went, nor that of 7, which is held
+      EXPECT_EQ( on.key(), 7u );
+      ++on;
+      EXPECT_TRUE( on );
+      EXPECT_EQ( map.count(), 49u );
+      map.clear();
+      EXPECT_EQ( map.count(), 0u );
+   }
+   EXPECT_EQ( Avenger::allocTrackTypeInfo_.liveObjects(), 0u );
+}
+
+} // namespace
+} // namespace CollectionTest
