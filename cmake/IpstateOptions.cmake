@@ -1,0 +1,48 @@
+# Switches of the build and the flags that hold for every target.
+
+option( IPSTATE_PROGRAMS "Build the programs (needs libmnl and CLI11)" ON )
+option( IPSTATE_TESTS "Build the tests (needs GoogleTest)" ${PROJECT_IS_TOP_LEVEL} )
+option( IPSTATE_BENCH "Configure the benchmarks, built by the target bench" OFF )
+option( IPSTATE_FUZZ "Build the fuzzers (clang only)" OFF )
+option( IPSTATE_WERROR "Treat warnings as errors" ON )
+set( IPSTATE_SANITIZE "" CACHE STRING "Sanitizers, as in address,undefined" )
+option( IPSTATE_COVERAGE "Count executed lines" OFF )
+
+if( NOT CMAKE_BUILD_TYPE )
+   set( CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Debug, Release or RelWithDebInfo" FORCE )
+endif()
+
+set( CMAKE_CXX_STANDARD 20 )
+set( CMAKE_CXX_STANDARD_REQUIRED ON )
+set( CMAKE_CXX_EXTENSIONS OFF )
+set( CMAKE_CXX_VISIBILITY_PRESET hidden )
+set( CMAKE_VISIBILITY_INLINES_HIDDEN ON )
+set( CMAKE_POSITION_INDEPENDENT_CODE ON )
+set( CMAKE_EXPORT_COMPILE_COMMANDS ON )
+
+add_compile_options( -Wall -Wextra -Wpedantic )
+if( IPSTATE_WERROR )
+   add_compile_options( -Werror )
+endif()
+
+set( IPSTATE_INSTRUMENTED FALSE )
+if( IPSTATE_SANITIZE )
+   set( IPSTATE_INSTRUMENTED TRUE )
+   add_compile_options( -fsanitize=${IPSTATE_SANITIZE} -fno-sanitize-recover=all
+                        -fno-omit-frame-pointer )
+   add_link_options( -fsanitize=${IPSTATE_SANITIZE} )
+endif()
+if( IPSTATE_FUZZ )
+   set( IPSTATE_INSTRUMENTED TRUE )
+   add_compile_options( -fsanitize=fuzzer-no-link )
+endif()
+if( IPSTATE_COVERAGE )
+   set( IPSTATE_INSTRUMENTED TRUE )
+   add_compile_options( --coverage )
+   add_link_options( --coverage )
+endif()
+
+find_program( IPSTATE_CCACHE ccache )
+if( IPSTATE_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER )
+   set( CMAKE_CXX_COMPILER_LAUNCHER "${IPSTATE_CCACHE}" )
+endif()
