@@ -1,0 +1,44 @@
+# The front door. `make run` and `make test` install what is missing, configure, build and run.
+
+JOBS ?= $(shell nproc)
+export JOBS
+
+.PHONY: run build test bench format tidy install clean
+
+# Mirrors this machine's kernel. Where standard output is no terminal, ipstated ends after the
+# table; so that only the table is there, the build speaks on standard error.
+run: build
+	@exec build/release/ipstated $(ARGS)
+
+build:
+	@scripts/install-packages build
+	@cmake --preset release >&2
+	@cmake --build --preset release -j $(JOBS) >&2
+
+test:
+	@scripts/install-packages build test
+	@scripts/run-tests
+
+# One program: make bench BENCH=bench_HashMap
+bench:
+	@scripts/install-packages build bench
+	@cmake --preset release -D IPSTATE_BENCH=ON >&2
+	@cmake --build --preset release --target $(or $(BENCH),bench) -j $(JOBS) >&2
+	@for program in build/release/bench/$(or $(BENCH),bench_*); do \
+	   echo "== $$program"; $$program $(ARGS) || exit 1; done
+
+format:
+	@scripts/check-format --fix
+
+tidy:
+	@scripts/install-packages build tidy
+	@cmake --preset asan >&2
+	@cmake --build --preset asan --target ipstate -j $(JOBS) >&2
+	@scripts/check-tidy
+
+# PREFIX=/opt/ipstate, DESTDIR as usual
+install: build
+	@cmake --install build/release $(if $(PREFIX),--prefix $(PREFIX))
+
+clean:
+	@rm -rf build
