@@ -57,7 +57,7 @@ class IPSTATE_EXPORT Name {
       return a == b ? std::strong_ordering::equal : a.view() <=> b.view();
    }
    /// Comparison with a text makes no name of it.
-   template < class T >
+   template< class T >
    requires std::convertible_to< const T &, std::string_view >
    friend bool operator==( Name a, const T & b ) { return a.view() == std::string_view( b ); }
    friend bool operator==( Name a, const String & b ) { return a.view() == b.view(); }

@@ -80,7 +80,7 @@ class IPSTATE_EXPORT String {
    friend std::strong_ordering operator<=>( const String & a, const String & b ) {
       return a.view() <=> b.view();
    }
-   template < class T >
+   template< class T >
    requires std::convertible_to< const T &, std::string_view >
    friend bool operator==( const String & a, const T & b ) {
       return a.view() == std::string_view( b );

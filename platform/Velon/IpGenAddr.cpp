@@ -12,7 +12,7 @@ namespace {
 
 // Reads a V4 or a V6, whichever stands here. A text that has nothing of an address is the empty
 // value and takes no bytes: what stands there instead is for the caller to judge.
-template < class V4, class V6, class Gen >
+template< class V4, class V6, class Gen >
 bool
 scanEither( Scanner & scanner, Gen & out ) {
    size_t stop = scanner.rest().find_first_not_of( "0123456789abcdefABCDEF" );

@@ -19,7 +19,7 @@ typeName( const Ip6Prefix & ) {
 }
 
 // A text with host bits is taken back whole: the address is what does not fit.
-template < class Addr, class WithMask >
+template< class Addr, class WithMask >
 bool
 scanPrefix( Scanner & scanner, PrefixOf< Addr, WithMask > & out ) {
    size_t begin = scanner.offset();
@@ -46,11 +46,11 @@ scan( Scanner & scanner, Ip6Prefix & out ) {
    return scanPrefix( scanner, out );
 }
 
-template < class Addr, class WithMask >
+template< class Addr, class WithMask >
 PrefixOf< Addr, WithMask >::PrefixOf( std::string_view text )
    : PrefixOf( readWholeOrThrow< PrefixOf >( typeName( PrefixOf() ), text ) ) {}
 
-template < class Addr, class WithMask >
+template< class Addr, class WithMask >
 bool
 PrefixOf< Addr, WithMask >::fromText( std::string_view text, PrefixOf & out ) {
    return readWhole( text, out );

@@ -20,7 +20,7 @@
 namespace Velon {
 
 /// `WithMask` is the address with a length that keeps its host bits.
-template < class Addr, class WithMask >
+template< class Addr, class WithMask >
 class IPSTATE_EXPORT PrefixOf {
  public:
    /// 0.0.0.0/0, ::/0: every address.

@@ -45,7 +45,7 @@ class IPSTATE_EXPORT Scanner {
                                                std::string_view text );
 
 /// The body of every fromText(): true with the value if `text` is one T and nothing else.
-template < class T >
+template< class T >
 bool
 readWhole( std::string_view text, T & out ) {
    Scanner scanner( text );
@@ -56,7 +56,7 @@ readWhole( std::string_view text, T & out ) {
 }
 
 /// The body of every constructor from text: the value, or throwNotRead().
-template < class T >
+template< class T >
 T
 readWholeOrThrow( std::string_view type, std::string_view text ) {
    Scanner scanner( text );

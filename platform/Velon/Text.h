@@ -46,7 +46,7 @@ write( char * at, IpAddr addr ) {
 
 char * write( char * at, const Ip6Addr & addr );
 
-template < class T >
+template< class T >
 std::string
 of( const T & value ) {
    std::string text;

@@ -148,7 +148,7 @@ class VISTREL_EXPORT TraceHandle {
 /// Appends the text of one part of a message: strings as they are, bools as true and false,
 /// numbers in decimal, values with appendTo() by it, callables by what they return (called only
 /// now), everything else by operator<<.
-template < class T >
+template< class T >
 void
 appendPart( std::string & out, const T & part ) {
    if constexpr( std::is_same_v< T, bool > ) {
@@ -175,14 +175,14 @@ appendPart( std::string & out, const T & part ) {
 
 /// How trace() hands a part on: small plain values by copy, so that a value which lives in
 /// registers need not be put into memory while the level is off.
-template < class T >
+template< class T >
 using PartArgument =
    std::conditional_t< std::is_trivially_copyable_v< T > && !std::is_array_v< T > &&
                           sizeof( T ) <= 2 * sizeof( void * ),
                        T, const T & >;
 
 /// The part of trace() that runs only when the level is on.
-template < class... Arguments >
+template< class... Arguments >
 [[gnu::noinline, gnu::cold]] void
 emitParts( TraceHandle & handle, unsigned level, const char * function, Arguments... parts ) {
    std::string text;
@@ -191,7 +191,7 @@ emitParts( TraceHandle & handle, unsigned level, const char * function, Argument
 }
 
 /// Emits the texts of `parts` one after another, if `level` of `handle` is on.
-template < class... Parts >
+template< class... Parts >
 inline void
 trace( TraceHandle & handle, unsigned level, const char * function, const Parts &... parts ) {
    if( handle.enabled( level ) ) [[unlikely]] {

@@ -69,14 +69,14 @@ pick( Ip6AddrWithMask & out ) {
    pick( addr );
    out = Ip6AddrWithMask( addr, below( 129 ) );
 }
-template < class Addr, class WithMask >
+template< class Addr, class WithMask >
 void
 pick( PrefixOf< Addr, WithMask > & out ) {
    WithMask addr;
    pick( addr );
    out = PrefixOf< Addr, WithMask >( addr );
 }
-template < class V4, class V6, class Gen >
+template< class V4, class V6, class Gen >
 void
 pickEither( Gen & out ) {
    V4 v4;
@@ -110,7 +110,7 @@ pick( NamespaceName & out ) {
    out = NamespaceName( "ns-" + std::string( below( 148 ), 'x' ) );
 }
 
-template < class T >
+template< class T >
 class Value : public testing::Test {};
 using Values =
    testing::Types< IntfId, IpAddr, IpAddrWithMask, Ip6Addr, Ip6AddrWithMask, Prefix, Ip6Prefix,
@@ -149,7 +149,7 @@ TYPED_TEST( Value, ReadsBackOrdersAndHashes ) {
    }
 }
 
-template < class T >
+template< class T >
 std::string
 refused( const char * text ) {
    T untouched;
@@ -165,7 +165,7 @@ refused( const char * text ) {
    }
 }
 
-template < class T >
+template< class T >
 void
 expectRefused( const char * type, std::vector< std::pair< const char *, int > > rows ) {
    for( auto [text, offset] : rows ) {
