@@ -91,15 +91,13 @@ class KernelFeed::Applier : public MessageHandler {
          return;
       }
       const Ip4Address * primary = interface->primary4();
-      size_t promotionAt = interface->promotionAt;
-      bool had = primary;
-      Ip4Address before = had ? *primary : Ip4Address{};
+      const bool had = primary;
+      const Ip4Address before = had ? *primary : Ip4Address{};
+      bool promoted = false;
       Difference difference = told.gone ? removeAddress( *interface, told.address )
-                                        : addAddress( *interface, told.address );
-      if( !live_ && difference == Difference::changed && promotionAt != Interface::noPromotion ) {
-         // Where a promoted address goes depends on the list at that moment, which a dump taken
-         // at another one does not show: look again later.
-         feed_.unclean_ = true;
+                                        : addAddress( *interface, told.address, &promoted );
+      if( promoted ) {
+         feed_.lookAgain_ = true; // for its place
       }
       if( difference == Difference::none || !live_ || !interface->present ) {
          return;
@@ -112,12 +110,13 @@ class KernelFeed::Applier : public MessageHandler {
    }
 
    void onAddress6( const AddressMessage< Ip6Address > & told ) override {
-      Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
+      const bool gone = told.gone || !told.address.settled();
+      Interface * interface = gone ? state_.find( told.index ) : &state_.at( told.index );
       if( !interface ) {
          return;
       }
-      Difference difference = told.gone ? removeAddress( *interface, told.address )
-                                        : addAddress( *interface, told.address );
+      Difference difference =
+         gone ? removeAddress( *interface, told.address ) : addAddress( *interface, told.address );
       if( difference != Difference::none && live_ && interface->present ) {
          feed_.observer_.onAddress6( *interface, told.address, difference );
       }
@@ -222,7 +221,7 @@ class KernelFeed::Applier : public MessageHandler {
    }
 
    /// Where the values go, null for those that concern nothing here.
-   template < class Config >
+   template< class Config >
    Config * configTarget( const ConfigMessage & config, Config & all, Config Interface::*own ) {
       // A deletion comes with the end of the interface, or before a rename repeats all values.
       if( config.gone ) {
@@ -379,6 +378,15 @@ KernelFeed::problem( const std::string & text ) {
 
 void
 KernelFeed::onReadable( Time now ) {
+   serve( now );
+   if( lookAgain_ && work_ != Work::full && nextFull_ == Time::max() ) {
+      lookAgain_ = false;
+      nextFull_ = now + retryDelay_;
+   }
+}
+
+void
+KernelFeed::serve( Time now ) {
    for( int i = 0; i < repliesAtOnce; ++i ) {
       // Events first: a dump can wait in the kernel, the listening socket fills up.
       Drained drained = readEvents( eventsAtOnce );
@@ -529,6 +537,7 @@ KernelFeed::beginTry( Time now ) {
    keptBytes_ = 0;
    lost_ = false;
    unclean_ = false;
+   lookAgain_ = false;
    staged_ = KernelState();
    readAllConfig( staged_ );
    phases_ = { Dump::links,      Dump::config4, Dump::config6, Dump::addresses4,
@@ -714,7 +723,7 @@ struct Ip4AddressHash {
 };
 
 struct SameObject {
-   template < class Address >
+   template< class Address >
    bool operator()( const Address & one, const Address & other ) const {
       return one.sameObject( other );
    }
@@ -726,7 +735,7 @@ struct Ip6AddressHash {
 
 /// Calls `tell( member, difference )` for what one list has and the other has not, and for what
 /// both have but not alike; gone ones first.
-template < class Hash, class Same, class Member, class Tell >
+template< class Hash, class Same, class Member, class Tell >
 void
 compareLists( const std::vector< Member > & before, const std::vector< Member > & after,
               Tell tell ) {

@@ -143,6 +143,8 @@ class KernelFeed {
    friend class Applier;
    friend class ReplyHandler;
 
+   void serve( Time now );
+
    // Events.
    enum class Drained { empty, more };
    Drained readEvents( int most );
@@ -191,6 +193,7 @@ class KernelFeed {
    bool unclean_ = false;     ///< the work's result may lack something
    bool lost_ = false;        ///< events were lost since the full dump began
    bool fullWanted_ = false;
+   bool lookAgain_ = false; ///< a secondary was promoted: its place is known from a dump only
    bool everSynchronized_ = false;
    uint32_t sequence_ = 0;
    Time lastReply_{};

@@ -13,8 +13,8 @@ Ip4Address::primary() const {
 }
 
 bool
-Ip6Address::tentative() const {
-   return flags & IFA_F_TENTATIVE;
+Ip6Address::settled() const {
+   return !( flags & IFA_F_TENTATIVE ) || flags & ( IFA_F_OPTIMISTIC | IFA_F_DADFAILED );
 }
 
 bool
@@ -141,7 +141,7 @@ KernelState::refreshAll() {
 
 namespace {
 
-template < class Address >
+template< class Address >
 auto
 findObject( std::vector< Address > & list, const Address & address ) {
    return std::find_if( list.begin(), list.end(),
@@ -160,53 +160,30 @@ primaryPosition( const std::vector< Ip4Address > & list, uint8_t scope ) {
    return position;
 }
 
-/// Where the kernel moves the secondary at `from` when it promotes it.
-size_t
-promotedPosition( const Interface & interface, size_t from ) {
-   const std::vector< Ip4Address > & list = interface.addresses4;
-   size_t at = interface.promotionAt;
-   if( at == Interface::noPromotion || at > from ) {
-      return std::min( primaryPosition( list, list[from].scope ), from );
-   }
-   if( at == from ) {
-      return from; // it followed the deleted primary and stays where it is
-   }
-   // Deliberate: unless a primary stands between the two, the kernel puts it behind the very first
-   // address, not behind the last primary before the deleted one.
-   size_t position = at ? 1 : 0;
-   for( size_t i = at; i < from; ++i ) {
-      if( list[i].primary() && interface.promotionScope <= list[i].scope ) {
-         position = i + 1;
-      }
-   }
-   return position;
-}
-
 } // namespace
 
 Difference
-addAddress( Interface & interface, const Ip4Address & address ) {
+addAddress( Interface & interface, const Ip4Address & address, bool * promoted ) {
    std::vector< Ip4Address > & list = interface.addresses4;
    auto found = findObject( list, address );
-   if( found == list.end() ) {
-      size_t position = address.primary() ? primaryPosition( list, address.scope ) : list.size();
-      list.insert( list.begin() + ptrdiff_t( position ), address );
-      interface.promotionAt = Interface::noPromotion;
-      return Difference::added;
-   }
-   if( *found == address ) {
+   if( found != list.end() && *found == address ) {
       return Difference::none;
    }
-   bool promoted = !found->primary() && address.primary();
-   *found = address;
-   if( promoted ) {
-      size_t from = size_t( found - list.begin() );
-      size_t to = promotedPosition( interface, from );
-      std::rotate( list.begin() + ptrdiff_t( to ), list.begin() + ptrdiff_t( from ),
-                   list.begin() + ptrdiff_t( from ) + 1 );
+   bool known = found != list.end();
+   bool moved = known && !found->primary() && address.primary();
+   if( known && !moved ) {
+      *found = address;
+      return Difference::changed;
    }
-   interface.promotionAt = Interface::noPromotion;
-   return Difference::changed;
+   if( moved ) {
+      list.erase( found );
+   }
+   if( promoted ) {
+      *promoted = moved;
+   }
+   size_t position = address.primary() ? primaryPosition( list, address.scope ) : list.size();
+   list.insert( list.begin() + ptrdiff_t( position ), address );
+   return known ? Difference::changed : Difference::added;
 }
 
 Difference
@@ -216,9 +193,6 @@ removeAddress( Interface & interface, const Ip4Address & address ) {
    if( found == list.end() ) {
       return Difference::none;
    }
-   bool primary = found->primary();
-   interface.promotionAt = primary ? size_t( found - list.begin() ) : Interface::noPromotion;
-   interface.promotionScope = found->scope;
    list.erase( found );
    return Difference::removed;
 }
@@ -249,7 +223,7 @@ removeAddress( Interface & interface, const Ip6Address & address ) {
 
 namespace {
 
-template < class Group >
+template< class Group >
 Difference
 addMember( std::vector< Group > & groups, const Group & group ) {
    if( std::find( groups.begin(), groups.end(), group ) != groups.end() ) {
@@ -259,7 +233,7 @@ addMember( std::vector< Group > & groups, const Group & group ) {
    return Difference::added;
 }
 
-template < class Group >
+template< class Group >
 Difference
 removeMember( std::vector< Group > & groups, const Group & group ) {
    auto found = std::find( groups.begin(), groups.end(), group );

@@ -56,7 +56,9 @@ struct Ip6Address {
    uint8_t scope = 0;
    uint32_t flags = 0; ///< IFA_F_...
 
-   bool tentative() const;
+   /// False while duplicate address detection has neither passed nor failed. The kernel tells of
+   /// an address when that is over, so before that the address does not count as being there.
+   bool settled() const;
    bool dadFailed() const;
 
    /// The kernel allows an IPv6 address once on an interface, whatever its prefix length.
@@ -110,12 +112,6 @@ struct Interface {
    /// The first primary IPv4 address in the kernel's order, null when there is none; valid until
    /// the interface changes.
    const Ip4Address * primary4() const;
-
-   // Where the last deletion took a primary out, for the kernel moves a secondary that it promotes
-   // in its place; none when `promotionAt` is noPromotion.
-   static constexpr size_t noPromotion = ~size_t( 0 );
-   size_t promotionAt = noPromotion;
-   uint8_t promotionScope = 0;
 };
 
 /// What an operation on the model found.
@@ -153,7 +149,7 @@ class KernelState {
    bool refresh( Interface & interface ) const;
    void refreshAll();
 
-   template < class Function >
+   template< class Function >
    void forEach( Function function ) {
       for( auto & entry : interfaces_ ) {
          function( entry.second );
@@ -165,10 +161,12 @@ class KernelState {
    std::unordered_map< std::string, int > byName_;
 };
 
-/// Adds or replaces an address where the kernel puts it: a new primary behind the last primary
-/// whose scope is not smaller (so one of link scope comes before all global ones), a secondary at
-/// the end, a promoted secondary where the deleted primary's group ends.
-Difference addAddress( Interface & interface, const Ip4Address & address );
+/// Adds or replaces an address where the kernel puts it: a new or promoted primary behind the last
+/// primary whose scope is not smaller (so one of link scope comes before all global ones), a
+/// secondary at the end. `*promoted` becomes true when a secondary became a primary; kernels
+/// differ in where they put that one.
+Difference addAddress( Interface & interface, const Ip4Address & address,
+                       bool * promoted = nullptr );
 Difference removeAddress( Interface & interface, const Ip4Address & address );
 
 Difference addAddress( Interface & interface, const Ip6Address & address );

@@ -52,7 +52,7 @@ struct LinkMessage {
    Ip6LinkConfig config6;
 };
 
-template < class Address >
+template< class Address >
 struct AddressMessage {
    bool gone = false;
    int index = 0;
@@ -70,7 +70,7 @@ struct ConfigMessage {
    std::optional< bool > bcForwarding; ///< IPv4 only
 };
 
-template < class Group >
+template< class Group >
 struct GroupMessage {
    bool gone = false;
    int index = 0;

@@ -199,20 +199,19 @@ TEST_F( KernelFeedTest, AddressesTakeTheKernelsPlaces ) {
               ( Lines{ "eth0 -10.9.0.1/24", "eth0 primary 10.0.0.1/24" } ) );
 }
 
-TEST_F( KernelFeedTest, PromotedSecondaryKeepsItsPlaceAmongThePrimaries ) {
+TEST_F( KernelFeedTest, PromotedSecondaryBecomesTheLastPrimaryAndItsPlaceIsLookedUp ) {
    dumpIs( Dump::links, { newLink( { 2, "eth0" } ) } );
-   dumpIs( Dump::addresses4,
-           { newAddress( 2, "10.0.0.1/24" ), newAddress( 2, "10.0.0.2/24", IFA_F_SECONDARY ) } );
+   dumpIs( Dump::addresses4, { newAddress( 2, "10.0.0.1/24" ), newAddress( 2, "10.0.1.1/24" ),
+                               newAddress( 2, "10.0.0.2/24", IFA_F_SECONDARY ) } );
    begin();
    listener.heard();
    EXPECT_EQ( after( { delAddress( 2, "10.0.0.1/24" ), newAddress( 2, "10.0.0.2/24" ) } ),
-              ( Lines{ "eth0 -10.0.0.1/24", "eth0 primary none", "eth0 ~10.0.0.2/24",
-                       "eth0 primary 10.0.0.2/24" } ) );
-   // Behind another primary, it follows that one.
-   after( { newAddress( 2, "10.0.1.1/24" ), newAddress( 2, "10.0.0.3/24", IFA_F_SECONDARY ) } );
-   EXPECT_EQ( after( { delAddress( 2, "10.0.0.2/24" ), newAddress( 2, "10.0.0.3/24" ) } ),
-              ( Lines{ "eth0 -10.0.0.2/24", "eth0 primary 10.0.1.1/24", "eth0 ~10.0.0.3/24" } ) );
-   EXPECT_EQ( addressesOf( 2 ), ( Lines{ "10.0.1.1/24", "10.0.0.3/24" } ) );
+              ( Lines{ "eth0 -10.0.0.1/24", "eth0 primary 10.0.1.1/24", "eth0 ~10.0.0.2/24" } ) );
+   EXPECT_EQ( addressesOf( 2 ), ( Lines{ "10.0.1.1/24", "10.0.0.2/24" } ) );
+   dumpIs( Dump::addresses4, { newAddress( 2, "10.0.0.2/24" ), newAddress( 2, "10.0.1.1/24" ) } );
+   pass( std::chrono::milliseconds( 500 ) );
+   EXPECT_EQ( listener.heard(), Lines{ "eth0 primary 10.0.0.2/24" } );
+   EXPECT_TRUE( feed.synchronized() );
 }
 
 TEST_F( KernelFeedTest, SameAddressToTwoPeersIsTwoAddresses ) {
@@ -232,14 +231,22 @@ TEST_F( KernelFeedTest, SameAddressToTwoPeersIsTwoAddresses ) {
    EXPECT_EQ( addressesOf( 2 ), ( Lines{ "10.0.0.1/24", "10.1.0.1/32" } ) );
 }
 
-TEST_F( KernelFeedTest, FailedDuplicateAddressDetectionIsAChangeOfTheAddress ) {
+TEST_F( KernelFeedTest, AddressIsThereOnceDuplicateAddressDetectionHasEnded ) {
    beginWithEth0();
+   EXPECT_EQ( after( { address6( RTM_NEWADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE ),
+                       address6( RTM_NEWADDR, 2, "2001:db8::2/64", IFA_F_TENTATIVE ) } ),
+              Lines{} );
    EXPECT_EQ(
-      after( { address6( RTM_NEWADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE ),
-               address6( RTM_NEWADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE | IFA_F_DADFAILED ),
-               address6( RTM_DELADDR, 2, "2001:db8::1/64" ) } ),
-      ( Lines{ "eth0 +2001:db8::1/64", "eth0 ~2001:db8::1/64 dadfailed",
-               "eth0 -2001:db8::1/64" } ) );
+      after( { address6( RTM_NEWADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE | IFA_F_DADFAILED ),
+               address6( RTM_NEWADDR, 2, "2001:db8::2/64" ),
+               address6( RTM_NEWADDR, 2, "2001:db8::3/64", IFA_F_TENTATIVE | IFA_F_OPTIMISTIC ) } ),
+      ( Lines{ "eth0 +2001:db8::1/64 dadfailed", "eth0 +2001:db8::2/64",
+               "eth0 +2001:db8::3/64" } ) );
+   EXPECT_EQ( after( { address6( RTM_DELADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE ),
+                       address6( RTM_NEWADDR, 2, "2001:db8::2/64", IFA_F_DADFAILED ),
+                       address6( RTM_NEWADDR, 2, "2001:db8::3/64", IFA_F_TENTATIVE ) } ),
+              ( Lines{ "eth0 -2001:db8::1/64", "eth0 ~2001:db8::2/64 dadfailed",
+                       "eth0 -2001:db8::3/64" } ) );
 }
 
 TEST_F( KernelFeedTest, EffectiveConfigurationIsToldWhereItChanges ) {

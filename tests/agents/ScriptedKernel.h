@@ -12,13 +12,13 @@
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/ipv6.h>
 #include <linux/netconf.h>
 #include <linux/rtnetlink.h>
 #include <map>
+#include <net/if.h>
 #include <stdexcept>
 #include <string>
 #include <utility>
