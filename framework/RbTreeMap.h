@@ -128,8 +128,12 @@ class RbTreeMap {
       Node * ptr() const { return this->member(); }
    };
 
-   /// The untyped map, for walks that know no types, and the comparison that they need.
+   /// The untyped map, for those who measure it.
    const RbTree & tree() const { return tree_; }
+   /// For walks that know no types: the first member, and the one after `key`, be it present or
+   /// not; null at the end.
+   const PtrInterface * firstMember() const { return tree_.firstMember(); }
+   const PtrInterface * memberAfter( const Key & key ) const { return after( key ); }
    static int compare( const PtrInterface * member, const void * other ) {
       const Key & a = static_cast< const Node * >( member )->fwkKey();
       const Key & b = *static_cast< const Key * >( other );

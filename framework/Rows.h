@@ -20,7 +20,7 @@ struct MemberPointer;
 template< class V, class O >
 struct MemberPointer< V O::* > {
    using Object = O;
-   using Value = V;
+   using Value = std::remove_const_t< V >;
 };
 
 template< class M >
@@ -171,6 +171,17 @@ derived( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename Accessor< decltype( Read ) >::Value;
    AttributeRow row = rowOf< V >( name, id, AttributeKind::derived, flags );
    row.read = &readBy< Read >;
+   return row;
+}
+
+/// The input of a machine's single reactor: read and written through the machine.
+template< auto Read, auto Write >
+constexpr AttributeRow
+input( const char * name, uint16_t id ) {
+   using V = typename Accessor< decltype( Read ) >::Value;
+   AttributeRow row = rowOf< V >( name, id, AttributeKind::pointer, 0 );
+   row.read = &readBy< Read >;
+   row.write = &writeBy< Write >;
    return row;
 }
 

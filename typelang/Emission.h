@@ -1,0 +1,34 @@
+// What one declaration contributes to the two files of its schema.
+
+#pragma once
+
+#include "typelang/Ast.h"
+
+#include <string>
+#include <vector>
+
+namespace Zek::TypeLang {
+
+struct Emission {
+   std::vector< std::string > scope;      // namespaces of declaration and definition
+   std::string declaration;               // header, inside the scope
+   std::string globalDeclaration;         // header, outside all namespaces
+   std::string definition;                // source, inside the scope
+   std::string globalDefinition;          // source, outside all namespaces
+   std::vector< std::string > registered; // descriptors to register, in order
+};
+
+/// Dispatches on the kind of type.
+Emission emitType( const Type & type );
+
+// One emitter per kind of type, each in a file of its own.
+Emission emitEnumeration( const Type & type );   // EmitEnumeration.cpp
+Emission emitForeign( const Type & type );       // EmitEnumeration.cpp
+Emission emitValue( const Type & type );         // EmitValue.cpp
+Emission emitBoundedString( const Type & type ); // EmitValue.cpp
+Emission emitCounted( const Type & type );       // EmitCounted.cpp
+
+/// The enumeration's descriptor and its registration, for enumerations and foreign types.
+void describe( const Type & type, Emission & out );
+
+} // namespace Zek::TypeLang

@@ -1,0 +1,176 @@
+// Enumerations and types written by hand: the descriptor is a specialisation of Zek::TypeOf.
+
+#include "typelang/Emission.h"
+#include "typelang/Text.h"
+
+namespace Zek::TypeLang {
+
+Emission
+emitType( const Type & type ) {
+   switch( type.kind ) {
+   case TypeKind::builtin:
+      return {};
+   case TypeKind::foreign:
+   case TypeKind::foreignEnum:
+      return emitForeign( type );
+   case TypeKind::enumeration:
+      return emitEnumeration( type );
+   case TypeKind::value:
+      return emitValue( type );
+   case TypeKind::boundedString:
+      return emitBoundedString( type );
+   case TypeKind::entity:
+   case TypeKind::object:
+   case TypeKind::machine:
+   case TypeKind::view:
+   case TypeKind::binding:
+      return emitCounted( type );
+   }
+   return {};
+}
+
+void
+describe( const Type & type, Emission & out ) {
+   std::string name = cppName( type );
+   out.globalDeclaration += "template<>\nstruct IPSTATE_EXPORT Zek::TypeOf< " + name +
+                            " > {\n   static const TypeDescriptor descriptor;\n};\n";
+   std::string rows;
+   for( const Enumerator & e : type.enumerators ) {
+      rows += "   { \"" + e.name + "\", " + std::to_string( e.value ) + " },\n";
+   }
+   std::string id = joined( type.scope, "_" ) + "_" + type.name;
+   Holes holes{ { "name", name },
+                { "full", type.fullName() },
+                { "id", id },
+                { "kind", type.isEnum() ? "enumeration" : "opaque" },
+                { "record", type.kind == TypeKind::enumeration ? "true" : "false" },
+                { "rows", rows },
+                { "enumerators", rows.empty() ? "{}" : id + "_enumerators" } };
+   if( !rows.empty() ) {
+      out.globalDefinition += fill( R"(static constexpr Zek::EnumeratorRow $id$_enumerators[] = {
+$rows$
+};
+
+)",
+                                    holes );
+   }
+   out.globalDefinition +=
+      fill( R"(constinit const Zek::TypeDescriptor Zek::TypeOf< $name$ >::descriptor = {
+   .fullName = "$full$",
+   .kind = Zek::TypeKind::$kind$,
+   .isRecord = $record$,
+   .isNamed = false,
+   .hasNotifier = false,
+   .hasAttrLog = false,
+   .base = nullptr,
+   .values = &Zek::valueOps< $name$ >,
+   .attributes = {},
+   .enumerators = $enumerators$,
+   .constructorParameters = {},
+   .create = nullptr,
+   .relay = nullptr,
+   .allocations = nullptr,
+};
+)",
+            holes );
+   if( type.isRegistered ) {
+      out.registered.push_back( "Zek::TypeOf< " + name + " >::descriptor" );
+   }
+}
+
+Emission
+emitForeign( const Type & type ) {
+   Emission out;
+   describe( type, out );
+   return out;
+}
+
+Emission
+emitEnumeration( const Type & type ) {
+   Emission out;
+   out.scope = type.scope;
+   int64_t least = 0;
+   int64_t most = 0;
+   std::string enumerators;
+   for( const Enumerator & e : type.enumerators ) {
+      least = std::min( least, e.value );
+      most = std::max( most, e.value );
+      enumerators +=
+         docComment( e.doc, 3 ) + "   " + e.name + " = " + std::to_string( e.value ) + ",\n";
+   }
+   Holes holes{ { "doc", docComment( type.doc, 0 ) },
+                { "name", type.name },
+                { "storage", least >= 0 && most <= 255 ? "uint8_t" : "int32_t" },
+                { "enumerators", enumerators } };
+   if( !type.isRegistered ) {
+      out.declaration = fill( "$doc$\nenum $name$ {\n$enumerators$\n};\n", holes );
+      return out;
+   }
+   // An enumeration inside an entity is declared by the entity's class; its companions and
+   // descriptor stand beside it.
+   if( !type.enclosing ) {
+      out.declaration = fill( R"($doc$
+enum class $name$ : $storage$ {
+$enumerators$
+};
+using enum $name$;
+
+)",
+                              holes );
+   } else {
+      holes["name"] = type.name;
+      out.scope.pop_back();
+   }
+   std::string own = type.enclosing ? type.enclosing->name + "::" + type.name : type.name;
+   holes["own"] = own;
+   holes["cpp"] = type.fullName();
+   out.declaration +=
+      fill( R"(/// The $own$ of that number or name; RangeException when there is none.
+IPSTATE_EXPORT $own$ $name$Instance( int64_t number );
+IPSTATE_EXPORT $own$ $name$Instance( std::string_view name );
+/// The enumerator's name.
+IPSTATE_EXPORT Zek::String stringValue( $own$ value );
+IPSTATE_EXPORT Zek::String valueToStrep( $own$ value );
+IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, $own$ value );
+/// Reads an enumerator's name, the whole of [begin, end); RangeException when it is none.
+IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
+                                     Zek::String::IteratorConst end, $own$ & value );
+)",
+            holes );
+   out.definition = fill( R"($own$
+$name$Instance( int64_t number ) {
+   return Zek::EnumType< $own$ >::instance( number );
+}
+
+$own$
+$name$Instance( std::string_view name ) {
+   return Zek::EnumType< $own$ >::instance( name );
+}
+
+Zek::String
+stringValue( $own$ value ) {
+   return Zek::EnumType< $own$ >::stringValue( value );
+}
+
+Zek::String
+valueToStrep( $own$ value ) {
+   return Zek::EnumType< $own$ >::stringValue( value );
+}
+
+std::ostream &
+operator<<( std::ostream & out, $own$ value ) {
+   return out << Zek::EnumType< $own$ >::stringValue( value );
+}
+
+void
+sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst end,
+                 $own$ & value ) {
+   value = Zek::EnumType< $own$ >::instance( Zek::String( begin, end ).view() );
+}
+)",
+                          holes );
+   describe( type, out );
+   return out;
+}
+
+} // namespace Zek::TypeLang

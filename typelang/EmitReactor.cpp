@@ -1,0 +1,388 @@
+// Reactors of a state machine: one nested class per input, a single one or a keyed collection.
+
+#include "typelang/EmitCounted.h"
+#include "typelang/Text.h"
+
+namespace Zek::TypeLang {
+
+namespace {
+
+// The holes of one reaction's callback.
+struct Callback {
+   std::string declaration;
+   std::string definition;
+};
+
+const Member *
+handlerOf( const std::vector< Member > & members, const std::string & name, size_t arguments ) {
+   const Member * any = nullptr;
+   for( const Member & m : members ) {
+      if( m.kind != MemberKind::call || m.name != name ) continue;
+      if( m.arguments.size() == arguments ) return &m;
+      any = &m;
+   }
+   return any;
+}
+
+// One action as statements. `key` names the changed member's key, or is empty.
+std::string
+actionText( const Type & machine, const Member & reactor, const Reaction & reaction,
+            const Action & action, const std::string & key ) {
+   std::vector< std::string > arguments;
+   if( action.kind == Action::Kind::feed ) {
+      Holes h{ { "c", action.target }, { "w", reaction.attribute }, { "key", key } };
+      return fill( R"(   if( const auto member = input->$w$( $key$ ) ) {
+      machine->$c$Is( member );
+   } else {
+      machine->$c$Del( $key$ );
+   }
+)",
+                   h );
+   }
+   if( action.kind == Action::Kind::self ) {
+      const Member * handler = handlerOf( reactor.handlers, action.target, key.empty() ? 0 : 1 );
+      bool takesKey = handler && !handler->arguments.empty();
+      return "   " + action.target + ( takesKey ? "( " + key + " );\n" : "();\n" );
+   }
+   const Member * handler =
+      handlerOf( machine.members, action.target, key.empty() || !reactor.isEach ? 1 : 2 );
+   size_t wanted = handler ? handler->arguments.size() : 0;
+   if( wanted == 2 ) {
+      arguments = { "fwkKey()", key };
+   } else if( wanted == 1 ) {
+      arguments = { key.empty() ? "fwkKey()" : key };
+   }
+   return "   " + call( "machine->" + action.target, arguments, ";\n", 3 );
+}
+
+// Statements of a list of actions; between two the reactor must still be live.
+std::string
+actionsText( const Type & machine, const Member & reactor, const Reaction & reaction,
+             const std::string & key ) {
+   std::string out;
+   for( const Action & action : reaction.actions ) {
+      if( !out.empty() ) out += "   if( !live() ) return;\n";
+      out += actionText( machine, reactor, reaction, action, key );
+   }
+   return out;
+}
+
+bool
+uses( const Reaction & reaction, Action::Kind kind ) {
+   for( const Action & action : reaction.actions ) {
+      if( action.kind == kind ) return true;
+   }
+   return false;
+}
+
+// The lines that start a callback: nothing for the dead; machine and input outlive what follows.
+std::string
+opening( const Holes & h, const Reaction & reaction ) {
+   std::string out = "   if( !live() ) return;\n";
+   out += fill( "   const Zek::Ptr< $Machine$ > machine = owner();\n", h );
+   if( uses( reaction, Action::Kind::feed ) ) out += "   const auto input = notifier();\n";
+   return out;
+}
+
+Callback
+callback( const Type & machine, const Member & reactor, const Reaction & reaction, Holes h ) {
+   const Member & watched = *reaction.watched;
+   bool keyed = watched.kind == MemberKind::collection;
+   h["A"] = capitalised( watched.name );
+   h["w"] = watched.name;
+   h["K"] = keyed ? cppStored( watched.keyType ) : "";
+   h["opening"] = opening( h, reaction );
+   h["actions"] = actionsText( machine, reactor, reaction, keyed ? "key" : "" );
+   Callback out;
+   if( !keyed ) {
+      // Owner's handlers are reached through a forwarder that has a name to break on.
+      if( uses( reaction, Action::Kind::owner ) ) {
+         out.declaration = fill( "      void on$A$() override;\n"
+                                 "      void zek_handle$X$_$w$();\n",
+                                 h );
+         out.definition = fill( R"(void
+$Class$::on$A$() {
+   if( live() ) zek_handle$X$_$w$();
+}
+
+void
+$Class$::zek_handle$X$_$w$() {
+$opening$
+$actions$
+}
+
+)",
+                                h );
+         return out;
+      }
+      out.declaration = fill( "      void on$A$() override;\n", h );
+      out.definition = fill( "void\n$Class$::on$A$() {\n$opening$\n$actions$\n}\n\n", h );
+      return out;
+   }
+   out.declaration = fill( "      void on$A$( const $K$ & key ) override;\n", h );
+   out.definition =
+      fill( "void\n$Class$::on$A$( const $K$ & key ) {\n$opening$\n$actions$\n}\n\n", h );
+   for( const Action & action : reaction.actions ) {
+      if( action.kind != Action::Kind::feed ) continue;
+      h["c"] = action.target;
+      out.declaration += fill( "      void on$A$zekImmediate() override;\n", h );
+      out.definition += fill( R"(void
+$Class$::on$A$zekImmediate() {
+   if( !live() ) return;
+   const Zek::Ptr< $Machine$ > machine = owner();
+   const auto input = notifier();
+   for( auto i = input->$w$IteratorConst(); i && live(); ++i ) {
+      machine->$c$Is( input->$w$( i.key() ) );
+   }
+   for( auto i = machine->$c$IteratorConst(); i && live(); ++i ) {
+      if( !input->$w$Has( i.key() ) ) machine->$c$Del( i.key() );
+   }
+}
+
+)",
+                              h );
+   }
+   return out;
+}
+
+// The body of zekStarted() or zekRetargeted(): the handlers listed, and the immediate forms of
+// what feeds a reactor collection.
+std::string
+attachment( const Type & machine, const Member & reactor, Reaction::When when ) {
+   std::string out;
+   bool listed = false;
+   bool needsMachine = false;
+   auto add = [&]( const std::string & statement ) {
+      if( !out.empty() ) out += "   if( !live() ) return;\n";
+      out += statement;
+   };
+   for( const Reaction & r : reactor.reactions ) {
+      if( r.when != when ) continue;
+      listed = true;
+      for( const Action & action : r.actions ) {
+         if( action.kind == Action::Kind::owner ) needsMachine = true;
+         add( actionText( machine, reactor, r, action, "" ) );
+      }
+   }
+   for( const Reaction & r : reactor.reactions ) {
+      if( r.when != Reaction::When::on ) continue;
+      if( uses( r, Action::Kind::feed ) ) {
+         add( "   on" + capitalised( r.attribute ) + "zekImmediate();\n" );
+      } else if( !listed && when == Reaction::When::start &&
+                 r.watched->kind != MemberKind::collection ) {
+         add( "   on" + capitalised( r.attribute ) + "();\n" );
+      }
+   }
+   if( needsMachine ) {
+      out = "   const Zek::Ptr< " + machine.name + " > machine = owner();\n" + out;
+   }
+   return out;
+}
+
+const Reaction *
+reactionOf( const Member & reactor, Reaction::When when ) {
+   for( const Reaction & r : reactor.reactions ) {
+      if( r.when == when ) return &r;
+   }
+   return nullptr;
+}
+
+} // namespace
+
+Pieces
+emitReactor( const Type & machine, const Member & m ) {
+   Holes h = holesOf( machine, m );
+   const Type & input = *m.type.type;
+   h["Machine"] = machine.name;
+   h["Reactor"] = "Zek" + h["X"];
+   h["Class"] = machine.name + "::Zek" + h["X"];
+   h["Input"] = cppName( input );
+   h["InputPtr"] = "Zek::Ptr< const " + cppName( input ) + " >";
+
+   std::string callbacks;
+   std::string definitions;
+   for( const Reaction & r : m.reactions ) {
+      if( r.when != Reaction::When::on ) continue;
+      Callback c = callback( machine, m, r, h );
+      callbacks += c.declaration;
+      definitions += c.definition;
+   }
+   std::string handlers;
+   for( const Member & handler : m.handlers ) {
+      std::vector< std::string > arguments;
+      for( const Argument & a : handler.arguments ) {
+         arguments.push_back( cppParameter( a.type ) + " " + a.name );
+      }
+      handlers += docComment( handler.doc, 6 ) + "      " +
+                  call( ( handler.isVoid ? std::string( "void" ) : cppStored( handler.type ) ) +
+                           " " + handler.name,
+                        arguments, handler.isConst ? " const;\n" : ";\n", 6 );
+   }
+   h["callbacks"] = callbacks;
+   h["handlers"] = handlers;
+   h["K"] = "";
+   const Member * key = input.keyMember();
+   if( m.isEach ) h["K"] = key ? cppStored( key->type ) : "Zek::Name";
+   h["constructor"] = m.isEach ? fill( "$Reactor$( $Machine$ * owner, const $K$ & key );", h )
+                               : fill( "explicit $Reactor$( $Machine$ * owner );", h );
+   h["keyAccess"] = m.isEach ? fill( "      /// The key under which the machine keeps it.\n"
+                                     "      const $K$ & fwkKey() const { return key_; }\n",
+                                     h )
+                             : "";
+   h["keyField"] = m.isEach ? fill( "      const $K$ key_;\n", h ) : "";
+   h["started"] = attachment( machine, m, Reaction::When::start );
+   h["retargeted"] = attachment( machine, m, Reaction::When::retarget );
+
+   Pieces out;
+   out.declaration = fill( R"(   // $n$ $x$
+$doc$
+   /// Watches one $Input$ for its machine.
+   class IPSTATE_EXPORT $Reactor$ final
+      : public Zek::Reactor< $Input$::NotifieeConst, $Machine$ > {
+    public:
+      $constructor$
+$keyAccess$
+$callbacks$
+$handlers$
+      Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override;
+      static Zek::AllocTrackTypeInfo allocTrackTypeInfo_;
+
+    private:
+      void zekStarted() override;
+      void zekRetargeted() override;
+$keyField$
+   };
+)",
+                           h );
+   out.definition =
+      fill( R"(constinit Zek::AllocTrackTypeInfo $Class$::allocTrackTypeInfo_(
+   "$full$::$Reactor$", sizeof( $Reactor$ ) );
+
+Zek::AllocTrackTypeInfo &
+$Class$::zekAllocTrackTypeInfo() const {
+   return allocTrackTypeInfo_;
+}
+
+)",
+            h ) +
+      ( m.isEach
+           ? fill( R"($Class$::$Reactor$( $Machine$ * owner, const $K$ & key )
+   : Reactor( owner ),
+     key_( key ) {}
+
+)",
+                   h )
+           : fill( "$Class$::$Reactor$( $Machine$ * owner ) : Reactor( owner ) {}\n\n", h ) ) +
+      definitions +
+      fill( R"(void
+$Class$::zekStarted() {
+$started$
+}
+
+void
+$Class$::zekRetargeted() {
+$retargeted$
+}
+
+)",
+            h );
+   if( !m.isEach ) {
+      out.declaration += fill( R"(   /// What it watches, or null without a reactor.
+   $InputPtr$ $x$() const;
+   Zek::Ptr< $Reactor$ > $x$Reactor() const { return $x$_; }
+   /// Watches `input` from now on; null is $x$Del().
+   void $x$Is( const $InputPtr$ & input );
+   void $x$Del();
+)",
+                               h );
+      out.callbacks = fill( "      virtual void on$X$() {} // $n$\n", h );
+      out.storage.push_back( { 16, fill( "   Zek::Ptr< $Reactor$ > $x$_;\n", h ), "" } );
+      out.definition += fill( R"($InputPtr$
+$Self$::$x$() const {
+   return $x$_ ? $x$_->notifier() : $InputPtr$();
+}
+
+void
+$Self$::$x$Is( const $InputPtr$ & input ) {
+   if( $x$() == input ) return;
+   Zek::reactorIs( $x$_, *this, input );
+   announce( &NotifieeConst::on$X$ );
+}
+
+void
+$Self$::$x$Del() {
+   if( !$x$_ ) return;
+   Zek::reactorDel( $x$_ );
+   announce( &NotifieeConst::on$X$ );
+}
+
+)",
+                              h );
+      out.row = fill( "   Zek::Rows::input< &$Self$::$x$, &$Self$::$x$Is >( \"$x$\", $n$ ),\n", h );
+      out.relay = fill( "   void on$X$() override { changed( $n$ ); }\n", h );
+      out.zombie = fill( "   if( $x$_ ) $x$_->zekDoZombieReactors( zombie );\n", h );
+      out.orphaning = fill( "   Zek::reactorDel( $x$_ );\n", h );
+      if( m.setAtConstruction ) {
+         out.parameter = fill( "const $InputPtr$ & $x$", h );
+         out.parameterType = h["InputPtr"];
+         out.construction = fill( "   $x$Is( $x$ );\n", h );
+      }
+      return out;
+   }
+
+   h["Map"] = fill( "Zek::HashMap< $Reactor$, $K$ >", h );
+   h["Node"] = h["Reactor"];
+   h["Removed"] = "void";
+   h["Shown"] = h["Input"];
+   h["hasValue"] = "false";
+   h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
+   h["gone"] = "";
+   if( const Reaction * gone = reactionOf( m, Reaction::When::gone ) ) {
+      for( const Action & action : gone->actions ) {
+         h["gone"] += action.kind == Action::Kind::self
+                         ? "   reactor->" + action.target + "();\n"
+                         : "   " + action.target + "( reactor->fwkKey() );\n";
+      }
+   }
+   out.declaration += fill( R"(   /// The reactor under `key`, or null.
+   Zek::Ptr< $Reactor$ > $x$( const $K$ & key ) const;
+)",
+                            h );
+   out.definition += fill( R"(Zek::Ptr< $Machine$::$Reactor$ >
+$Self$::$x$( const $K$ & key ) const {
+   return $x$_.find( key );
+}
+
+)",
+                           h );
+   h["isDeclaration"] = fill(
+      R"(   /// Watches `input` under its key: a new reactor, or the present one re-targeted. RangeException
+   /// on null.
+   void $x$Is( const $InputPtr$ & input );
+)",
+      h );
+   h["isDefinition"] = fill( R"(void
+$Self$::$x$Is( const $InputPtr$ & input ) {
+   if( !input ) Zek::throwNullParameterException( "$full$", "$x$" );
+   const $InputPtr$ held = input;
+   if( Zek::reactorIs< $Reactor$ >( $x$_, *this, held ) ) $x$Notify( held->fwkKey() );
+}
+
+)",
+                             h );
+   h["delBody"] = fill( R"(   const $K$ removedKey = key;
+   const Zek::Ptr< $Reactor$ > reactor = $x$_.take( removedKey );
+   if( !reactor ) return;
+$gone$
+   reactor->zekRelease();
+   $x$Notify( removedKey );
+)",
+                        h );
+   out.zombie = fill(
+      "   for( $X$Iterator i( $x$_ ); i; ++i ) i.ptr()->zekDoZombieReactors( zombie );\n", h );
+   out.orphaning = fill( "   Zek::releaseReactors( $x$_ );\n", h );
+   shareCollection( h, machine, out );
+   return out;
+}
+
+} // namespace Zek::TypeLang
