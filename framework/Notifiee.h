@@ -18,7 +18,6 @@
 #pragma once
 
 #include "framework/Export.h"
-#include "framework/NotifieeList.h"
 #include "framework/Ptr.h"
 
 #include <typeinfo>
@@ -26,6 +25,7 @@
 namespace Zek {
 
 class Notifier;
+class NotifieeList;
 
 class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
  public:
@@ -66,12 +66,12 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    ~NotifieeConst() override;
 
    /// Does the work of notifierIs() for a notifiee of T.
-   template < class T >
+   template< class T >
    void notifierAssign( const T * notifier ) {
       assign( notifier, notifier && typeid( *notifier ) != typeid( T ) );
    }
    /// The notifier, which notifierAssign() took as a T.
-   template < class T >
+   template< class T >
    Zek::Ptr< const T > notifierAs() const {
       return static_cast< const T * >( notifier_ );
    }
@@ -103,6 +103,9 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    void leave();
 
    uint8_t flags_ = 0;
+   // The list's mark while it calls this notifiee in place; it has converted to a block before
+   // anything else happens to this notifiee or the list.
+   bool calledInPlace_ = false;
    const Notifier * notifier_ = nullptr;
 };
 

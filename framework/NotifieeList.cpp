@@ -5,39 +5,47 @@
 #include "framework/Notifier.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <utility>
 
 namespace Zek {
 
-namespace {
-
-// Tags of the word; objects and blocks are aligned to eight.
-constexpr uintptr_t visitingTag = 1;
-constexpr uintptr_t blockTag = 2;
-constexpr uintptr_t anyTag = visitingTag | blockTag;
-
-} // namespace
-
 /// A visit of a block in progress. It lives on the visitor's stack, but for one that began in
-/// place and was moved here when the word changed under it: that one is on the heap.
+/// place and was moved here when something happened: that one is on the heap.
 ///
-/// Positions are addresses in the block's array; every change of the array adjusts them.
+/// As long as nothing happens the visitor walks by an address in the array, of which it leaves a
+/// copy here, and reads only `stop` on the way. Whoever changes the array, or what the visitor
+/// assumes about it, first calls pause(): it makes the walk stop when the present call returns,
+/// and from then on positions are indices, which the changes adjust.
 struct NotifieeList::Visit {
-   /// Behind the notifiee being called.
+   /// Before pause(): behind the notifiee being called, and behind the last one that was
+   /// registered when the visit began.
    NotifieeConst ** cursor;
-   /// Where the visitor pauses to look around: the end, or the cursor when something came up.
    NotifieeConst ** stop;
-   /// Behind the last one that was registered when the visit began.
-   NotifieeConst ** end;
-   /// The notifiee being called after it left the list; the visit holds one reference to it.
-   NotifieeConst * held;
    Visit * outer;
+   bool paused;
+   /// After pause(): the same as indices.
+   size_t next;
+   size_t end;
+   /// After pause(): the notifiee being called when it has left the list; the visit holds one
+   /// reference to it.
+   NotifieeConst * held;
 
-   NotifieeConst * current( NotifieeConst ** begin ) const {
+   void pause( NotifieeConst ** members ) {
+      if( paused ) return;
+      paused = true;
+      next = static_cast< size_t >( cursor - members );
+      end = static_cast< size_t >( stop - members );
+      held = nullptr;
+      stop = cursor;
+   }
+   NotifieeConst * current( NotifieeConst ** members ) const {
+      if( !paused ) return cursor[-1];
       if( held ) return held;
-      return cursor == begin ? nullptr : cursor[-1];
+      return next ? members[next - 1] : nullptr;
    }
    void releaseHeld() {
       // The destruction of the one may give the visit another to hold.
@@ -48,15 +56,17 @@ struct NotifieeList::Visit {
 /// Everything that does not fit the word. The array follows: the registered notifiees in order,
 /// then the passive ones in any order.
 struct NotifieeList::Block {
-   Extras * extras = nullptr;
    Visit * innermost = nullptr;
+   uint32_t registered = 0;
+   /// How many of them are suspended or watch a base part of the notifier only.
+   uint32_t unusual = 0;
+   uint32_t passive = 0;
+   uint32_t capacity = 0;
    /// The notifier, when the visits in progress hold a reference to it.
    const Notifier * kept = nullptr;
-   uint32_t registered = 0;
-   uint32_t passive = 0;
-   /// How many of the registered are suspended or watch a base part of the notifier only.
-   uint32_t unusual = 0;
-   uint32_t capacity = 0;
+   Extras * extras = nullptr;
+   /// Something for settle() may have come up.
+   bool unsettled = false;
 
    NotifieeConst ** members() { return reinterpret_cast< NotifieeConst ** >( this + 1 ); }
    NotifieeConst ** passives() { return members() + registered; }
@@ -80,12 +90,12 @@ NotifieeList::~NotifieeList() {
 uint32_t
 NotifieeList::count() const {
    if( !word_ ) return 0;
-   return word_ & blockTag ? block()->registered : 1;
+   return holdsBlock() ? block()->registered : 1;
 }
 
 NotifieeList::Extras *
 NotifieeList::extras() const {
-   return word_ & blockTag ? block()->extras : nullptr;
+   return holdsBlock() ? block()->extras : nullptr;
 }
 
 void
@@ -93,7 +103,7 @@ NotifieeList::extrasIs( Extras * extras ) {
    if( !extras && !this->extras() ) return;
    Block * b = roomFor( 0 );
    Extras * old = std::exchange( b->extras, extras );
-   if( !b->innermost ) settle();
+   settleUnlessVisited();
    delete old;
 }
 
@@ -122,33 +132,30 @@ NotifieeList::addPassive( NotifieeConst * notifiee ) {
 
 void
 NotifieeList::remove( NotifieeConst * notifiee ) {
-   if( word_ == reinterpret_cast< uintptr_t >( notifiee ) ) {
+   if( inPlace() == notifiee && !notifiee->calledInPlace_ ) {
       word_ = 0;
       return;
    }
    Block * b = roomFor( 0 );
    NotifieeConst ** place = std::find( b->members(), b->passives(), notifiee );
    assertThat( place != b->passives(), "registered notifiee is in the list", "NotifieeList" );
+   auto index = static_cast< uint32_t >( place - b->members() );
    for( Visit * v = b->innermost; v; v = v->outer ) {
-      if( place < v->end ) v->end--;
-      if( place < v->cursor ) {
-         bool called = v->current( b->members() ) == notifiee;
-         v->cursor--;
-         v->stop--;
-         if( called ) {
-            notifiee->referencesInc();
-            v->held = notifiee;
-            v->stop = v->cursor;
-         }
-      } else if( place < v->stop ) {
-         v->stop--;
+      v->pause( b->members() );
+      if( index >= v->end ) continue;
+      v->end--;
+      if( index >= v->next ) continue;
+      if( v->current( b->members() ) == notifiee ) {
+         notifiee->referencesInc();
+         v->held = notifiee;
       }
+      v->next--;
    }
    std::copy( place + 1, b->passives(), place );
    b->registered--;
    if( b->passive ) *b->passives() = *b->end();
    b->unusual -= notifiee->unusual();
-   if( !b->innermost ) settle();
+   settleUnlessVisited();
 }
 
 void
@@ -158,7 +165,7 @@ NotifieeList::removePassive( NotifieeConst * notifiee ) {
    assertThat( place != b->end(), "weak notifiee is in the list", "NotifieeList" );
    b->passive--;
    *place = *b->end();
-   if( !b->innermost ) settle();
+   settleUnlessVisited();
 }
 
 void
@@ -166,18 +173,16 @@ NotifieeList::unusualChanged( NotifieeConst * notifiee ) {
    Block * b = roomFor( 0 );
    if( notifiee->unusual() ) {
       b->unusual++;
-      for( Visit * v = b->innermost; v; v = v->outer ) v->stop = v->cursor;
+      for( Visit * v = b->innermost; v; v = v->outer ) v->pause( b->members() );
    } else {
       b->unusual--;
    }
-   if( !b->innermost ) settle();
+   settleUnlessVisited();
 }
 
 bool
 NotifieeList::isBeingCalled( const NotifieeConst * notifiee ) const {
-   if( !( word_ & blockTag ) ) {
-      return word_ == ( reinterpret_cast< uintptr_t >( notifiee ) | visitingTag );
-   }
+   if( !holdsBlock() ) return inPlace() == notifiee && notifiee->calledInPlace_;
    Block * b = block();
    for( Visit * v = b->innermost; v; v = v->outer ) {
       if( v->current( b->members() ) == notifiee ) return true;
@@ -188,7 +193,9 @@ NotifieeList::isBeingCalled( const NotifieeConst * notifiee ) const {
 void
 NotifieeList::keep( const Notifier * notifier ) {
    notifier->referencesInc();
-   roomFor( 0 )->kept = notifier;
+   Block * b = roomFor( 0 );
+   b->kept = notifier;
+   b->unsettled = true;
 }
 
 void
@@ -198,14 +205,14 @@ NotifieeList::detachAll() {
       notifiee->flag( NotifieeConst::partialFlag, false );
    };
    if( !word_ ) return;
-   assertThat( !inVisit(), "no visit while the notifier dies", "NotifieeList" );
-   if( word_ & blockTag ) {
+   assertThat( !visitInProgress(), "no visit while the notifier dies", "NotifieeList" );
+   if( holdsBlock() ) {
       Block * b = block();
       std::for_each( b->members(), b->end(), forget );
       b->registered = b->passive = b->unusual = 0;
       settle();
    } else {
-      forget( reinterpret_cast< NotifieeConst * >( word_ ) );
+      forget( inPlace() );
       word_ = 0;
    }
 }
@@ -213,50 +220,41 @@ NotifieeList::detachAll() {
 // ---- the block ----------------------------------------------------------------------------
 
 bool
-NotifieeList::inVisit() const {
-   return word_ & blockTag ? block()->innermost != nullptr : word_ & visitingTag;
-}
-
-NotifieeList::Block *
-NotifieeList::block() const {
-   return reinterpret_cast< Block * >( word_ - blockTag );
+NotifieeList::visitInProgress() const {
+   if( holdsBlock() ) return block()->innermost != nullptr;
+   return word_ && inPlace()->calledInPlace_;
 }
 
 /// The block, made or grown where needed, with room for `more` members.
 NotifieeList::Block *
 NotifieeList::roomFor( uint32_t more ) {
-   if( !( word_ & blockTag ) ) return makeBlock();
+   if( !holdsBlock() ) return makeBlock();
    Block * old = block();
    uint32_t used = old->registered + old->passive;
    if( used + more <= old->capacity ) return old;
-   Block * grown = Block::make( old->capacity * 2 + 5 ); // 64, 128, 256 ... bytes
+   Block * grown = Block::make( old->capacity * 2 + 6 );
    uint32_t capacity = grown->capacity;
    *grown = *old;
    grown->capacity = capacity;
    std::copy( old->members(), old->end(), grown->members() );
-   for( Visit * v = grown->innermost; v; v = v->outer ) {
-      for( NotifieeConst *** place : { &v->cursor, &v->stop, &v->end } ) {
-         *place = grown->members() + ( *place - old->members() );
-      }
-   }
+   for( Visit * v = old->innermost; v; v = v->outer ) v->pause( old->members() );
    ::operator delete( old );
-   word_ = reinterpret_cast< uintptr_t >( grown ) | blockTag;
+   word_ = reinterpret_cast< uintptr_t >( grown ) + blockTag;
    return grown;
 }
 
 /// Moves what is in place, and the visit that may be in progress there, to a block.
 NotifieeList::Block *
 NotifieeList::makeBlock() {
-   Block * b = Block::make( 3 );
-   if( word_ ) {
-      *b->members() = reinterpret_cast< NotifieeConst * >( word_ & ~anyTag );
+   Block * b = Block::make( 2 );
+   if( NotifieeConst * notifiee = inPlace() ) {
+      *b->members() = notifiee;
       b->registered = 1;
+      if( std::exchange( notifiee->calledInPlace_, false ) ) {
+         b->innermost = new Visit{ nullptr, nullptr, nullptr, true, 1, 1, nullptr };
+      }
    }
-   if( word_ & visitingTag ) {
-      NotifieeConst ** end = b->members() + 1;
-      b->innermost = new Visit{ end, end, end, nullptr, nullptr };
-   }
-   word_ = reinterpret_cast< uintptr_t >( b ) | blockTag;
+   word_ = reinterpret_cast< uintptr_t >( b ) + blockTag;
    return b;
 }
 
@@ -264,6 +262,7 @@ NotifieeList::makeBlock() {
 void
 NotifieeList::settle() {
    Block * b = block();
+   b->unsettled = false;
    const Notifier * kept = std::exchange( b->kept, nullptr );
    if( !b->extras && !b->passive && !b->unusual && b->registered <= 1 ) {
       word_ = b->registered ? reinterpret_cast< uintptr_t >( *b->members() ) : 0;
@@ -272,87 +271,17 @@ NotifieeList::settle() {
    if( kept ) kept->referencesDec();
 }
 
-// ---- visits -------------------------------------------------------------------------------
-
-template < class Call >
-[[gnu::always_inline]] inline void
-NotifieeList::visitWith( const Call & call, Accepts accepts ) {
-   if( word_ & anyTag ) {
-      visitTagged( call, accepts );
-      return;
-   }
-   auto notifiee = reinterpret_cast< NotifieeConst * >( word_ );
-   word_ |= visitingTag;
-   try {
-      call( *notifiee );
-   } catch( ... ) {
-      thrownInPlace();
-   }
-   endVisitInPlace();
-}
-
-/// A nested visit in place, or the visit of a block.
-template < class Call >
-[[gnu::noinline]] void
-NotifieeList::visitTagged( Call call, Accepts accepts ) {
-   if( word_ & blockTag ) {
-      visitBlock( call, accepts );
-      return;
-   }
-   // The outer visit finds all that happens to the word meanwhile, and holds the notifiee.
-   auto notifiee = reinterpret_cast< NotifieeConst * >( word_ & ~anyTag );
-   try {
-      call( *notifiee );
-   } catch( ... ) {
-      notifiee->onNotificationException();
-   }
-}
-
-template < class Call >
 void
-NotifieeList::visitBlock( const Call & call, Accepts accepts ) {
+NotifieeList::settleUnlessVisited() {
    Block * b = block();
-   Visit visit{ b->members(), b->members(), b->passives(), nullptr, b->innermost };
-   b->innermost = &visit;
-   std::exception_ptr pending;
-   while( visit.cursor != visit.end ) {
-      try {
-         if( !pending && block()->unusual == 0 ) [[likely]] {
-            visit.stop = visit.end;
-            do {
-               call( **visit.cursor++ );
-            } while( visit.cursor != visit.stop );
-         } else {
-            NotifieeConst & notifiee = **visit.cursor++;
-            visit.stop = visit.cursor;
-            bool wanted =
-               notifiee.hasNotificationActive() && ( !pending || notifiee.zekIsLogAdaptor() ) &&
-               ( !( notifiee.flags_ & NotifieeConst::partialFlag ) || accepts( notifiee ) );
-            if( wanted ) call( notifiee );
-         }
-      } catch( ... ) {
-         try {
-            visit.current( block()->members() )->onNotificationException();
-         } catch( ... ) {
-            if( !pending ) pending = std::current_exception();
-         }
-      }
-      visit.releaseHeld();
+   if( b->innermost ) {
+      b->unsettled = true;
+   } else {
+      settle();
    }
-   b = block();
-   b->innermost = visit.outer;
-   if( !visit.outer ) settle();
-   if( pending ) std::rethrow_exception( pending );
 }
 
-[[gnu::always_inline]] inline void
-NotifieeList::endVisitInPlace() {
-   if( word_ & visitingTag ) [[likely]] {
-      word_ -= visitingTag;
-   } else {
-      endMovedVisit();
-   }
-}
+// ---- visits -------------------------------------------------------------------------------
 
 /// The end of a visit in place that was moved to a block.
 void
@@ -367,28 +296,155 @@ NotifieeList::endMovedVisit() {
 /// In the catch block of a visit in place.
 void
 NotifieeList::thrownInPlace() {
-   NotifieeConst * notifiee = reinterpret_cast< NotifieeConst * >( word_ & ~anyTag );
-   if( word_ & blockTag ) {
-      Visit * outermost = block()->innermost;
-      while( outermost->outer ) outermost = outermost->outer;
-      notifiee = outermost->current( block()->members() );
-   }
+   NotifieeConst * notifiee = inPlace();
+   if( holdsBlock() ) notifiee = block()->innermost->current( block()->members() );
    try {
       notifiee->onNotificationException();
    } catch( ... ) {
-      endVisitInPlace();
+      endInPlace();
       throw;
    }
 }
 
+/// The visit of a block, or one inside the visit of a notifiee in place.
+template< class Call >
+[[gnu::always_inline]] inline void
+NotifieeList::visitTagged( Call call, Accepts accepts ) {
+   if( !holdsBlock() ) {
+      // The outer visit holds the notifiee and finds all that happens to the word meanwhile.
+      NotifieeConst * notifiee = inPlace();
+      try {
+         call( *notifiee );
+      } catch( ... ) {
+         notifiee->onNotificationException();
+      }
+      return;
+   }
+   Block * b = block();
+   NotifieeConst ** cursor = b->members();
+   Visit visit;
+   visit.stop = b->passives();
+   visit.outer = b->innermost;
+   visit.paused = false;
+   b->innermost = &visit;
+   if( b->unusual ) [[unlikely]] {
+      visit.cursor = cursor;
+      visitRest( visit, call, accepts, false );
+      return;
+   }
+   if( b->registered ) [[likely]] {
+      try {
+         do {
+            NotifieeConst & notifiee = **cursor++;
+            visit.cursor = cursor;
+            call( notifiee );
+         } while( cursor != visit.stop );
+      } catch( ... ) {
+         visitRest( visit, call, accepts, true );
+         return;
+      }
+      if( visit.paused ) [[unlikely]] {
+         visitRest( visit, call, accepts, false );
+         return;
+      }
+      b = block();
+   }
+   b->innermost = visit.outer;
+   if( b->unsettled && !visit.outer ) [[unlikely]] {
+      settle();
+   }
+}
+
+/// Goes on with a visit in which something came up, and ends it. `thrown`: in the catch block of
+/// what the present notifiee threw.
+template< class Call >
+[[gnu::noinline]] void
+NotifieeList::visitRest( Visit & visit, Call call, Accepts accepts, bool thrown ) {
+   visit.pause( block()->members() );
+   std::exception_ptr pending;
+   auto caught = [&] {
+      try {
+         visit.current( block()->members() )->onNotificationException();
+      } catch( ... ) {
+         if( !pending ) pending = std::current_exception();
+      }
+   };
+   if( thrown ) caught();
+   visit.releaseHeld();
+   while( visit.next != visit.end ) {
+      NotifieeConst & notifiee = *block()->members()[visit.next++];
+      bool wanted = notifiee.hasNotificationActive() &&
+                    ( !pending || notifiee.zekIsLogAdaptor() ) &&
+                    ( !( notifiee.flags_ & NotifieeConst::partialFlag ) || accepts( notifiee ) );
+      if( !wanted ) continue;
+      try {
+         call( notifiee );
+      } catch( ... ) {
+         caught();
+      }
+      visit.releaseHeld();
+   }
+   block()->innermost = visit.outer;
+   if( !visit.outer ) settle();
+   if( pending ) std::rethrow_exception( pending );
+}
+
+#ifdef __x86_64__
+
+// Deliberate: how this platform's C++ ABI lays out member pointers and calls through virtual
+// tables is spelled out here. The compiler would examine the member pointer anew for every
+// notifiee, which costs a third of the visit.
+struct NotifieeList::Slot {
+   uintptr_t function; // address, or for a virtual function one more than its offset in the table
+   ptrdiff_t adjustment;
+
+   static Slot of( Callback callback ) {
+      static_assert( sizeof( Slot ) == sizeof( Callback ) );
+      return std::bit_cast< Slot >( callback );
+   }
+   bool isPlainVirtual() const { return ( function & 1 ) && adjustment == 0; }
+   void operator()( NotifieeConst & notifiee ) const {
+      const char * table;
+      void ( *entry )( NotifieeConst * );
+      std::memcpy( &table, static_cast< const void * >( &notifiee ), sizeof( table ) );
+      std::memcpy( &entry, table + function - 1, sizeof( entry ) );
+      entry( &notifiee );
+   }
+};
+
+#else
+
+struct NotifieeList::Slot {
+   Callback callback;
+   static Slot of( Callback callback ) { return { callback }; }
+   bool isPlainVirtual() const { return true; }
+   void operator()( NotifieeConst & notifiee ) const { ( notifiee.*callback )(); }
+};
+
+#endif
+
 void
 NotifieeList::visit( Callback callback, Accepts accepts ) {
-   visitWith( [callback]( NotifieeConst & notifiee ) { ( notifiee.*callback )(); }, accepts );
+   Slot slot = Slot::of( callback );
+   if( !slot.isPlainVirtual() ) [[unlikely]] {
+      visitOddly( callback, accepts );
+      return;
+   }
+   visitTagged( slot, accepts );
+}
+
+/// The visit for a callback that is not virtual, or stands in another than the first base.
+[[gnu::noinline]] void
+NotifieeList::visitOddly( Callback callback, Accepts accepts ) {
+   auto invoke = []( NotifieeConst & notifiee, const void * call ) {
+      ( notifiee.**static_cast< const Callback * >( call ) )();
+   };
+   visitKeyed( invoke, &callback, accepts );
 }
 
 void
 NotifieeList::visitKeyed( Invoke invoke, const void * call, Accepts accepts ) {
-   visitWith( [=]( NotifieeConst & notifiee ) { invoke( notifiee, call ); }, accepts );
+   visitTagged( [=]( NotifieeConst & notifiee ) { invoke( notifiee, call ); }, accepts );
 }
 
 } // namespace Zek

@@ -3,10 +3,9 @@
 // A mutator costs one load of this word as long as nobody watches. One notifiee is held in place;
 // more of them, and everything unusual, live in a block on the heap.
 //
-//    0              nobody
-//    n              the notifiee n alone
-//    n | visiting   the same while it is being called
-//    b | block      the block b: an array of notifiees, the visits in progress, extras
+//    0          nobody
+//    n          the notifiee n alone; while it is being called, it is marked
+//    b | block  the block b: an array of notifiees, the visits in progress, extras
 //
 // A callback may do anything: remove its own notifiee or others, register new ones, attach and
 // re-point, run the same mutator again, drop the last reference to any notifiee or to the
@@ -24,15 +23,17 @@
 //   pass. Later notifiees are then skipped, but for attribute-log adaptors, which must learn of
 //   every change. The first exception is the one that leaves.
 //
-// Why in place: a visit of a single notifiee marks the word and finds it unchanged afterwards
-// unless something happened, so that the usual case stores twice and counts nothing. Why one
-// block for all else: an entity's optional parts (extras) share the word instead of adding one.
+// Why in place: a visit of a single notifiee marks it, calls, and finds the word unchanged unless
+// something happened, so that the usual case counts nothing and waits for no store of its own.
+// That path is inlined into the mutator, where the callback is a constant. Why one block for all
+// else: an entity's optional parts (extras) share the word instead of adding one.
 //
 // Threads: none; a list belongs to the thread that owns the notifier.
 
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Notifiee.h"
 #include "framework/Ptr.h"
 
 #include <cstdint>
@@ -61,21 +62,18 @@ class IPSTATE_EXPORT NotifieeList {
    /// Registered notifiees, the suspended ones included.
    uint32_t count() const;
    /// True while a callback of this list runs.
-   bool visitInProgress() const { return word_ && inVisit(); }
+   bool visitInProgress() const;
 
    /// Calls `callback` on every registered notifiee that is switched on and is an N. Throws what
    /// a notifiee let pass. The notifier may be gone afterwards when nobody else holds it.
-   template < class N >
+   template< class N >
    void doVisit( void ( N::*callback )() ) {
-      if( word_ ) visit( static_cast< Callback >( callback ), &accepts< N > );
+      if( word_ ) visitMembers( callback );
    }
    /// The same for a callback with a key. The key must outlive the visit: it is not copied.
-   template < class N, class K >
+   template< class N, class K >
    void doVisit( void ( N::*callback )( const K & ), const std::type_identity_t< K > & key ) {
-      if( word_ ) {
-         Keyed< K > call{ static_cast< typename Keyed< K >::Callback >( callback ), key };
-         visitKeyed( &Keyed< K >::invoke, &call, &accepts< N > );
-      }
+      if( word_ ) visitMembers( callback, key );
    }
 
    /// The optional parts, or null. The list owns them; other parts replace (and delete) them.
@@ -91,7 +89,7 @@ class IPSTATE_EXPORT NotifieeList {
    /// Whether the notifiee has the callback at all; asked only of one that watches a base part
    /// of its notifier.
    using Accepts = bool ( * )( const NotifieeConst & notifiee );
-   template < class K >
+   template< class K >
    struct Keyed {
       using Callback = void ( NotifieeConst::* )( const K & );
       Callback callback;
@@ -101,14 +99,44 @@ class IPSTATE_EXPORT NotifieeList {
          ( notifiee.*self.callback )( self.key );
       }
    };
-   template < class N >
+   template< class N >
    static bool accepts( const NotifieeConst & notifiee ) {
       return dynamic_cast< const N * >( &notifiee ) != nullptr;
    }
    struct Block;
    struct Visit;
+   struct Slot;
 
+   // With a word that is not 0.
+   template< class N >
+   void visitMembers( void ( N::*callback )() ) {
+      if( !beginInPlace() ) {
+         visit( static_cast< Callback >( callback ), &accepts< N > );
+         return;
+      }
+      try {
+         ( static_cast< N * >( inPlace() )->*callback )();
+      } catch( ... ) {
+         thrownInPlace();
+      }
+      endInPlace();
+   }
+   template< class N, class K >
+   void visitMembers( void ( N::*callback )( const K & ), const K & key ) {
+      if( !beginInPlace() ) {
+         Keyed< K > call{ static_cast< typename Keyed< K >::Callback >( callback ), key };
+         visitKeyed( &Keyed< K >::invoke, &call, &accepts< N > );
+         return;
+      }
+      try {
+         ( static_cast< N * >( inPlace() )->*callback )( key );
+      } catch( ... ) {
+         thrownInPlace();
+      }
+      endInPlace();
+   }
    void visit( Callback callback, Accepts accepts );
+   void visitOddly( Callback callback, Accepts accepts );
    void visitKeyed( Invoke invoke, const void * call, Accepts accepts );
 
    // For notifiees. Members are registered ones, which are called, and passive ones, which only
@@ -128,20 +156,34 @@ class IPSTATE_EXPORT NotifieeList {
    /// It dies: every member forgets it.
    void detachAll();
 
-   bool inVisit() const;
-   Block * block() const;
+   // The visit of a notifiee in place. It never is an unusual one.
+   static constexpr uintptr_t blockTag = 1;
+   bool holdsBlock() const { return word_ & blockTag; }
+   NotifieeConst * inPlace() const { return reinterpret_cast< NotifieeConst * >( word_ ); }
+   bool beginInPlace() {
+      if( holdsBlock() || inPlace()->calledInPlace_ ) return false;
+      inPlace()->calledInPlace_ = true;
+      return true;
+   }
+   void endInPlace() {
+      if( holdsBlock() ) [[unlikely]] {
+         endMovedVisit();
+      } else {
+         inPlace()->calledInPlace_ = false;
+      }
+   }
+   void endMovedVisit();
+   void thrownInPlace();
+
+   Block * block() const { return reinterpret_cast< Block * >( word_ - blockTag ); }
    Block * makeBlock();
    Block * roomFor( uint32_t more );
    void settle();
-   template < class Call >
-   void visitWith( const Call & call, Accepts accepts );
-   template < class Call >
+   void settleUnlessVisited();
+   template< class Call >
    void visitTagged( Call call, Accepts accepts );
-   template < class Call >
-   void visitBlock( const Call & call, Accepts accepts );
-   void endVisitInPlace();
-   void endMovedVisit();
-   void thrownInPlace();
+   template< class Call >
+   void visitRest( Visit & visit, Call call, Accepts accepts, bool thrown );
 
    uintptr_t word_ = 0;
 };

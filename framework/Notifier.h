@@ -26,7 +26,7 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    template < class N >
    void announce( void ( N::*callback )() ) const {
       if( !notifieeList_.idle() ) [[unlikely]] {
-         notifieeList_.doVisit( callback );
+         watchedList().visitMembers( callback );
       }
    }
    /// The same with the key of the member that changed; `key` must outlive the visit.
@@ -34,7 +34,7 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    void announce( void ( N::*callback )( const K & ),
                   const std::type_identity_t< K > & key ) const {
       if( !notifieeList_.idle() ) [[unlikely]] {
-         notifieeList_.doVisit( callback, key );
+         watchedList().visitMembers( callback, key );
       }
    }
 
@@ -47,6 +47,14 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    uint16_t parentAttrId_ = 0;
 
  private:
+   /// The list, as a pointer of which the compiler knows nothing: else it would share registers
+   /// between the visit and the test before it, and save them even where nobody watches.
+   NotifieeList & watchedList() const {
+      NotifieeList * list = &notifieeList_;
+      asm( "" : "+r"( list ) );
+      return *list;
+   }
+
    mutable NotifieeList notifieeList_;
 };
 
