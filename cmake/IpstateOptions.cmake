@@ -21,6 +21,10 @@ set( CMAKE_POSITION_INDEPENDENT_CODE ON )
 set( CMAKE_EXPORT_COMPILE_COMMANDS ON )
 
 add_compile_options( -Wall -Wextra -Wpedantic )
+if( CMAKE_CXX_COMPILER_ID MATCHES Clang )
+   # g++ has it take function parameters for members, too.
+   add_compile_options( -Wshadow )
+endif()
 if( IPSTATE_WERROR )
    add_compile_options( -Werror )
 endif()
