@@ -181,7 +181,7 @@ boundTest( const Type & type, const Member & m, const std::string & value ) {
 Pieces
 plain( const Type & type, const Member & m ) {
    Holes h = holesOf( type, m );
-   h["init"] = cppExpression( m.init, m.type, &type );
+   h["init"] = braced( cppExpression( m.init, m.type, &type ) );
    Pieces out;
    if( m.setAtConstruction ) out.parameter = fill( "$P$ $x$", h );
    out.declaration = fill( R"(   // $n$ $x$
@@ -191,7 +191,7 @@ $doc$
 )",
                            h );
    out.callbacks = fill( "      virtual void on$X$() {} // $n$\n", h );
-   out.storage.push_back( { rank( m.type ), fill( "   $T$ $x$_{ $init$ };\n", h ),
+   out.storage.push_back( { rank( m.type ), fill( "   $T$ $x$_$init$;\n", h ),
                             m.setAtConstruction ? fill( "$x$_( $x$ )", h ) : "" } );
    h["before"] = "";
    h["after"] = "";
@@ -315,33 +315,80 @@ $Self$::$x$Is( $P$ $x$ ) {
    return out;
 }
 
+// Arguments as the declarations of operations spell them.
+std::vector< std::string >
+declaredArguments( const Member & m ) {
+   std::vector< std::string > out;
+   for( const Argument & a : m.arguments ) out.push_back( cppParameter( a.type ) + " " + a.name );
+   return out;
+}
+
+// A view's question changes nothing; what returns nothing is a request to change.
+bool
+isConstOperation( const Member & m ) {
+   return m.kind == MemberKind::ask ? !m.isVoid : m.isConst;
+}
+
 Pieces
 operation( const Type & type, const Member & m ) {
    Pieces out;
-   std::vector< std::string > arguments;
-   for( const Argument & a : m.arguments ) {
-      arguments.push_back( cppParameter( a.type ) + " " + a.name );
-   }
+   bool asked = m.kind == MemberKind::ask;
    std::string result = m.isVoid ? "void" : cppStored( m.type );
+   std::string tail = isConstOperation( m ) ? " const" : "";
    out.declaration = "   // " + std::to_string( m.number ) + " " + m.name + "\n" +
                      docComment( m.doc, 3 ) + "   " +
-                     call( ( m.isStatic ? "static " : "" ) + result + " " + m.name, arguments,
-                           m.isConst ? " const;\n" : ";\n", 3 );
+                     call( ( m.isStatic ? "static "
+                             : asked    ? "virtual "
+                                        : "" ) +
+                              result + " " + m.name,
+                           declaredArguments( m ), tail + ";\n", 3 );
    std::string parameters;
    for( const Argument & a : m.arguments ) {
-      parameters += ( parameters.empty() ? " " : ", " );
-      parameters += "Zek::Rows::argument< " + cppStored( a.type ) + " >( \"" + a.name + "\" )";
+      parameters +=
+         "   Zek::Rows::argument< " + cppStored( a.type ) + " >( \"" + a.name + "\" ),\n";
    }
    std::string list = "{}";
-   if( !parameters.empty() ) list = "zekParameters_" + type.name + "_" + m.name;
+   if( !parameters.empty() ) {
+      list = "zekParameters_" + type.name + "_" + m.name;
+      out.definition =
+         "static constexpr Zek::ParameterRow " + list + "[] = {\n" + parameters + "};\n\n";
+   }
+   if( asked ) {
+      std::vector< std::string > unnamed;
+      for( const Argument & a : m.arguments ) unnamed.push_back( cppParameter( a.type ) );
+      out.definition += result + "\n" +
+                        call( type.name + "::" + m.name, unnamed, tail + " {\n", 0 ) +
+                        "   Zek::assertionFailed( \"Must override in derived class\", \"" +
+                        type.schema->stem + "\" );\n}\n\n";
+   }
    out.row = "   Zek::Rows::callable< " + result + " >( \"" + m.name + "\", " +
              std::to_string( m.number ) + ", nullptr, " + list +
              ( m.isStatic ? ", Zek::isStaticCall" : "" ) + " ),\n";
-   if( !parameters.empty() ) {
-      out.definition =
-         "static constexpr Zek::ParameterRow " + list + "[] = {" + parameters + " };\n\n";
-   }
    if( m.atConstruction ) out.construction = "   " + m.name + "();\n";
+   return out;
+}
+
+// A binding over the questions of its view: the record it holds, and the answers, which are
+// written by hand.
+Pieces
+binding( const Type & type ) {
+   const Type & view = *type.base.type;
+   Member held;
+   held.kind = MemberKind::param;
+   held.name = type.holdsName;
+   held.type = type.holds;
+   held.doc = "The record that answers.";
+   held.number =
+      view.members.empty() ? 258 : static_cast< uint16_t >( view.members.back().number + 1 );
+   Pieces out = parameter( type, held );
+   out.declaration += "\n";
+   for( const Member & m : view.members ) {
+      if( m.kind != MemberKind::ask ) continue;
+      out.declaration +=
+         "   " + call( ( m.isVoid ? std::string( "void" ) : cppStored( m.type ) ) + " " + m.name,
+                       declaredArguments( m ),
+                       isConstOperation( m ) ? " const override;\n" : " override;\n", 3 );
+   }
    return out;
 }
 
@@ -627,7 +674,7 @@ struct Bases {
 
 Bases
 basesOf( const Type & type ) {
-   if( type.base && type.kind != TypeKind::binding ) {
+   if( type.base ) {
       std::string base = cppName( *type.base.type );
       return { base, base + "::NotifieeConst", "&" + base + "::zekTypeDescriptor_" };
    }
@@ -646,7 +693,7 @@ emitCounted( const Type & type ) {
    Emission out;
    out.scope = type.scope;
    Bases bases = basesOf( type );
-   bool extends = type.base && type.kind != TypeKind::binding;
+   bool extends = static_cast< bool >( type.base );
 
    std::string body;
    std::string callbacks;
@@ -690,14 +737,13 @@ emitCounted( const Type & type ) {
       nested += docComment( e->doc, 3 ) + "   enum class " + e->name + " : uint8_t {\n" + rowsOf +
                 "   };\n   using enum " + e->name + ";\n\n";
    }
-   for( const Member & m : type.members ) {
-      Pieces p = visit( type, m );
+   auto add = [&]( const Pieces & p, const std::string & name, const TypeRef & stored ) {
       if( !p.declaration.empty() ) body += p.declaration + "\n";
       callbacks += p.callbacks;
       storage.insert( storage.end(), p.storage.begin(), p.storage.end() );
       if( !p.parameter.empty() ) {
-         takes( p.parameter, m.name,
-                p.parameterType.empty() ? cppStored( m.type ) : p.parameterType );
+         takes( p.parameter, name,
+                p.parameterType.empty() ? cppStored( stored ) : p.parameterType );
       }
       definitions += p.definition;
       rows += p.row;
@@ -706,7 +752,9 @@ emitCounted( const Type & type ) {
       construction += p.construction;
       orphaning += p.orphaning;
       zombie += p.zombie;
-   }
+   };
+   if( type.kind == TypeKind::binding ) add( binding( type ), type.holdsName, type.holds );
+   for( const Member & m : type.members ) add( visit( type, m ), m.name, m.type );
    std::stable_sort( storage.begin(), storage.end(),
                      []( const Storage & a, const Storage & b ) { return a.rank > b.rank; } );
    std::string fields;

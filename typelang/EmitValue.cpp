@@ -33,7 +33,7 @@ field( const Type & type, const Member & m ) {
             { "R", m.type.type->header.empty() ? cppParameter( m.type )
                                                : "const " + cppStored( m.type ) + " &" },
             { "n", std::to_string( m.number ) },
-            { "init", cppExpression( m.init, m.type, &type ) },
+            { "init", braced( cppExpression( m.init, m.type, &type ) ) },
             { "Self", type.name } };
    Pieces out;
    out.accessors = fill( R"(   // $n$ $x$
@@ -45,7 +45,7 @@ $doc$
       out.accessors += fill( "   void $x$Is( $P$ $x$ ) { $x$_ = $x$; }\n", h );
    }
    out.accessors += "\n";
-   out.storage = fill( "   $T$ $x$_{ $init$ };\n", h );
+   out.storage = fill( "   $T$ $x$_$init$;\n", h );
    out.row = fill( "   Zek::Rows::parameter< &$Self$::$x$_ >( \"$x$\", $n$ ),\n", h );
    return out;
 }

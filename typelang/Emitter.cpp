@@ -162,8 +162,8 @@ emitSchema( const Program & program ) {
       emissions.push_back( item.type ? emitType( *item.type ) : emitFunction( *item.function ) );
    }
    std::string base = schema.path.substr( 0, schema.path.size() - 4 );
-   return { { base + ".h", header( schema, emissions ) },
-            { base + ".zek.cpp", source( schema, emissions ) } };
+   return { { base + ".h", wrapped( header( schema, emissions ) ) },
+            { base + ".zek.cpp", wrapped( source( schema, emissions ) ) } };
 }
 
 } // namespace Zek::TypeLang

@@ -101,6 +101,60 @@ call( const std::string & head, const std::vector< std::string > & arguments,
 }
 
 std::string
+braced( const std::string & expression ) {
+   return expression.empty() ? "{}" : "{ " + expression + " }";
+}
+
+namespace {
+
+constexpr size_t widest = 100;
+
+// Where a line may be broken, best last: after "( ", after ", ", before " = ", after " {" of an
+// inline body. Never inside quotes.
+size_t
+breakPoint( const std::string & line, size_t from ) {
+   size_t best = 0;
+   bool quoted = false;
+   for( size_t i = 0; i + 1 < line.size() && i < widest; ++i ) {
+      if( line[i] == '"' ) quoted = !quoted;
+      if( quoted || i < from ) continue;
+      bool after = line[i + 1] == ' ' &&
+                   ( line[i] == ',' || line[i] == '(' || line[i] == '=' || line[i] == '{' );
+      bool conversion = line[i + 1] == ' ' && line[i] == '<' && best == 0;
+      if( after || conversion ) best = i + 1;
+   }
+   return best;
+}
+
+} // namespace
+
+std::string
+wrapped( const std::string & text ) {
+   std::string out;
+   size_t at = 0;
+   while( at < text.size() ) {
+      size_t end = text.find( '\n', at );
+      if( end == std::string::npos ) end = text.size();
+      std::string line = text.substr( at, end - at );
+      at = end + 1;
+      size_t indent = line.find_first_not_of( ' ' );
+      if( indent == std::string::npos ) indent = 0;
+      bool comment = line.compare( indent, 2, "//" ) == 0;
+      std::string pad( indent + 3, ' ' );
+      size_t from = indent + 1;
+      while( !comment && line.size() > widest ) {
+         size_t cut = breakPoint( line, from );
+         if( cut == 0 ) break;
+         out += line.substr( 0, cut ) + "\n";
+         line = pad + line.substr( cut + 1 );
+         from = pad.size() + 1;
+      }
+      out += line + "\n";
+   }
+   return out;
+}
+
+std::string
 cppName( const Type & type ) {
    return type.cppName.empty() ? type.fullName() : type.cppName;
 }

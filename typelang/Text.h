@@ -43,6 +43,13 @@ std::string cppParameter( const TypeRef & type );
 /// True when passed and returned by value.
 bool passedByValue( const TypeRef & type );
 
+/// `{}`, or `{ expression }`.
+std::string braced( const std::string & expression );
+
+/// Breaks what is still longer than 100 columns: declarations after their result type or at
+/// their arguments, initialiser lists and calls after commas.
+std::string wrapped( const std::string & text );
+
 /// A literal or name as a C++ expression of `type`; `within` resolves names of constants.
 std::string cppExpression( const Expr & expr, const TypeRef & type, const Type * within );
 
