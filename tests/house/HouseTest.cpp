@@ -251,9 +251,11 @@ TEST( House, NoLineIsLongerThan100Columns ) {
    std::string faults;
    for( const std::string & path : sources() ) {
       std::istringstream lines( contents( sourceDir / path ) );
+      RawStrings rawStrings; // what an emitter writes is filled in and broken elsewhere
       int number = 0;
       for( std::string line; std::getline( lines, line ); ) {
          ++number;
+         if( rawStrings.isInside( line ) ) continue;
          auto columns =
             std::ranges::count_if( line, []( char c ) { return ( c & 0xc0 ) != 0x80; } );
          if( columns > 100 ) faults += path + ":" + std::to_string( number ) + "\n";
