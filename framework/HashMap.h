@@ -8,7 +8,7 @@
 // while it is in the map. Order: by reversed hash, then by key; it depends on the members alone.
 // Everything that does not depend on the types is in framework/HashTable.h, once.
 //
-// Iterators hold a reference to the member they stand on and tolerate every change of the map: a
+// Iterators keep the member they stand on alive and tolerate every change of the map: a
 // removed member still answers, and the next step goes to the next member present. Members
 // inserted ahead are seen, members inserted behind are not. They must not outlive the map.
 
@@ -25,13 +25,13 @@ namespace Zek {
 
 /// The key of a member that knows it.
 struct FwkKeyFunktor {
-   template < class Member >
+   template< class Member >
    decltype( auto ) operator()( const Member & member ) const {
       return member.fwkKey();
    }
 };
 
-template < class Member, class Key, class KeyFunktor = FwkKeyFunktor >
+template< class Member, class Key, class KeyFunktor = FwkKeyFunktor >
 class HashMap {
  public:
    using MemberType = Member;
@@ -41,9 +41,8 @@ class HashMap {
    /// The member under `key`, or null. The map's reference is the only one: a caller that keeps
    /// the member takes its own.
    Member * find( const Key & key ) const {
-      auto same = [&key]( const PtrInterface * member ) { return keyOf( member ) == key; };
-      return typed( table_.isDense() ? table_.findDense( same )
-                                     : table_.find( reversedHashOf( key ), same ) );
+      const Slot * slot = slotOf( key );
+      return slot ? typed( slot->member ) : nullptr;
    }
    bool has( const Key & key ) const { return find( key ) != nullptr; }
 
@@ -56,16 +55,19 @@ class HashMap {
    /// Puts `member` in the place of the one under its key, which is returned. REQUIRES one there.
    Ptr< Member > replace( Member * member ) {
       const Key & key = keyOf( untyped( member ) );
-      Member * old = find( key );
-      assertThat( old != nullptr, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
+      Slot * slot = slotOf( key );
+      assertThat( slot != nullptr, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
       assertKey( member, key );
-      table_.replace( reversedHashOf( key ), untyped( old ), untyped( member ) );
+      Member * old = typed( slot->member );
+      table_.replace( slot, untyped( member ) );
       return Ptr< Member >::adopt( old );
    }
    /// Removes and returns the member under `key`, or returns null. `key` may be the member's own.
    Ptr< Member > take( const Key & key ) {
-      Member * member = find( key );
-      if( member ) table_.unlink( reversedHashOf( key ), untyped( member ) );
+      Slot * slot = slotOf( key );
+      if( !slot ) return nullptr;
+      Member * member = typed( slot->member );
+      table_.unlink( slot );
       return Ptr< Member >::adopt( member );
    }
    /// Empties the map first, then drops the members in order.
@@ -73,14 +75,14 @@ class HashMap {
 
    /// Nodes of key and value: sets the value under `key`. True when a member was added or its
    /// value changed; allocates one node at most.
-   template < class Value >
+   template< class Value >
    bool valueIs( const Key & key, const Value & value ) {
       if( Member * member = find( key ) ) return change( member, value );
       insert( allocate< Member >( key, value ).ptr() );
       return true;
    }
    /// Nodes keyed by a field of their value: the same.
-   template < class Value >
+   template< class Value >
    bool valueIs( const Value & value ) {
       const Key & key = typename Member::KeyFunktorType()( value );
       if( Member * member = find( key ) ) return change( member, value );
@@ -99,7 +101,7 @@ class HashMap {
       explicit IteratorConst( const HashMap & map ) : HashCursor( map.table_ ) {}
       /// At `key`, or at the end when it is absent.
       IteratorConst( const HashMap & map, const Key & key )
-         : HashCursor( map.table_, untyped( map.find( key ) ) ) {}
+         : HashCursor( map.table_, map.slotOf( key ) ) {}
 
       IteratorConst & operator++() {
          step();
@@ -121,10 +123,23 @@ class HashMap {
       Member * ptr() const { return typed( this->member() ); }
    };
 
-   /// The untyped map, for walks that know no types.
+   /// The untyped map, for those who measure it.
    const HashTable & table() const { return table_; }
+   /// For walks that know no types: the first member, and the one after `key`, be it present or
+   /// not; null at the end.
+   const PtrInterface * firstMember() const { return table_.firstMember(); }
+   const PtrInterface * memberAfter( const Key & key ) const {
+      return table_.memberAfter( reversedHashOf( key ), &key );
+   }
 
  private:
+   using Slot = HashTable::Slot;
+
+   Slot * slotOf( const Key & key ) const {
+      auto same = [&key]( const PtrInterface * member ) { return keyOf( member ) == key; };
+      return table_.isDense() ? table_.findDense( same )
+                              : table_.find( reversedHashOf( key ), same );
+   }
    static Member * typed( PtrInterface * member ) { return static_cast< Member * >( member ); }
    static PtrInterface * untyped( const Member * member ) {
       return const_cast< std::remove_const_t< Member > * >( member );
@@ -138,7 +153,7 @@ class HashMap {
          assertThat( member->fwkKey() == key, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
       }
    }
-   template < class Value >
+   template< class Value >
    static bool change( Member * member, const Value & value ) {
       if( member->value() == value ) return false;
       member->valueIs( value );

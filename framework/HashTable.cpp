@@ -40,7 +40,20 @@ constexpr uint32_t atOnce = 256;
 // Slots behind the last home: enough for the runs of good hashes. Others widen the array.
 uint32_t
 slotsBehind( uint32_t homes ) {
-   return std::min( homes / 4, 124u );
+   return std::clamp( homes / 4, 8u, 128u );
+}
+
+size_t
+pieceOf( const void * array, const void * place ) {
+   return static_cast< size_t >( static_cast< const char * >( place ) -
+                                 static_cast< const char * >( array ) ) /
+          pieceBytes;
+}
+
+// The first piece that has slots only.
+size_t
+firstPiece( const void * array, const void * slots ) {
+   return pieceOf( array, static_cast< const char * >( slots ) + pieceBytes - 1 );
 }
 
 } // namespace
@@ -49,30 +62,35 @@ slotsBehind( uint32_t homes ) {
 
 HashTable::Rep *
 HashTable::make( const HashTableOps & ops, uint8_t shift, uint32_t length ) {
-   size_t bytes = sizeof( Rep ) + size_t{ length } * sizeof( Slot );
-   bool isMapped = bytes >= mappedBytes;
+   static_assert( sizeof( Rep ) == 40 && sizeof( Slot ) == 16 );
+   Rep header{ &ops, nullptr, nullptr, 0, UINT32_MAX, length, shift, false };
+   size_t bytes = header.bytes();
+   header.isMapped = bytes >= mappedBytes;
    void * memory;
-   if( isMapped ) {
+   if( header.isMapped ) {
       memory = mmap( nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
       if( memory == MAP_FAILED ) memory = nullptr;
    } else {
       memory = std::calloc( 1, bytes );
    }
    if( !memory ) throw std::bad_alloc();
-   return new( memory ) Rep{ &ops, nullptr, 0, UINT32_MAX, length, shift, isMapped };
+   return new( memory ) Rep( header );
 }
 
-// Gives a mapped array's memory back between two slots, in whole pieces. The first piece, which
-// has the header, and the last, incomplete one stay for destroy().
+void
+HashTable::put( Rep * rep, uint32_t at, const Slot & slot ) {
+   rep->slots()[at] = slot;
+   if( rep->shift != 32 ) rep->tags()[at] = slot.mark ? tagOf( reversedHashOf( slot.mark ) ) : 0;
+}
+
+// Gives a mapped array's memory back between two slots, in whole pieces. What comes before the
+// first piece of nothing but slots, and the last, incomplete piece, stay for destroy().
 void
 HashTable::release( Rep * rep, uint32_t from, uint32_t to ) {
-   auto piece = [rep]( uint32_t slot ) {
-      auto offset =
-         reinterpret_cast< char * >( rep->slots() + slot ) - reinterpret_cast< char * >( rep );
-      return std::max< size_t >( static_cast< size_t >( offset ) / pieceBytes, 1 );
-   };
-   size_t first = piece( from ), last = piece( to );
-   if( rep->isMapped && first < last ) {
+   if( !rep->isMapped ) return;
+   size_t first = pieceOf( rep, rep->slots() + from ), last = pieceOf( rep, rep->slots() + to );
+   first = std::max( first, firstPiece( rep, rep->slots() ) );
+   if( first < last ) {
       munmap( reinterpret_cast< char * >( rep ) + first * pieceBytes,
               ( last - first ) * pieceBytes );
    }
@@ -85,12 +103,12 @@ HashTable::destroy( Rep * rep, uint32_t from ) {
       std::free( rep );
       return;
    }
-   size_t bytes = sizeof( Rep ) + size_t{ rep->length } * sizeof( Slot );
-   size_t kept = ( sizeof( Rep ) + size_t{ from } * sizeof( Slot ) ) / pieceBytes * pieceBytes;
+   size_t bytes = rep->bytes();
+   size_t first = firstPiece( rep, rep->slots() ), last = pieceOf( rep, rep->slots() + from );
    char * memory = reinterpret_cast< char * >( rep );
-   if( kept > pieceBytes ) {
-      munmap( memory + kept, bytes - kept );
-      bytes = pieceBytes;
+   if( first < last ) {
+      munmap( memory + last * pieceBytes, bytes - last * pieceBytes );
+      bytes = first * pieceBytes;
    }
    munmap( memory, bytes );
 }
@@ -98,13 +116,15 @@ HashTable::destroy( Rep * rep, uint32_t from ) {
 // The same array with more room behind the last home; the old one is gone, from `from` on.
 HashTable::Rep *
 HashTable::widened( Rep * rep, uint32_t from ) {
-   uint32_t behind = rep->usable() - rep->homes();
-   Rep * wide = make( *rep->ops, rep->shift, rep->homes() + 2 * behind + 2 * groupSize );
+   uint32_t behind = rep->length - rep->homes();
+   Rep * wide = make( *rep->ops, rep->shift, rep->homes() + 2 * behind + groupSize );
    wide->old = rep->old;
    wide->count = rep->count;
    wide->limit = rep->limit;
    std::memcpy( wide->slots() + from, rep->slots() + from,
-                ( rep->usable() - from ) * sizeof( Slot ) );
+                ( rep->length - from ) * sizeof( Slot ) );
+   std::memcpy( wide->tags() + from, rep->tags() + from, rep->length - from );
+   passCursors( rep, wide );
    destroy( rep, from );
    return wide;
 }
@@ -113,7 +133,7 @@ size_t
 HashTable::bytes() const {
    size_t sum = 0;
    for( const Rep * rep = rep_; rep; rep = rep->old ) {
-      sum += sizeof( Rep ) + size_t{ rep->length } * sizeof( Slot );
+      sum += rep->bytes();
    }
    return sum;
 }
@@ -128,6 +148,7 @@ HashTable::grow() {
       Rep * rep = make( *old->ops, 32, old->length * 2 );
       rep->count = old->count;
       std::memcpy( rep->slots(), old->slots(), old->count * sizeof( Slot ) );
+      passCursors( old, rep );
       destroy( old, 0 );
       rep_ = rep;
       return;
@@ -139,11 +160,11 @@ HashTable::grow() {
    }
    uint32_t homes = 1u << ( 32 - shift );
    // Members spread as they move, so those behind the last home need no more room than before.
-   uint32_t behind = std::max( slotsBehind( homes ), old->usable() - old->homes() );
-   Rep * rep = make( *old->ops, shift, homes + behind + groupSize );
-   static_assert( sizeof( Rep ) == 32 && sizeof( Slot ) == 16 );
+   uint32_t behind = std::max( slotsBehind( homes ), old->length - old->homes() );
+   Rep * rep = make( *old->ops, shift, homes + behind );
    rep->count = old->count;
    rep->old = old;
+   passCursors( old, rep );
    rep_ = rep;
    migrate( 0, old->length < atOnce ? UINT32_MAX : slotsPerStep );
 }
@@ -156,26 +177,26 @@ HashTable::migrate( uint32_t begin, uint32_t atLeast ) {
    Rep * old = rep->old;
    const Slot * from = old->slots();
    uint32_t end = begin;
-   while( end < old->usable() && ( end - begin < atLeast || from[end].mark ) ) ++end;
+   while( end < old->length && ( end - begin < atLeast || from[end].mark ) ) ++end;
 
    // Behind what has moved already: it ends before the first new home or in a run across it.
    uint32_t first = begin * 2;
-   while( rep->slots()[first].mark ) ++first;
+   while( first < rep->length && rep->slots()[first].mark ) ++first;
    if( end >= old->homes() ) {
       // Insertions of bad hashes may have filled the room behind the last home meanwhile.
       uint32_t next = first;
       for( uint32_t at = begin; at < end; ++at ) {
-         if( from[at].mark ) next = std::max( next, rep->home( ~from[at].mark ) ) + 1;
+         if( from[at].mark )
+            next = std::max( next, rep->home( reversedHashOf( from[at].mark ) ) ) + 1;
       }
-      while( next > rep->usable() ) rep = rep_ = widened( rep, 0 );
+      while( next > rep->length ) rep = rep_ = widened( rep, 0 );
    }
 
-   Slot * to = rep->slots();
    uint32_t next = first;
    for( uint32_t at = begin; at < end; ++at ) {
       if( !from[at].mark ) continue;
-      next = std::max( next, rep->home( ~from[at].mark ) );
-      to[next++] = from[at];
+      next = std::max( next, rep->home( reversedHashOf( from[at].mark ) ) );
+      put( rep, next++, from[at] );
    }
    if( end >= old->homes() ) {
       rep->old = nullptr;
@@ -192,6 +213,7 @@ HashTable::migrate( uint32_t begin, uint32_t atLeast ) {
 void
 HashTable::insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                    PtrInterface * member ) {
+   if( rep_ && rep_->cursors ) disturbCursors( nullptr );
    if( !rep_ ) {
       rep_ = make( ops, 32, 1 );
    } else if( rep_->old ) {
@@ -202,57 +224,63 @@ HashTable::insert( const HashTableOps & ops, uint32_t reversedHash, const void *
    bool isOld = reversedHash > rep_->limit;
    Rep * rep = isOld ? rep_->old : rep_;
    Slot * slots = rep->slots();
-   const uint32_t mark = markOf( reversedHash );
+   const uint64_t mark = markOf( reversedHash );
 
    uint32_t at = rep->home( reversedHash );
-   uint32_t usable = rep->usable();
-   while( at < usable && slots[at].mark > mark ) ++at;
-   for( ; at < usable && slots[at].mark == mark; ++at ) {
+   while( at < rep->length && slots[at].mark > mark ) ++at;
+   for( ; at < rep->length && slots[at].mark == mark; ++at ) {
       int order = ops.compare( slots[at].member, key );
       assertThat( order != 0, "key is absent", "HashTable" );
       if( order > 0 ) break;
    }
    uint32_t end = at;
-   while( end < usable && slots[end].mark ) ++end;
-   if( end == usable ) {
+   while( end < rep->length && slots[end].mark ) ++end;
+   if( end == rep->length ) {
       rep = widened( rep, isOld ? oldBegin( rep_ ) : 0 );
       ( isOld ? rep_->old : rep_ ) = rep;
       slots = rep->slots();
    }
-   for( ; end > at; --end ) slots[end] = slots[end - 1];
-   slots[at] = Slot{ mark, 0, member };
+   for( ; end > at; --end ) put( rep, end, slots[end - 1] );
+   put( rep, at, Slot{ mark, member } );
    ++rep_->count;
    member->referencesInc();
 }
 
 void
-HashTable::unlink( uint32_t reversedHash, const PtrInterface * member ) {
-   Rep * rep = reversedHash > rep_->limit ? rep_->old : rep_;
+HashTable::unlink( Slot * slot ) {
+   if( rep_->cursors ) disturbCursors( slot->member );
+   Rep * rep = repOf( slot );
    Slot * slots = rep->slots();
-   uint32_t at = rep->home( reversedHash );
-   while( slots[at].member != member ) ++at;
-   // Members behind that are not at home move up.
+   uint32_t at = static_cast< uint32_t >( slot - slots );
+   // Members behind that are not at home move up. The tags tell of empty slots without a look at
+   // another line of the array.
    const uint32_t length = rep->length;
-   for( uint32_t next = at + 1;
-        next < length && slots[next].mark && rep->home( ~slots[next].mark ) < next; ++next ) {
-      slots[at] = slots[next];
-      at = next;
+   if( rep->shift == 32 ) {
+      for( ; at + 1 < length; ++at ) slots[at] = slots[at + 1];
+   } else {
+      uint8_t * tags = rep->tags();
+      for( uint32_t next = at + 1;
+           tags[next] && rep->home( reversedHashOf( slots[next].mark ) ) < next; ++next ) {
+         slots[at] = slots[next];
+         tags[at] = tags[next];
+         at = next;
+      }
+      tags[at] = 0;
    }
    slots[at] = Slot{};
    if( --rep_->count == 0 ) clear();
 }
 
 void
-HashTable::replace( uint32_t reversedHash, const PtrInterface * old, PtrInterface * member ) {
-   Rep * rep = reversedHash > rep_->limit ? rep_->old : rep_;
-   Slot * slot = rep->slots() + rep->home( reversedHash );
-   while( slot->member != old ) ++slot;
+HashTable::replace( Slot * slot, PtrInterface * member ) {
+   if( rep_->cursors ) disturbCursors( slot->member );
    member->referencesInc();
    slot->member = member;
 }
 
 void
 HashTable::clear() {
+   if( rep_ && rep_->cursors ) detachCursors();
    Rep * rep = std::exchange( rep_, nullptr );
    uint32_t left = rep ? rep->count : 0;
    uint32_t from = 0;
@@ -273,104 +301,184 @@ HashTable::clear() {
 
 // -- Walks ------------------------------------------------------------------------------------
 
-PtrInterface *
-HashTable::memberFrom( uint32_t & at ) const {
-   const Rep * rep = rep_;
-   if( !( at & inOld ) ) {
-      // Behind the homes in use, the first empty slot ends the array.
-      const uint32_t homes = rep->home( rep->limit ) + 1;
-      for( ; at < rep->length; ++at ) {
-         if( PtrInterface * member = rep->slots()[at].member ) return member;
-         if( at >= homes ) break;
-      }
-      if( !rep->old ) return nullptr;
-      at = oldBegin( rep ) | inOld;
+// A walk of a large table touches every member: fetches those ahead.
+void
+HashTable::prefetchGroup( const Rep * rep, uint32_t at ) {
+   if( at >= rep->length ) return;
+   const Slot * slots = rep->slots() + at;
+   for( uint32_t full = ~matches( rep->tags() + at, 0 ) & 0xffff; full; full &= full - 1 ) {
+      __builtin_prefetch( slots[std::countr_zero( full )].member );
    }
-   for( rep = rep->old; ( at & ~inOld ) < rep->length; ++at ) {
-      if( PtrInterface * member = rep->slots()[at & ~inOld].member ) return member;
-   }
-   return nullptr;
 }
 
-// The first member behind that hash and those for which `compare( member ) <= 0`.
-template < class Compare >
-PtrInterface *
-HashTable::seek( uint32_t reversedHash, uint32_t & at, Compare compare ) const {
-   if( !rep_ ) return nullptr;
-   bool isOld = reversedHash > rep_->limit;
-   const Rep * rep = isOld ? rep_->old : rep_;
+// The first group with a member from a slot on; its bits before that slot are clear.
+HashTable::Group
+HashTable::groupFrom( const Rep * rep, uint32_t at ) const {
+   if( rep->shift == 32 ) {
+      uint32_t full = ( 1u << rep->count ) - 1;
+      return { rep->slots(), full & ~0u << at };
+   }
+   // Behind the homes in use, the first empty slot ends the array.
+   const uint32_t homes = rep->home( rep->limit ) + 1;
+   for( ; at < rep->length; at += groupSize ) {
+      uint32_t empty = matches( rep->tags() + at, 0 );
+      if( empty != 0xffff ) {
+         if( rep->isMapped ) prefetchGroup( rep, at + groupSize );
+         return { rep->slots() + at, ~empty & 0xffff };
+      }
+      if( at >= homes ) break;
+   }
+   return rep->old ? groupFrom( rep->old, oldBegin( rep ) ) : Group{ nullptr, 0 };
+}
+
+// REQUIRES that the table has not changed.
+HashTable::Group
+HashTable::groupAfter( const Group & group ) const {
+   if( rep_->shift == 32 ) return { nullptr, 0 };
+   const Slot * next = group.slots + groupSize;
+   const Rep * rep = repOf( group.slots );
+   return groupFrom( rep, static_cast< uint32_t >( next - rep->slots() ) );
+}
+
+// Behind that hash and those of its members for which `compare( member ) <= 0`.
+template< class Compare >
+HashTable::Group
+HashTable::groupBehind( uint32_t reversedHash, Compare compare ) const {
+   if( !rep_ ) return { nullptr, 0 };
+   const Rep * rep = reversedHash > rep_->limit ? rep_->old : rep_;
    const Slot * slots = rep->slots();
-   const uint32_t mark = markOf( reversedHash );
-   uint32_t i = rep->home( reversedHash );
-   while( i < rep->length && slots[i].mark > mark ) ++i;
-   while( i < rep->length && slots[i].mark == mark && compare( slots[i].member ) <= 0 ) ++i;
-   at = isOld ? i | inOld : i;
-   return memberFrom( at );
+   const uint64_t mark = markOf( reversedHash );
+   uint32_t at = rep->home( reversedHash );
+   while( at < rep->length && slots[at].mark > mark ) ++at;
+   while( at < rep->length && slots[at].mark == mark && compare( slots[at].member ) <= 0 ) ++at;
+   return groupFrom( rep, at );
+}
+
+HashTable::Group
+HashTable::groupBehind( const PtrInterface * member ) const {
+   if( !rep_ ) return { nullptr, 0 };
+   return groupBehind( rep_->ops->reversedHash( member ), [&]( const PtrInterface * m ) {
+      return rep_->ops->compareMembers( m, member );
+   } );
 }
 
 PtrInterface *
 HashTable::firstMember() const {
-   uint32_t at = 0;
-   return rep_ ? memberFrom( at ) : nullptr;
+   return rep_ ? firstOf( groupFrom( rep_, 0 ) ) : nullptr;
 }
 
 PtrInterface *
 HashTable::memberAfter( uint32_t reversedHash, const void * key ) const {
-   uint32_t at;
-   return seek( reversedHash, at,
-                [&]( const PtrInterface * m ) { return rep_->ops->compare( m, key ); } );
+   return firstOf( groupBehind(
+      reversedHash, [&]( const PtrInterface * m ) { return rep_->ops->compare( m, key ); } ) );
 }
 
 PtrInterface *
 HashTable::memberAfter( const PtrInterface * member ) const {
-   uint32_t at = nowhere;
-   return afterChange( member, at );
-}
-
-// after(), without reliance on the position.
-PtrInterface *
-HashTable::afterChange( const PtrInterface * member, uint32_t & at ) const {
-   if( !rep_ ) return nullptr;
-   const uint32_t i = at & ~inOld;
-   const Rep * rep = at & inOld ? rep_->old : rep_;
-   if( rep && i < rep->length && ( rep == rep_ || i >= oldBegin( rep_ ) ) &&
-       rep->slots()[i].member == member ) {
-      ++at;
-      return memberFrom( at );
-   }
-   return seek( rep_->ops->reversedHash( member ), at,
-                [&]( const PtrInterface * m ) { return rep_->ops->compareMembers( m, member ); } );
+   return firstOf( groupBehind( member ) );
 }
 
 // -- Cursors ----------------------------------------------------------------------------------
 
-HashCursor::HashCursor( const HashTable & table ) : table_( &table ), member_( nullptr ), at_( 0 ) {
-   if( table.rep_ ) member_ = table.memberFrom( at_ );
-   if( member_ ) member_->referencesInc();
+void
+HashTable::passCursors( Rep * from, Rep * to ) {
+   to->cursors = from->cursors;
+   if( to->cursors ) to->cursors->previous_ = &to->cursors;
 }
 
-HashCursor::HashCursor( const HashTable & table, PtrInterface * member )
+// Before any change: no cursor relies on slots any more, and those on the member that leaves, if
+// one does, keep it.
+void
+HashTable::disturbCursors( const PtrInterface * leaving ) {
+   for( HashCursor * cursor = rep_->cursors; cursor; ) {
+      HashCursor * next = cursor->next_;
+      cursor->ahead_ = Group{ nullptr, 0 };
+      if( cursor->member_ == leaving ) {
+         cursor->member_->referencesInc();
+         cursor->unlist();
+      }
+      cursor = next;
+   }
+}
+
+// All members leave.
+void
+HashTable::detachCursors() {
+   while( HashCursor * cursor = rep_->cursors ) {
+      cursor->ahead_ = Group{ nullptr, 0 };
+      cursor->member_->referencesInc();
+      cursor->unlist();
+   }
+}
+
+HashCursor::HashCursor( const HashTable & table )
    : table_( &table ),
-     member_( member ),
-     at_( HashTable::nowhere ) {
-   if( member_ ) member_->referencesInc();
+     member_( nullptr ),
+     ahead_{ nullptr, 0 } {
+   if( !table.rep_ ) return;
+   ahead_ = table.groupFrom( table.rep_, 0 );
+   member_ = HashTable::firstOf( ahead_ );
+   ahead_.full &= ahead_.full - 1;
+   join();
+}
+
+HashCursor::HashCursor( const HashTable & table, const HashTable::Slot * slot )
+   : table_( &table ),
+     member_( slot ? slot->member : nullptr ),
+     ahead_{ nullptr, 0 } {
+   if( member_ ) join();
 }
 
 HashCursor::HashCursor( const HashCursor & other )
    : table_( other.table_ ),
      member_( other.member_ ),
-     at_( other.at_ ) {
-   if( member_ ) member_->referencesInc();
+     ahead_( other.ahead_ ) {
+   if( other.isListed() ) {
+      join();
+   } else if( member_ ) {
+      member_->referencesInc();
+   }
 }
 
 HashCursor &
 HashCursor::operator=( const HashCursor & other ) {
-   if( other.member_ ) other.member_->referencesInc();
-   PtrInterface * old = std::exchange( member_, other.member_ );
+   if( this == &other ) return *this;
+   HashCursor old( *this ); // drops the reference, if there is one, when all is done
+   leave();
    table_ = other.table_;
-   at_ = other.at_;
-   if( old ) old->referencesDec();
+   member_ = other.member_;
+   ahead_ = other.ahead_;
+   if( other.isListed() ) {
+      join();
+   } else if( member_ ) {
+      member_->referencesInc();
+   }
    return *this;
+}
+
+// REQUIRES a member of the table, not listed.
+void
+HashCursor::join() {
+   HashCursor ** head = &table_->rep_->cursors;
+   next_ = *head;
+   previous_ = head;
+   if( next_ ) next_->previous_ = &next_;
+   *head = this;
+}
+
+// The group is used up, or no longer known, or the member was removed.
+void
+HashCursor::stepFar() {
+   PtrInterface * old = member_;
+   ahead_ = ahead_.slots ? table_->groupAfter( ahead_ ) : table_->groupBehind( old );
+   member_ = HashTable::firstOf( ahead_ );
+   ahead_.full &= ahead_.full - 1;
+   if( isListed() ) {
+      if( !member_ ) unlist();
+      return;
+   }
+   if( member_ ) join();
+   old->referencesDec();
 }
 
 } // namespace Zek

@@ -6,12 +6,15 @@
 // So the array is sorted, with gaps, and a walk over it has the same order whatever the size and
 // the history of the table.
 //
-// Slots. A slot is 16 bytes, four to a cache line: the member and the mark of its reversed hash.
-// Marks decide everything but equal hashes, so neither growth nor removal looks at a member. They
-// are complemented hashes: zero means empty, fresh pages of the system are empty slots, and one
-// comparison tells both an empty slot and a greater hash. A lookup compares four marks at once
-// from the home slot on, which at a load of at most 3/4 is nearly always enough: one or two lines
-// of the array, then the member itself.
+// Slots. A slot is 16 bytes: the member and the mark of its reversed hash. Marks decide everything
+// but equal hashes, so neither growth nor removal looks at a member. They are complemented hashes:
+// zero means empty, fresh pages of the system are empty slots, and one comparison tells both an
+// empty slot and a greater hash.
+//
+// Tags. Beside each slot of a hashed array stands one byte of its hash, zero when empty. A lookup
+// compares sixteen of them at once from the home on, up to the first empty one. At a load of at
+// most 3/4 that is nearly always enough: an absent key costs one line of tags, a present one also
+// one of slots and one of the member.
 //
 // Growth. Twice as many homes send slot i to 2i or 2i+1, so the order stays and the move is one
 // sequential pass. It is done a few slots per insertion: hashes up to Rep::limit are in the new
@@ -21,6 +24,9 @@
 //
 // Up to denseLength members stand without gaps in an array of 1, 2, 4 or 8 slots, which is the
 // same thing with a single home. Nothing ever shrinks, except that an empty table owns nothing.
+//
+// Cursors. An iterator that stands on a member is listed in the table and takes a reference only
+// when the member leaves the table, so a walk touches no reference counts.
 //
 // The table is one pointer. It holds a reference to each member. Dropping a reference may run any
 // code, also code that uses the table: it happens only after the table is sound again.
@@ -51,6 +57,8 @@ struct HashTableOps {
    int ( *compareMembers )( const PtrInterface * a, const PtrInterface * b );
 };
 
+class HashCursor;
+
 class IPSTATE_EXPORT HashTable {
  public:
    HashTable() = default;
@@ -70,23 +78,28 @@ class IPSTATE_EXPORT HashTable {
    PtrInterface * memberAfter( uint32_t reversedHash, const void * key ) const;
    PtrInterface * memberAfter( const PtrInterface * member ) const;
 
-   /// The member for which `same( member )` holds, or null. Only members with that reversed hash
-   /// are asked. REQUIRES count() > denseLength or the cost of asking by hash in a dense table.
-   template < class Same >
-   PtrInterface * find( uint32_t reversedHash, Same same ) const;
-   /// The same among the few members of a dense table, without a hash.
-   template < class Same >
-   PtrInterface * findDense( Same same ) const;
+   struct Slot {
+      uint64_t mark;         // 2^32 - reversed hash; 0: empty
+      PtrInterface * member; // null: empty
+   };
+
+   /// The slot of the member for which `same( member )` holds, or null. Valid until the next
+   /// change. Only members of that reversed hash are asked. REQUIRES !isDense().
+   template< class Same >
+   Slot * find( uint32_t reversedHash, Same same ) const;
+   /// The same among the few members of a dense table, without a hash. REQUIRES isDense().
+   template< class Same >
+   Slot * findDense( Same same ) const;
    bool isDense() const { return !rep_ || rep_->shift == 32; }
 
    /// Adds a member and takes a reference. REQUIRES its key absent. Changes nothing on bad_alloc.
    void insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                 PtrInterface * member );
-   /// Removes a member and leaves its reference to the caller. REQUIRES the member present.
-   void unlink( uint32_t reversedHash, const PtrInterface * member );
-   /// Puts `member` in the place of `old`, takes a reference to it and leaves that of `old` to the
-   /// caller. REQUIRES equal keys.
-   void replace( uint32_t reversedHash, const PtrInterface * old, PtrInterface * member );
+   /// Removes the member of a slot and leaves its reference to the caller.
+   void unlink( Slot * slot );
+   /// Puts `member` into the slot, takes a reference to it and leaves that of the old member to
+   /// the caller. REQUIRES equal keys.
+   void replace( Slot * slot, PtrInterface * member );
    /// Empties the table, then drops the references in order.
    void clear();
 
@@ -95,158 +108,185 @@ class IPSTATE_EXPORT HashTable {
  private:
    friend class HashCursor;
 
-   struct Slot {
-      uint32_t mark; // 0: empty
-      uint32_t spare;
-      PtrInterface * member; // null: empty
-   };
-
-   // Header of an array; the slots follow it.
+   // Header of an array. The tags follow it, unless it is dense, and then the slots.
    struct Rep {
       const HashTableOps * ops;
-      Rep * old;       // holds the hashes above limit while the table grows, else null
-      uint32_t count;  // members here and in old
-      uint32_t limit;  // greatest reversed hash that belongs here
-      uint32_t length; // slots, those after the last home and the sentinels included
-      uint8_t shift;   // home = reversed hash >> shift; 32 for a dense array
+      Rep * old;            // holds the hashes above limit while the table grows, else null
+      HashCursor * cursors; // those that stand on members; only here, not in old
+      uint32_t count;       // members here and in old
+      uint32_t limit;       // greatest reversed hash that belongs here
+      uint32_t length;      // slots, those behind the last home included
+      uint8_t shift;        // home = reversed hash >> shift; 32 for a dense array
       bool isMapped;
 
-      Slot * slots() { return reinterpret_cast< Slot * >( this + 1 ); }
-      const Slot * slots() const { return reinterpret_cast< const Slot * >( this + 1 ); }
+      uint8_t * tags() { return reinterpret_cast< uint8_t * >( this + 1 ); }
+      const uint8_t * tags() const { return reinterpret_cast< const uint8_t * >( this + 1 ); }
+      // Aligns the slots behind the tags: the length of a hashed array is a multiple of eight.
+      size_t tagBytes() const { return shift == 32 ? 0 : hashedTagBytes(); }
+      size_t hashedTagBytes() const { return size_t{ length } + groupSize + 8; }
+      Slot * slots() { return reinterpret_cast< Slot * >( tags() + tagBytes() ); }
+      const Slot * slots() const { return const_cast< Rep * >( this )->slots(); }
       uint32_t homes() const { return shift == 32 ? 1 : 1u << ( 32 - shift ); }
       uint32_t home( uint32_t reversedHash ) const {
          return static_cast< uint32_t >( static_cast< uint64_t >( reversedHash ) >> shift );
       }
-      // Slots that may be filled: a hashed array ends in a group of empty ones.
-      uint32_t usable() const { return shift == 32 ? length : length - groupSize; }
+      size_t bytes() const {
+         return sizeof( Rep ) + tagBytes() + size_t{ length } * sizeof( Slot );
+      }
    };
 
-   static constexpr uint32_t groupSize = 4;
-   static constexpr uint32_t inOld = 1u << 31; // in a cursor's position
-   static constexpr uint32_t nowhere = inOld - 1;
+   static constexpr uint32_t groupSize = 16; // tags compared at once; a group of zeros ends them
 
-   // Falls as the reversed hash rises. The two greatest hashes share a mark, since zero is taken.
-   static uint32_t markOf( uint32_t reversedHash ) {
-      return ~reversedHash + ( reversedHash == UINT32_MAX );
+   // Falls as the reversed hash rises, and is not zero.
+   static uint64_t markOf( uint32_t reversedHash ) {
+      return ( uint64_t{ 1 } << 32 ) - reversedHash;
    }
-   static uint32_t matches( const Slot * group, uint32_t mark );
+   static uint32_t reversedHashOf( uint64_t mark ) { return 0u - static_cast< uint32_t >( mark ); }
+   // Of the bits that homes do not use; not zero.
+   static uint8_t tagOf( uint32_t reversedHash ) {
+      return static_cast< uint8_t >( reversedHash | 1 );
+   }
+   static uint32_t matches( const uint8_t * tags, uint8_t tag );
 
    // First slot of the old array that is not yet moved.
    static uint32_t oldBegin( const Rep * rep ) { return ( rep->limit + 1 ) >> rep->old->shift; }
+   // The array that a slot belongs to.
+   Rep * repOf( const Slot * slot ) const {
+      if( !rep_->old ) return rep_;
+      auto * own = reinterpret_cast< const char * >( rep_ );
+      auto * place = reinterpret_cast< const char * >( slot );
+      return place > own && place < own + rep_->bytes() ? rep_ : rep_->old;
+   }
    static Rep * make( const HashTableOps & ops, uint8_t shift, uint32_t length );
+   static void put( Rep * rep, uint32_t at, const Slot & slot );
    static void destroy( Rep * rep, uint32_t from );
    static void release( Rep * rep, uint32_t from, uint32_t to );
    static Rep * widened( Rep * rep, uint32_t from );
+   static void passCursors( Rep * from, Rep * to );
+   void disturbCursors( const PtrInterface * leaving );
+   void detachCursors();
    void grow();
    void migrate( uint32_t begin, uint32_t atLeast );
 
-   // The next member from a slot on; `at` becomes its position.
-   PtrInterface * memberFrom( uint32_t & at ) const;
-   template < class Compare >
-   PtrInterface * seek( uint32_t reversedHash, uint32_t & at, Compare compare ) const;
-   PtrInterface * after( const PtrInterface * member, uint32_t & at ) const;
-   PtrInterface * afterChange( const PtrInterface * member, uint32_t & at ) const;
+   // Up to sixteen slots in order, those that hold members marked in `full`.
+   struct Group {
+      const Slot * slots; // null: nowhere
+      uint32_t full;
+   };
+   static void prefetchGroup( const Rep * rep, uint32_t at );
+   Group groupFrom( const Rep * rep, uint32_t at ) const;
+   Group groupAfter( const Group & group ) const;
+   template< class Compare >
+   Group groupBehind( uint32_t reversedHash, Compare compare ) const;
+   Group groupBehind( const PtrInterface * member ) const;
+   static PtrInterface * firstOf( const Group & group ) {
+      return group.full ? group.slots[std::countr_zero( group.full )].member : nullptr;
+   }
 
    Rep * rep_ = nullptr;
 };
 
-/// A place in a table that survives every change of the table, but not the table. It holds a
-/// reference to the member it stands on; when that member is removed it stays with it and the next
-/// step finds the member that now follows its key. Typed iterators derive from it.
+/// A place in a table that survives every change of the table, but not the table. It keeps the
+/// member it stands on alive; when that member is removed it stays with it and the next step finds
+/// the member that now follows its key. Typed iterators derive from it.
 class IPSTATE_EXPORT HashCursor {
  public:
    HashCursor( const HashCursor & other );
    HashCursor & operator=( const HashCursor & other );
-   ~HashCursor() {
-      if( member_ ) member_->referencesDec();
-   }
+   ~HashCursor() { leave(); }
    explicit operator bool() const { return member_ != nullptr; }
 
  protected:
    /// At the first member.
    explicit HashCursor( const HashTable & table );
-   /// At `member`, or at the end when it is null.
-   HashCursor( const HashTable & table, PtrInterface * member );
+   /// At the member of a slot, or at the end when it is null.
+   HashCursor( const HashTable & table, const HashTable::Slot * slot );
 
    /// To the next member. At the end, stays there.
    void step() {
-      if( !member_ ) return;
-      PtrInterface * next = table_->after( member_, at_ );
-      if( next ) next->referencesInc();
-      std::exchange( member_, next )->referencesDec();
+      if( ahead_.full ) [[likely]] {
+         member_ = HashTable::firstOf( ahead_ );
+         ahead_.full &= ahead_.full - 1;
+      } else if( member_ ) {
+         stepFar();
+      }
    }
    PtrInterface * member() const { return member_; }
 
  private:
+   friend class HashTable;
+
+   // On a member of the table a cursor is listed and owns no reference; on a removed one it is not
+   // listed and owns one; at the end neither.
+   bool isListed() const { return previous_ != nullptr; }
+   void join();
+   void unlist() {
+      *previous_ = next_;
+      if( next_ ) next_->previous_ = previous_;
+      previous_ = nullptr;
+   }
+   void leave() {
+      if( isListed() ) {
+         unlist();
+      } else if( member_ ) {
+         member_->referencesDec();
+      }
+   }
+   void stepFar();
+
    const HashTable * table_;
    PtrInterface * member_;
-   uint32_t at_; // believed only while the slot still holds the member
+   HashCursor * next_ = nullptr;
+   HashCursor ** previous_ = nullptr; // what points here; null: not listed
+   HashTable::Group ahead_;           // what follows here; nowhere once the table has changed
 };
 
 // -- Inline bodies ----------------------------------------------------------------------------
 
-/// Bit i is set when slot i of the group has that mark.
+/// Bit i is set when tag i of the group is that one.
 inline uint32_t
-HashTable::matches( const Slot * group, uint32_t mark ) {
+HashTable::matches( const uint8_t * tags, uint8_t tag ) {
 #ifdef __SSE2__
-   auto load = [group]( int i ) {
-      return _mm_loadu_si128( reinterpret_cast< const __m128i * >( group + i ) );
-   };
-   __m128i marks = _mm_unpacklo_epi64( _mm_unpacklo_epi32( load( 0 ), load( 1 ) ),
-                                       _mm_unpacklo_epi32( load( 2 ), load( 3 ) ) );
-   __m128i equal = _mm_cmpeq_epi32( marks, _mm_set1_epi32( static_cast< int >( mark ) ) );
-   return static_cast< uint32_t >( _mm_movemask_ps( _mm_castsi128_ps( equal ) ) );
+   __m128i group = _mm_loadu_si128( reinterpret_cast< const __m128i * >( tags ) );
+   __m128i equal = _mm_cmpeq_epi8( group, _mm_set1_epi8( static_cast< char >( tag ) ) );
+   return static_cast< uint32_t >( _mm_movemask_epi8( equal ) );
 #else
    uint32_t result = 0;
    for( uint32_t i = 0; i < groupSize; ++i ) {
-      result |= static_cast< uint32_t >( group[i].mark == mark ) << i;
+      result |= static_cast< uint32_t >( tags[i] == tag ) << i;
    }
    return result;
 #endif
 }
 
-template < class Same >
-PtrInterface *
+template< class Same >
+HashTable::Slot *
 HashTable::find( uint32_t reversedHash, Same same ) const {
-   const Rep * rep = rep_;
+   Rep * rep = rep_;
    if( reversedHash > rep->limit ) rep = rep->old;
-   const uint32_t mark = markOf( reversedHash );
-   const Slot * group = rep->slots() + ( reversedHash >> rep->shift );
-   for( ;; group += groupSize ) {
-      for( uint32_t m = matches( group, mark ); m != 0; m &= m - 1 ) {
-         PtrInterface * member = group[std::countr_zero( m )].member;
-         if( same( member ) ) return member;
+   const uint64_t mark = markOf( reversedHash );
+   const uint8_t tag = tagOf( reversedHash );
+   const size_t home = reversedHash >> rep->shift;
+   const uint8_t * tags = rep->tags() + home;
+   Slot * slots = reinterpret_cast< Slot * >( rep->tags() + rep->hashedTagBytes() ) + home;
+   __builtin_prefetch( slots ); // on its way while the tags are
+   for( ;; tags += groupSize, slots += groupSize ) {
+      for( uint32_t m = matches( tags, tag ); m != 0; m &= m - 1 ) {
+         Slot * slot = slots + std::countr_zero( m );
+         if( slot->mark == mark && same( slot->member ) ) return slot;
       }
-      // An empty slot or a greater hash: none of this hash follows.
-      if( group[groupSize - 1].mark < mark ) return nullptr;
+      // Nothing of this hash stands behind an empty slot.
+      if( matches( tags, 0 ) != 0 ) return nullptr;
    }
 }
 
-template < class Same >
-PtrInterface *
+template< class Same >
+HashTable::Slot *
 HashTable::findDense( Same same ) const {
    if( rep_ ) {
-      const Slot * slot = rep_->slots();
-      for( const Slot * end = slot + rep_->count; slot != end; ++slot ) {
-         if( same( slot->member ) ) return slot->member;
-      }
-   }
-   return nullptr;
-}
-
-inline PtrInterface *
-HashTable::after( const PtrInterface * member, uint32_t & at ) const {
-   const Rep * rep = rep_;
-   if( !rep || rep->old || at >= rep->length || rep->slots()[at].member != member ) {
-      return afterChange( member, at );
-   }
-   const Slot * slots = rep->slots();
-   const uint32_t length = rep->length;
-   while( ++at < length ) {
-      if( PtrInterface * next = slots[at].member ) {
-         // The walk touches every member: fetch those ahead.
-         if( at + 8 < length ) __builtin_prefetch( slots[at + 8].member );
-         return next;
+      Slot * slot = reinterpret_cast< Slot * >( rep_->tags() );
+      for( Slot * end = slot + rep_->count; slot != end; ++slot ) {
+         if( same( slot->member ) ) return slot;
       }
    }
    return nullptr;

@@ -94,7 +94,7 @@ TYPED_TEST( AnyHash, TheOrderDoesNotDependOnTheHistory ) {
 TEST( HashMap, FewMembersCostFewBytes ) {
    IntMap< Id > map;
    EXPECT_EQ( map.table().bytes(), 0u );
-   for( auto [count, limit] : { std::pair( 1u, 48u ), { 2u, 64u }, { 4u, 96u }, { 8u, 160u } } ) {
+   for( auto [count, limit] : { std::pair( 1u, 56u ), { 2u, 72u }, { 4u, 104u }, { 8u, 168u } } ) {
       while( map.count() < count ) map.valueIs( Id( static_cast< uint32_t >( map.count() ) ), 0 );
       EXPECT_LE( map.table().bytes(), limit );
    }
