@@ -16,7 +16,7 @@ build:
 	@cmake --build --preset release -j $(JOBS) >&2
 
 test:
-	@scripts/install-packages build test
+	@scripts/install-packages build test tidy
 	@scripts/run-tests
 
 # One program: make bench BENCH=bench_HashMap
