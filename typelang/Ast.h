@@ -161,6 +161,7 @@ struct Member {
    bool isStatic = false;
    bool atConstruction = false; // run at the end of construction
    bool isVoid = true;
+   bool returnsSelf = false;          // result `T &`: the object itself
 
    // reactor
    bool isEach = false; // `each`: a collection keyed like the watched type
@@ -194,6 +195,7 @@ struct Type {
 
    // value
    bool hashIsSum = false; // `hash sum`: the sum of its fields' hashes
+   std::string compares; // `compares FIELD`: equality and hash look at it alone
    // boundedString
    std::string maxName; // "maxLength"
    int64_t maxBytes = 0;

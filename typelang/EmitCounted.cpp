@@ -659,6 +659,7 @@ visit( const Type & type, const Member & m ) {
                 ? entityCollection( type, m )
                 : nodeCollection( type, m );
    case MemberKind::reactor:
+      return emitReactor( type, m );
    case MemberKind::named:
       break;
    }

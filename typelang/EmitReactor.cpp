@@ -168,8 +168,7 @@ attachment( const Type & machine, const Member & reactor, Reaction::When when ) 
       if( r.when != Reaction::When::on ) continue;
       if( uses( r, Action::Kind::feed ) ) {
          add( "   on" + capitalised( r.attribute ) + "zekImmediate();\n" );
-      } else if( !listed && when == Reaction::When::start &&
-                 r.watched->kind != MemberKind::collection ) {
+      } else if( !listed && r.watched->kind != MemberKind::collection ) {
          add( "   on" + capitalised( r.attribute ) + "();\n" );
       }
    }

@@ -3,6 +3,8 @@
 #include "typelang/Emission.h"
 #include "typelang/Text.h"
 
+#include <optional>
+
 namespace Zek::TypeLang {
 
 namespace {
@@ -89,10 +91,10 @@ emitValue( const Type & type ) {
    std::vector< std::string > parameters; // of the field-by-field constructor
    std::vector< std::string > initialisers;
    std::vector< std::string > equal;
-   std::vector< std::string > isZero;
    std::string less;
    std::vector< std::string > hashes;
-   bool hasSet = false;
+   std::optional< std::string > unreadable; // why no text reads back
+   std::string construction;
    const Member * key = type.keyMember();
    for( const Member & m : type.members ) {
       if( m.kind == MemberKind::call ) {
@@ -103,7 +105,9 @@ emitValue( const Type & type ) {
          calls +=
             "   // " + std::to_string( m.number ) + " " + m.name + "\n" + docComment( m.doc, 3 );
          calls += "   " + call( ( m.isStatic ? "static " : "" ) +
-                                   ( m.isVoid ? std::string( "void" ) : cppStored( m.type ) ) +
+                                   ( m.isVoid        ? std::string( "void" )
+                                     : m.returnsSelf ? type.name + " &"
+                                                     : cppStored( m.type ) ) +
                                    " " + m.name,
                                 arguments, m.isConst ? " const;\n\n" : ";\n\n", 3 );
          continue;
@@ -125,17 +129,18 @@ emitValue( const Type & type ) {
       accessors += pieces.accessors;
       storage += pieces.storage;
       rows += pieces.row;
-      equal.push_back( m.name + "_ == other." + m.name + "_" );
-      isZero.push_back( "*this == " + type.name + "()" );
-      less += "   if( !( " + m.name + "_ == other." + m.name + "_ ) ) return " + m.name +
-              "_ < other." + m.name + "_;\n";
-      hashes.push_back(
-         ( isSet( m ) ? m.name + "_.hash()" : "Zek::hashField( " + m.name + "_ )" ) );
-      hasSet = hasSet || isSet( m );
       if( isField( m ) && ( !key || m.kind == MemberKind::key ) ) {
          parameters.push_back( cppParameter( m.type ) + " " + m.name );
          initialisers.push_back( m.name + "_( " + m.name + " )" );
       }
+      if( isSet( m ) ) unreadable = " - has collection";
+      if( m.type.type->isCounted() ) unreadable = "";
+      if( !type.compares.empty() && m.name != type.compares ) continue;
+      equal.push_back( m.name + "_ == other." + m.name + "_" );
+      less += "   if( !( " + m.name + "_ == other." + m.name + "_ ) ) return " + m.name +
+              "_ < other." + m.name + "_;\n";
+      hashes.push_back(
+         ( isSet( m ) ? m.name + "_.hash()" : "Zek::hashField( " + m.name + "_ )" ) );
    }
 
    std::string hash;
@@ -162,7 +167,8 @@ emitValue( const Type & type ) {
               "   " +
                  call( std::string( key || parameters.size() > 1 ? "" : "explicit " ) + type.name,
                        parameters, "", 3 ) +
-                 "\n      : " + joined( initialisers, ", " ) + " {}\n" },
+                 "\n      : " + joined( initialisers, ", " ) +
+                 ( construction.empty() ? " {}\n" : " {\n      " + construction + "\n   }\n" ) },
             { "equal", joined( equal, " && " ) },
             { "less", less },
             { "hash", hash },
@@ -176,9 +182,10 @@ emitValue( const Type & type ) {
                  h )
          : "";
    h["fromTextComment"] =
-      hasSet
-         ? "   /// Deliberate: stops on an assertion, a value with a collection has no text that\n"
-           "   /// reads back.\n"
+      unreadable
+         ? "   /// Deliberate: stops on an assertion, a value with a collection or a pointer has "
+           "no\n"
+           "   /// text that reads back.\n"
          : "   /// Reads the text form back, exactly that form; RangeException otherwise.\n";
    out.declaration = fill( R"($doc$
 class IPSTATE_EXPORT $Self$ {
@@ -219,10 +226,11 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
 )",
                            h );
    h["stem"] = type.schema->stem;
+   h["why"] = unreadable.value_or( "" );
    h["constructFromText"] =
-      hasSet
+      unreadable
          ? fill( R"($Self$::$Self$( Zek::String::IteratorConst, Zek::String::IteratorConst ) {
-   Zek::assertionFailed( "No String constructor for $Self$ - has collection", "$stem$" );
+   Zek::assertionFailed( "No String constructor for $Self$$why$", "$stem$" );
 }
 )",
                  h )
@@ -237,8 +245,8 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
    for( const Member & m : type.members ) {
       if( m.kind != MemberKind::call ) continue;
       callRows += "   Zek::Rows::callable< " +
-                  ( m.isVoid ? std::string( "void" ) : cppStored( m.type ) ) + " >( \"" + m.name +
-                  "\", " + std::to_string( m.number ) + ", nullptr, {}" +
+                  ( m.isVoid || m.returnsSelf ? std::string( "void" ) : cppStored( m.type ) ) +
+                  " >( \"" + m.name + "\", " + std::to_string( m.number ) + ", nullptr, {}" +
                   ( m.isStatic ? ", Zek::isStaticCall" : "" ) + " ),\n";
    }
    h["callRows"] = callRows;

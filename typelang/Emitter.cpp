@@ -42,6 +42,10 @@ includes( const Schema & schema ) {
    for( const Type & type : schema.types ) {
       if( !type.header.empty() ) own.insert( type.header );
    }
+   bool machines = false;
+   for( const Type & type : schema.types ) {
+      machines = machines || type.kind == TypeKind::machine;
+   }
    std::string out;
    for( const Schema * import : schema.imports )
       out += "#include \"" + headerOf( *import ) + "\"\n";
@@ -51,7 +55,9 @@ includes( const Schema & schema ) {
 #include "framework/HashMap.h"
 #include "framework/Node.h"
 #include "framework/RbTreeMap.h"
-#include "framework/Value.h"
+)";
+   if( machines ) out += "#include \"framework/Reactor.h\"\n";
+   out += R"(#include "framework/Value.h"
 
 #include <cstdint>
 #include <iosfwd>
