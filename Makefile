@@ -26,6 +26,9 @@ bench:
 	@cmake --build --preset release --target $(or $(BENCH),bench) -j $(JOBS) >&2
 	@for program in build/release/bench/$(or $(BENCH),bench_*); do \
 	   echo "== $$program"; $$program $(ARGS) || exit 1; done
+ifndef BENCH
+	@sh bench/instructions.sh build/release/bench/bench_Notify || [ $$? = 77 ]
+endif
 
 format:
 	@scripts/check-format --fix
