@@ -142,7 +142,7 @@ class KernelFeed::Applier : public MessageHandler {
       refreshAfterConfig( config );
    }
 
-   void onGroup4( const GroupMessage< Ip4 > & told ) override {
+   void onGroup4( const GroupMessage< RawIp4 > & told ) override {
       Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
       if( !interface ) {
          return;
@@ -154,7 +154,7 @@ class KernelFeed::Applier : public MessageHandler {
       }
    }
 
-   void onGroup6( const GroupMessage< Ip6 > & told ) override {
+   void onGroup6( const GroupMessage< RawIp6 > & told ) override {
       Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
       if( !interface ) {
          return;
@@ -316,13 +316,13 @@ class KernelFeed::ReplyHandler : public MessageHandler {
       }
    }
 
-   void onGroup4( const GroupMessage< Ip4 > & told ) override {
+   void onGroup4( const GroupMessage< RawIp4 > & told ) override {
       if( dump_ == Dump::groups4 ) {
          feed_.collectedGroups4_[told.index].push_back( told.group );
       }
    }
 
-   void onGroup6( const GroupMessage< Ip6 > & told ) override {
+   void onGroup6( const GroupMessage< RawIp6 > & told ) override {
       if( dump_ == Dump::groups6 ) {
          feed_.collectedGroups6_[told.index].push_back( told.group );
       }
@@ -680,7 +680,7 @@ KernelFeed::takeGroupText( Dump dump ) {
    std::string text;
    bool good = true;
    if( dump == Dump::groups4 ) {
-      std::vector< std::pair< int, Ip4 > > groups;
+      std::vector< std::pair< int, RawIp4 > > groups;
       if( !source_.readText( KernelText::igmp, text ) ) {
          return false;
       }
@@ -689,7 +689,7 @@ KernelFeed::takeGroupText( Dump dump ) {
          collectedGroups4_[index].push_back( group );
       }
    } else {
-      std::vector< std::pair< int, Ip6 > > groups;
+      std::vector< std::pair< int, RawIp6 > > groups;
       if( !source_.readText( KernelText::igmp6, text ) ) {
          return false;
       }
@@ -708,7 +708,7 @@ KernelFeed::takeGroupText( Dump dump ) {
 namespace {
 
 struct Ip6Hash {
-   size_t operator()( const Ip6 & address ) const {
+   size_t operator()( const RawIp6 & address ) const {
       uint64_t half[2];
       memcpy( half, address.data(), sizeof half );
       return size_t( ( half[0] ^ half[1] * 0x9e3779b97f4a7c15u ) * 0xff51afd7ed558ccdu >> 16 );
@@ -777,12 +777,12 @@ KernelFeed::takeCollected( bool repeated ) {
    }
    if( work_ == Work::full ) {
       for( const auto & [index, groups] : collectedGroups4_ ) {
-         for( Ip4 group : groups ) {
+         for( RawIp4 group : groups ) {
             addGroup( staged_.at( index ), group );
          }
       }
       for( const auto & [index, groups] : collectedGroups6_ ) {
-         for( const Ip6 & group : groups ) {
+         for( const RawIp6 & group : groups ) {
             addGroup( staged_.at( index ), group );
          }
       }
@@ -790,26 +790,26 @@ KernelFeed::takeCollected( bool repeated ) {
       // There are no events for these: the dump replaces what is held.
       state_.forEach( [&]( Interface & interface ) {
          if( dump == Dump::groups4 ) {
-            std::vector< Ip4 > before = std::move( interface.groups4 );
+            std::vector< RawIp4 > before = std::move( interface.groups4 );
             interface.groups4.clear();
-            for( Ip4 group : collectedGroups4_[interface.index] ) {
+            for( RawIp4 group : collectedGroups4_[interface.index] ) {
                addGroup( interface, group );
             }
             if( interface.present ) {
-               compareLists< std::hash< Ip4 >, std::equal_to< Ip4 > >(
-                  before, interface.groups4, [&]( Ip4 group, Difference difference ) {
+               compareLists< std::hash< RawIp4 >, std::equal_to< RawIp4 > >(
+                  before, interface.groups4, [&]( RawIp4 group, Difference difference ) {
                      observer_.onGroup4( interface, group, difference );
                   } );
             }
          } else {
-            std::vector< Ip6 > before = std::move( interface.groups6 );
+            std::vector< RawIp6 > before = std::move( interface.groups6 );
             interface.groups6.clear();
-            for( const Ip6 & group : collectedGroups6_[interface.index] ) {
+            for( const RawIp6 & group : collectedGroups6_[interface.index] ) {
                addGroup( interface, group );
             }
             if( interface.present ) {
-               compareLists< Ip6Hash, std::equal_to< Ip6 > >(
-                  before, interface.groups6, [&]( const Ip6 & group, Difference difference ) {
+               compareLists< Ip6Hash, std::equal_to< RawIp6 > >(
+                  before, interface.groups6, [&]( const RawIp6 & group, Difference difference ) {
                      observer_.onGroup6( interface, group, difference );
                   } );
             }
@@ -919,12 +919,12 @@ KernelFeed::tellDifferences( const Interface & before, const Interface & after )
                                                [&]( const Ip6Address & address, Difference what ) {
                                                   observer_.onAddress6( after, address, what );
                                                } );
-   compareLists< std::hash< Ip4 >, std::equal_to< Ip4 > >(
+   compareLists< std::hash< RawIp4 >, std::equal_to< RawIp4 > >(
       before.groups4, after.groups4,
-      [&]( Ip4 group, Difference what ) { observer_.onGroup4( after, group, what ); } );
-   compareLists< Ip6Hash, std::equal_to< Ip6 > >(
+      [&]( RawIp4 group, Difference what ) { observer_.onGroup4( after, group, what ); } );
+   compareLists< Ip6Hash, std::equal_to< RawIp6 > >(
       before.groups6, after.groups6,
-      [&]( const Ip6 & group, Difference what ) { observer_.onGroup6( after, group, what ); } );
+      [&]( const RawIp6 & group, Difference what ) { observer_.onGroup6( after, group, what ); } );
 }
 
 void

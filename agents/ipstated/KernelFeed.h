@@ -67,8 +67,8 @@ class KernelObserver {
    /// the differences that led to it.
    virtual void onPrimary4( const Interface & ) {}
 
-   virtual void onGroup4( const Interface &, Ip4, Difference ) {}
-   virtual void onGroup6( const Interface &, const Ip6 &, Difference ) {}
+   virtual void onGroup4( const Interface &, RawIp4, Difference ) {}
+   virtual void onGroup6( const Interface &, const RawIp6 &, Difference ) {}
 
    /// A full dump has been told, or there was nothing to tell in it.
    virtual void onSynchronized() {}
@@ -199,8 +199,8 @@ class KernelFeed {
    Time lastReply_{};
 
    std::map< int, std::vector< Ip4Address > > collected4_;
-   std::map< int, std::vector< Ip4 > > collectedGroups4_;
-   std::map< int, std::vector< Ip6 > > collectedGroups6_;
+   std::map< int, std::vector< RawIp4 > > collectedGroups4_;
+   std::map< int, std::vector< RawIp6 > > collectedGroups6_;
    bool groupText4_ = false; ///< the kernel does not dump these groups
    bool groupText6_ = false;
 

@@ -247,22 +247,22 @@ removeMember( std::vector< Group > & groups, const Group & group ) {
 } // namespace
 
 Difference
-addGroup( Interface & interface, Ip4 group ) {
+addGroup( Interface & interface, RawIp4 group ) {
    return addMember( interface.groups4, group );
 }
 
 Difference
-removeGroup( Interface & interface, Ip4 group ) {
+removeGroup( Interface & interface, RawIp4 group ) {
    return removeMember( interface.groups4, group );
 }
 
 Difference
-addGroup( Interface & interface, const Ip6 & group ) {
+addGroup( Interface & interface, const RawIp6 & group ) {
    return addMember( interface.groups6, group );
 }
 
 Difference
-removeGroup( Interface & interface, const Ip6 & group ) {
+removeGroup( Interface & interface, const RawIp6 & group ) {
    return removeMember( interface.groups6, group );
 }
 

@@ -24,17 +24,17 @@
 namespace Ipstated {
 
 /// An IPv4 address as a number, first byte highest.
-using Ip4 = uint32_t;
+using RawIp4 = uint32_t;
 
 /// An IPv6 address in network order.
-using Ip6 = std::array< uint8_t, 16 >;
+using RawIp6 = std::array< uint8_t, 16 >;
 
 /// The VRF of an interface that no VRF device holds.
 inline constexpr std::string_view defaultVrf = "default";
 
 struct Ip4Address {
-   Ip4 local = 0;
-   Ip4 peer = 0; ///< equals `local` unless the other end of the link was named
+   RawIp4 local = 0;
+   RawIp4 peer = 0; ///< equals `local` unless the other end of the link was named
    uint8_t prefixLength = 0;
    uint8_t scope = 0;  ///< the kernel's route scope: 0 universe, 253 link, 254 host
    uint32_t flags = 0; ///< IFA_F_...
@@ -51,7 +51,7 @@ struct Ip4Address {
 };
 
 struct Ip6Address {
-   Ip6 address{};
+   RawIp6 address{};
    uint8_t prefixLength = 0;
    uint8_t scope = 0;
    uint32_t flags = 0; ///< IFA_F_...
@@ -98,8 +98,8 @@ struct Interface {
 
    std::vector< Ip4Address > addresses4; ///< in the kernel's order
    std::vector< Ip6Address > addresses6;
-   std::vector< Ip4 > groups4;
-   std::vector< Ip6 > groups6;
+   std::vector< RawIp4 > groups4;
+   std::vector< RawIp6 > groups6;
 
    // Derived by KernelState::refresh().
    std::string vrf{ defaultVrf };
@@ -172,10 +172,10 @@ Difference removeAddress( Interface & interface, const Ip4Address & address );
 Difference addAddress( Interface & interface, const Ip6Address & address );
 Difference removeAddress( Interface & interface, const Ip6Address & address );
 
-Difference addGroup( Interface & interface, Ip4 group );
-Difference removeGroup( Interface & interface, Ip4 group );
-Difference addGroup( Interface & interface, const Ip6 & group );
-Difference removeGroup( Interface & interface, const Ip6 & group );
+Difference addGroup( Interface & interface, RawIp4 group );
+Difference removeGroup( Interface & interface, RawIp4 group );
+Difference addGroup( Interface & interface, const RawIp6 & group );
+Difference removeGroup( Interface & interface, const RawIp6 & group );
 
 /// The addresses of two dumps of one interface taken together: `later` as it stands, and those of
 /// `earlier` that it lacks, each behind the one that it followed. An interrupted dump can leave

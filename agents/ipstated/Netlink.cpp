@@ -107,14 +107,15 @@ class Attributes {
    }
 
    /// An IPv4 address in network order.
-   Ip4 ip4( Known known ) const {
+   RawIp4 ip4( Known known ) const {
       std::array< uint8_t, 4 > raw{};
       copy( known, raw.data(), raw.size() );
-      return Ip4( raw[0] ) << 24 | Ip4( raw[1] ) << 16 | Ip4( raw[2] ) << 8 | Ip4( raw[3] );
+      return RawIp4( raw[0] ) << 24 | RawIp4( raw[1] ) << 16 | RawIp4( raw[2] ) << 8 |
+             RawIp4( raw[3] );
    }
 
-   Ip6 ip6( Known known ) const {
-      Ip6 raw{};
+   RawIp6 ip6( Known known ) const {
+      RawIp6 raw{};
       copy( known, raw.data(), raw.size() );
       return raw;
    }
@@ -392,12 +393,12 @@ readGroup( const nlmsghdr * message, Reader & reader, MessageHandler & handler )
    }
    bool gone = message->nlmsg_type == delMulticast;
    if( info->ifa_family == AF_INET ) {
-      Ip4 address = attributes.ip4( group );
+      RawIp4 address = attributes.ip4( group );
       if( reader.good() ) {
          handler.onGroup4( { gone, int( info->ifa_index ), address } );
       }
    } else {
-      Ip6 address = attributes.ip6( group );
+      RawIp6 address = attributes.ip6( group );
       if( reader.good() ) {
          handler.onGroup6( { gone, int( info->ifa_index ), address } );
       }
@@ -580,7 +581,7 @@ readNumber( std::string_view word, Number & number, int base ) {
 } // namespace
 
 bool
-readIgmp( const std::string & text, std::vector< std::pair< int, Ip4 > > & groups ) {
+readIgmp( const std::string & text, std::vector< std::pair< int, RawIp4 > > & groups ) {
    bool good = true;
    bool heading = true;
    int index = 0;
@@ -606,18 +607,18 @@ readIgmp( const std::string & text, std::vector< std::pair< int, Ip4 > > & group
       // The kernel prints the network-order word as if it were a number of this machine.
       std::array< uint8_t, 4 > octets;
       memcpy( octets.data(), &raw, sizeof raw );
-      groups.emplace_back( index, Ip4( octets[0] ) << 24 | Ip4( octets[1] ) << 16 |
-                                     Ip4( octets[2] ) << 8 | Ip4( octets[3] ) );
+      groups.emplace_back( index, RawIp4( octets[0] ) << 24 | RawIp4( octets[1] ) << 16 |
+                                     RawIp4( octets[2] ) << 8 | RawIp4( octets[3] ) );
    } );
    return good;
 }
 
 bool
-readIgmp6( const std::string & text, std::vector< std::pair< int, Ip6 > > & groups ) {
+readIgmp6( const std::string & text, std::vector< std::pair< int, RawIp6 > > & groups ) {
    bool good = true;
    forEachLine( text, [&]( std::string_view line ) {
       int index;
-      Ip6 group{};
+      RawIp6 group{};
       bool fits = readNumber( takeWord( line ), index, 10 ) && index > 0;
       takeWord( line ); // the name; interface names hold no blank
       std::string_view word = takeWord( line );

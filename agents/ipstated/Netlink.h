@@ -91,8 +91,8 @@ class MessageHandler {
    virtual void onAddress6( const AddressMessage< Ip6Address > & ) {}
    virtual void onConfig4( const ConfigMessage & ) {}
    virtual void onConfig6( const ConfigMessage & ) {}
-   virtual void onGroup4( const GroupMessage< Ip4 > & ) {}
-   virtual void onGroup6( const GroupMessage< Ip6 > & ) {}
+   virtual void onGroup4( const GroupMessage< RawIp4 > & ) {}
+   virtual void onGroup6( const GroupMessage< RawIp6 > & ) {}
 
    /// A dump has ended; `error` is 0 or the errno that cut it short.
    virtual void onDone( int /*error*/ ) {}
@@ -113,8 +113,8 @@ void decode( const void * bytes, size_t length, MessageHandler & handler );
 
 /// Reads the text of /proc/net/igmp or /proc/net/igmp6: pairs of interface index and group.
 /// False when a line is not of the known shape; the pairs of the other lines are there.
-bool readIgmp( const std::string & text, std::vector< std::pair< int, Ip4 > > & groups );
-bool readIgmp6( const std::string & text, std::vector< std::pair< int, Ip6 > > & groups );
+bool readIgmp( const std::string & text, std::vector< std::pair< int, RawIp4 > > & groups );
+bool readIgmp6( const std::string & text, std::vector< std::pair< int, RawIp6 > > & groups );
 
 // ---- sources ----
 

@@ -410,7 +410,7 @@ class Said : public MessageHandler {
       lines.push_back( "address " + text( told.address ) );
    }
    void onConfig4( const ConfigMessage & ) override { lines.push_back( "config" ); }
-   void onGroup4( const GroupMessage< Ip4 > & ) override { lines.push_back( "group" ); }
+   void onGroup4( const GroupMessage< RawIp4 > & ) override { lines.push_back( "group" ); }
    void onDone( int error ) override { lines.push_back( "done " + std::to_string( error ) ); }
    void onError( int error, const std::string & text ) override {
       lines.push_back( "error " + std::to_string( error ) + " " + text );
@@ -537,7 +537,7 @@ TEST( NetlinkReading, NoBytesAreReadBeyondTheEnd ) {
 }
 
 TEST( NetlinkReading, GroupsAreReadFromText ) {
-   std::vector< std::pair< int, Ip4 > > groups4;
+   std::vector< std::pair< int, RawIp4 > > groups4;
    EXPECT_TRUE( readIgmp( "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
                           "1\tlo        :     1      V3\n"
                           "\t\t\t\t010000E0     1 0:00000000\t\t0\n"
@@ -552,7 +552,7 @@ TEST( NetlinkReading, GroupsAreReadFromText ) {
    EXPECT_FALSE( readIgmp( "Idx\n1\tlo : 1\n\t\t\t\t010000\n", groups4 ) );
    EXPECT_EQ( groups4.size(), 3u );
 
-   std::vector< std::pair< int, Ip6 > > groups6;
+   std::vector< std::pair< int, RawIp6 > > groups6;
    EXPECT_TRUE( readIgmp6(
       "3    eth0            ff0200000000000000000001ff00000e     1 00000004 0\n", groups6 ) );
    ASSERT_EQ( groups6.size(), 1u );

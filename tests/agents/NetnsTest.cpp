@@ -58,10 +58,10 @@ factsOf( const Interface & interface ) {
    for( const Ip6Address & address : interface.addresses6 ) {
       unordered.insert( text( address ) + ( address.dadFailed() ? " dadfailed" : "" ) );
    }
-   for( Ip4 group : interface.groups4 ) {
+   for( RawIp4 group : interface.groups4 ) {
       unordered.insert( "group " + text( group ) );
    }
-   for( const Ip6 & group : interface.groups6 ) {
+   for( const RawIp6 & group : interface.groups6 ) {
       unordered.insert( "group " + text( group ) );
    }
    for( const std::string & each : unordered ) {
@@ -110,12 +110,13 @@ class Keeper : public Listener {
       note( interface, text( address ), difference );
    }
 
-   void onGroup4( const Interface & interface, Ip4 group, Difference difference ) override {
+   void onGroup4( const Interface & interface, RawIp4 group, Difference difference ) override {
       Listener::onGroup4( interface, group, difference );
       note( interface, text( group ), difference );
    }
 
-   void onGroup6( const Interface & interface, const Ip6 & group, Difference difference ) override {
+   void onGroup6( const Interface & interface, const RawIp6 & group,
+                  Difference difference ) override {
       Listener::onGroup6( interface, group, difference );
       note( interface, text( group ), difference );
    }
@@ -128,10 +129,10 @@ class Keeper : public Listener {
       for( const Ip6Address & address : interface.addresses6 ) {
          result.insert( text( address ) );
       }
-      for( Ip4 group : interface.groups4 ) {
+      for( RawIp4 group : interface.groups4 ) {
          result.insert( text( group ) );
       }
-      for( const Ip6 & group : interface.groups6 ) {
+      for( const RawIp6 & group : interface.groups6 ) {
          result.insert( text( group ) );
       }
       return result;
@@ -387,14 +388,14 @@ TEST_F( NetnsTest, FollowsGroupsOfApplications ) {
 TEST_F( NetnsTest, TextAndDumpAgreeOnGroups ) {
    begin();
    std::string text;
-   std::vector< std::pair< int, Ip4 > > groups4;
-   std::vector< std::pair< int, Ip6 > > groups6;
+   std::vector< std::pair< int, RawIp4 > > groups4;
+   std::vector< std::pair< int, RawIp6 > > groups6;
    ASSERT_TRUE( source_->readText( KernelText::igmp, text ) );
    EXPECT_TRUE( readIgmp( text, groups4 ) );
    ASSERT_TRUE( source_->readText( KernelText::igmp6, text ) );
    EXPECT_TRUE( readIgmp6( text, groups6 ) );
-   std::map< int, std::set< Ip4 > > byText4, byDump4;
-   std::map< int, std::set< Ip6 > > byText6, byDump6;
+   std::map< int, std::set< RawIp4 > > byText4, byDump4;
+   std::map< int, std::set< RawIp6 > > byText6, byDump6;
    for( auto & [index, group] : groups4 ) {
       byText4[index].insert( group );
    }
@@ -402,10 +403,10 @@ TEST_F( NetnsTest, TextAndDumpAgreeOnGroups ) {
       byText6[index].insert( group );
    }
    for( const auto & [index, interface] : feed_->state().interfaces() ) {
-      for( Ip4 group : interface.groups4 ) {
+      for( RawIp4 group : interface.groups4 ) {
          byDump4[index].insert( group );
       }
-      for( const Ip6 & group : interface.groups6 ) {
+      for( const RawIp6 & group : interface.groups6 ) {
          byDump6[index].insert( group );
       }
    }

@@ -358,14 +358,14 @@ class Source : public MessageSource {
 };
 
 inline std::string
-text( Ip4 address ) {
+text( RawIp4 address ) {
    in_addr raw{ htonl( address ) };
    char buffer[INET_ADDRSTRLEN];
    return inet_ntop( AF_INET, &raw, buffer, sizeof buffer );
 }
 
 inline std::string
-text( const Ip6 & address ) {
+text( const RawIp6 & address ) {
    char buffer[INET6_ADDRSTRLEN];
    return inet_ntop( AF_INET6, address.data(), buffer, sizeof buffer );
 }
@@ -449,11 +449,12 @@ class Listener : public KernelObserver {
       lines.push_back( interface.name + " primary " + ( primary ? text( *primary ) : "none" ) );
    }
 
-   void onGroup4( const Interface & interface, Ip4 group, Difference difference ) override {
+   void onGroup4( const Interface & interface, RawIp4 group, Difference difference ) override {
       lines.push_back( interface.name + " " + mark( difference ) + "group " + text( group ) );
    }
 
-   void onGroup6( const Interface & interface, const Ip6 & group, Difference difference ) override {
+   void onGroup6( const Interface & interface, const RawIp6 & group,
+                  Difference difference ) override {
       lines.push_back( interface.name + " " + mark( difference ) + "group " + text( group ) );
    }
 
