@@ -1,0 +1,170 @@
+#include "agents/ipstated/Watch.h"
+
+#include <utility>
+
+namespace Ipstated {
+
+namespace {
+
+const std::string absent = "-";
+const std::string present = "+";
+
+template< class Visit >
+void
+forEachRow( const Zek::TypeDescriptor & type, Visit visit ) {
+   for( const Zek::TypeDescriptor * part = &type; part; part = part->base ) {
+      for( const Zek::AttributeRow & row : part->attributes ) {
+         visit( row );
+      }
+   }
+}
+
+std::string
+memberName( const Zek::AttributeRow & row, const void * key ) {
+   std::string name = row.name;
+   name += '[';
+   row.keyType->values->append( key, name );
+   name += ']';
+   return name;
+}
+
+/// Calls `use` with the address of the member's key.
+template< class Use >
+void
+withKey( const Zek::AttributeRow & row, const Zek::PtrInterface & member, Use use ) {
+   if( row.collection->memberKey ) {
+      use( row.collection->memberKey( &member ) );
+   } else {
+      // A child of a directory, whose key is its name.
+      const Zek::String name( dynamic_cast< const Zek::Entity & >( member ).name().view() );
+      use( &name );
+   }
+}
+
+/// Whether the collection's members belong to the record, as the children of a directory do.
+bool
+owns( const Zek::AttributeRow & row ) {
+   return row.has( Zek::ownsMembers );
+}
+
+bool
+isStored( const Zek::AttributeRow & row ) {
+   return row.kind == Zek::AttributeKind::plain && row.address && row.stored;
+}
+
+} // namespace
+
+std::string
+printable( std::string_view text ) {
+   static const char digits[] = "0123456789abcdef";
+   std::string result;
+   for( char each : text ) {
+      if( each >= 0x20 && each < 0x7f ) {
+         result += each;
+      } else {
+         result += "\\x";
+         result += digits[uint8_t( each ) >> 4];
+         result += digits[uint8_t( each ) & 15];
+      }
+   }
+   return result;
+}
+
+Watch::Watch( const Zek::Entity & record, Sink sink )
+   : Watch( record, std::make_shared< Sink >( std::move( sink ) ) ) {}
+
+Watch::Watch( const Zek::Entity & record, std::shared_ptr< Sink > sink )
+   : record_( record ),
+     sink_( std::move( sink ) ),
+     path_( record.fullName().toString() ) {
+   attach();
+}
+
+Watch::~Watch() = default;
+
+void
+Watch::attach() {
+   const Zek::TypeDescriptor & type = *record_.fwkType();
+   forEachRow( type, [&]( const Zek::AttributeRow & row ) {
+      if( isStored( row ) ) {
+         values_[row.id] = textOf( row );
+      } else if( row.collection ) {
+         const Zek::PtrInterface * member = row.collection->first( &record_ );
+         while( member ) {
+            withKey( row, *member, [&]( const void * key ) {
+               members_[memberName( row, key )] = memberOf( row, *member );
+               member = row.collection->after( &record_, key );
+            } );
+         }
+      }
+   } );
+   if( type.relay ) {
+      relay_ = type.relay( record_, *this );
+   }
+}
+
+std::string
+Watch::textOf( const Zek::AttributeRow & row ) const {
+   std::string text;
+   row.stored->append( row.address( &record_ ), text );
+   return text;
+}
+
+Watch::Member
+Watch::memberOf( const Zek::AttributeRow & row, const Zek::PtrInterface & member ) {
+   Member known;
+   known.object = &member;
+   known.text = present;
+   const void * value =
+      row.collection->memberValue ? row.collection->memberValue( &member ) : nullptr;
+   if( value && !row.has( Zek::keyIsField ) ) {
+      known.text.clear();
+      row.type->values->append( value, known.text );
+   }
+   if( owns( row ) ) {
+      if( auto entity = dynamic_cast< const Zek::Entity * >( &member ) ) {
+         known.watch.reset( new Watch( *entity, sink_ ) );
+      }
+   }
+   return known;
+}
+
+void
+Watch::onAttribute( const Zek::AttributeRow & row ) {
+   if( isStored( row ) ) {
+      std::string now = textOf( row );
+      std::string before = std::exchange( values_[row.id], now );
+      tell( row.name, before, now );
+   }
+}
+
+void
+Watch::onMember( const Zek::AttributeRow & row, const void * key ) {
+   std::string name = memberName( row, key );
+   const Zek::PtrInterface * member = row.collection->find( &record_, key );
+   auto known = members_.find( name );
+   std::string before = known == members_.end() ? absent : known->second.text;
+   if( !member ) {
+      if( known != members_.end() ) {
+         members_.erase( known );
+      }
+      tell( name, before, absent );
+      return;
+   }
+   // The line of the member comes before those of what happens in it.
+   if( known != members_.end() && known->second.object == member && known->second.watch ) {
+      tell( name, before, known->second.text );
+      return;
+   }
+   Member now = memberOf( row, *member );
+   std::string text = now.text;
+   members_[name] = std::move( now );
+   tell( name, before, text );
+}
+
+void
+Watch::tell( const std::string & what, const std::string & before, const std::string & now ) {
+   ( *sink_ )( printable( what + "  " + path_ + "  " + before + " -> " + now ) );
+}
+
+} // namespace Ipstated
