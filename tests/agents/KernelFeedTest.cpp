@@ -254,7 +254,7 @@ TEST_F( KernelFeedTest, EffectiveConfigurationIsToldWhereItChanges ) {
    dumpIs( Dump::config4, { config( AF_INET, 2, 0, 1, 1 ), config( AF_INET, 3, 0, 2, 0 ) } );
    begin();
    listener.heard();
-   // Strict for all only reaches the one that is not loose already... and was strict before.
+   // Strict for all changes neither: one is strict already, the other loose, which counts as more.
    EXPECT_EQ( after( { config( AF_INET, ConfigMessage::forAll, -1, 1 ) } ), Lines{} );
    EXPECT_EQ( after( { config( AF_INET, ConfigMessage::forAll, -1, 2 ) } ),
               Lines{ "eth0 config4 0 2 0" } );
