@@ -18,7 +18,7 @@
 
 namespace Zek::TypeLang {
 
-struct SourceFile; // Source.h
+class SourceFile; // Source.h
 struct Type;
 struct Schema;
 
@@ -72,6 +72,7 @@ struct Enumerator {
 
 struct Argument {
    std::string name;
+   Span span; // of the name
    TypeRef type;
    bool byReference = false; // `T &`: passed as a const reference to the pointer or value
 };
@@ -120,6 +121,7 @@ struct Reaction {
 /// One line of a type's body.
 struct Member {
    MemberKind kind = MemberKind::attr;
+   std::string keyword; // the line's first word
    std::string name;
    std::string doc;        // the `///` lines before it, without the slashes, joined by newlines
    Span span;              // of the name
@@ -161,7 +163,7 @@ struct Member {
    bool isStatic = false;
    bool atConstruction = false; // run at the end of construction
    bool isVoid = true;
-   bool returnsSelf = false;          // result `T &`: the object itself
+   bool returnsSelf = false; // result `T &`: the object itself
 
    // reactor
    bool isEach = false; // `each`: a collection keyed like the watched type
@@ -178,6 +180,7 @@ struct Type {
    std::vector< std::string > scope; // namespaces from the outermost, and the enclosing type
    const Type * enclosing = nullptr; // an enumeration inside an entity
    bool isRegistered = true;         // `unregistered` clears it
+   bool hasFaults = false;           // a line of it was reported and left out
 
    std::string fullName() const;   // "Ip::IpIntfConfig"
    std::string dottedName() const; // "Ip.IpIntfConfig"
@@ -195,9 +198,11 @@ struct Type {
 
    // value
    bool hashIsSum = false; // `hash sum`: the sum of its fields' hashes
-   std::string compares; // `compares FIELD`: equality and hash look at it alone
+   std::string compares;   // `compares FIELD`: equality and hash look at it alone
+   Span comparesSpan;
    // boundedString
    std::string maxName; // "maxLength"
+   Span maxSpan;        // of the limit
    int64_t maxBytes = 0;
 
    // entity, object, machine, view, binding
@@ -207,10 +212,12 @@ struct Type {
    bool isEntity = false;   // entity, machine, and a view declared `entity`
    TypeRef base;            // derived entity, binding: its view
    std::string fixedParam;  // derived entity: `fixes PARAM = VALUE`
+   Span fixedSpan;
    Expr fixedValue;
    TypeRef holds;         // binding: the record it reads
    std::string holdsName; // binding: its name for it
-   std::string trace;     // machine: name of the trace handle, or empty
+   Span holdsSpan;
+   std::string trace; // machine: name of the trace handle, or empty
 
    std::vector< Member > members;                 // in declaration order
    std::vector< std::unique_ptr< Type > > nested; // enumerations inside an entity
@@ -247,8 +254,14 @@ struct Schema {
    std::string stem;                 // "Ip"
    std::vector< std::string > model; // "Ip", or "IpGen", "SourceIntf"
    std::string doc;                  // `///` lines before `model`
-   std::vector< const Schema * > imports;
-   std::vector< std::string > includes; // `include "..."` lines
+   struct Import {
+      std::string path; // "L3/L3.zek"
+      Span span;
+   };
+   std::vector< Import > importLines;     // as written
+   std::vector< const Schema * > imports; // as loaded
+   bool hasFaults = false;                // a declaration was reported and left out
+   std::vector< std::string > includes;   // `include "..."` lines
    std::deque< Type > types;
    std::deque< Function > functions;
    std::vector< Item > items;
@@ -256,7 +269,7 @@ struct Schema {
 };
 
 struct Program {
-   std::deque< Schema > schemas;  // each after all that it imports
+   std::vector< std::unique_ptr< Schema > > schemas;
    const Schema * main = nullptr; // the one to emit
    std::deque< Type > builtins;
 };

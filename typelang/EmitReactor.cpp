@@ -335,13 +335,15 @@ $Self$::$x$Del() {
    h["Shown"] = h["Input"];
    h["hasValue"] = "false";
    h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
-   h["gone"] = "";
+   h["gone"] = "   reactor->zekRelease();\n";
    if( const Reaction * gone = reactionOf( m, Reaction::When::gone ) ) {
+      h["gone"] = "   {\n      const Zek::ReleaseAtEnd< $Reactor$ > release{ *reactor };\n";
       for( const Action & action : gone->actions ) {
          h["gone"] += action.kind == Action::Kind::self
-                         ? "   reactor->" + action.target + "();\n"
-                         : "   " + action.target + "( reactor->fwkKey() );\n";
+                         ? "      reactor->" + action.target + "();\n"
+                         : "      " + action.target + "( reactor->fwkKey() );\n";
       }
+      h["gone"] = fill( h["gone"] + "   }\n", h );
    }
    out.declaration += fill( R"(   /// The reactor under `key`, or null.
    Zek::Ptr< $Reactor$ > $x$( const $K$ & key ) const;
@@ -373,7 +375,6 @@ $Self$::$x$Is( const $InputPtr$ & input ) {
    const Zek::Ptr< $Reactor$ > reactor = $x$_.take( removedKey );
    if( !reactor ) return;
 $gone$
-   reactor->zekRelease();
    $x$Notify( removedKey );
 )",
                         h );

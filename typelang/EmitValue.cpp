@@ -110,6 +110,7 @@ emitValue( const Type & type ) {
                                                      : cppStored( m.type ) ) +
                                    " " + m.name,
                                 arguments, m.isConst ? " const;\n\n" : ";\n\n", 3 );
+         if( m.atConstruction ) construction = m.name + "();";
          continue;
       }
       if( m.kind == MemberKind::named ) {

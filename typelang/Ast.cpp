@@ -1,0 +1,51 @@
+#include "typelang/Ast.h"
+
+namespace Zek::TypeLang {
+
+namespace {
+
+std::string
+scoped( const std::vector< std::string > & scope, const std::string & name,
+        const char * separator ) {
+   std::string out;
+   for( const std::string & s : scope ) out += s + separator;
+   return out + name;
+}
+
+} // namespace
+
+std::string
+Type::fullName() const {
+   return scoped( scope, name, "::" );
+}
+
+std::string
+Type::dottedName() const {
+   return scoped( scope, name, "." );
+}
+
+const Member *
+Type::find( const std::string & memberName ) const {
+   for( const Member & m : members ) {
+      if( m.name == memberName ) return &m;
+   }
+   return base.type ? base.type->find( memberName ) : nullptr;
+}
+
+const Member *
+Type::keyMember() const {
+   for( const Member & m : members ) {
+      if( m.kind == MemberKind::key ) return &m;
+   }
+   return base.type ? base.type->keyMember() : nullptr;
+}
+
+bool
+Schema::foreignOnly() const {
+   for( const Type & type : types ) {
+      if( type.kind != TypeKind::foreign && type.kind != TypeKind::foreignEnum ) return false;
+   }
+   return functions.empty();
+}
+
+} // namespace Zek::TypeLang
