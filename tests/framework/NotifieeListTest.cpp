@@ -393,12 +393,10 @@ playAll( size_t notifiees, const std::vector< Deed > & allowed, bool everyKind )
    }
 }
 
-const std::vector< Deed > allDeeds{ nothing, attachNew,       reenter,    dropSubject,
-                                    throwIt, throwAndSwallow, unregister, reregister,
-                                    detach,  repoint,         destroy,    suspend };
-
 TEST( NotifieeListSchedules, UpToThreeNotifieesOfEveryKindDoAnything ) {
-   for( size_t notifiees : { 1, 2, 3 } ) playAll( notifiees, allDeeds, notifiees < 3 );
+   std::vector< Deed > all;
+   for( int deed = nothing; deed < deeds; deed++ ) all.push_back( static_cast< Deed >( deed ) );
+   for( size_t notifiees : { 1, 2, 3 } ) playAll( notifiees, all, notifiees < 3 );
 }
 
 TEST( NotifieeListSchedules, FourNotifieesDoAnythingThatMovesTheList ) {
@@ -513,6 +511,26 @@ TEST_F( NotifieeListStory, TheHoldMayBeSwitchedWhileAttached ) {
    EXPECT_EQ( nullptr, unregistered->notifier() );
 }
 
+TEST_F( NotifieeListStory, APassiveWeakHoldThatBecameStrongLeavesNothingBehind ) {
+   auto w = watch( {}, true );
+   w->isRegisteredNotifieeIs( false );
+   EXPECT_FALSE( record->notifieeList().idle() );
+   w->isWeakNotifieeIs( false );
+   EXPECT_TRUE( record->notifieeList().idle() );
+   EXPECT_EQ( 2u, record->references() );
+}
+
+TEST_F( NotifieeListStory, WeakHoldersForgetTheNotifierBeforeItsDestructorRuns ) {
+   struct Observing : Record {
+      ~Observing() override { EXPECT_EQ( nullptr, watcher->notifier() ); }
+      Watcher * watcher = nullptr;
+   };
+   auto observing = Zek::allocate< Observing >();
+   auto w = watcherOf( observing, {}, true );
+   observing->watcher = w.ptr();
+   observing = nullptr;
+}
+
 TEST_F( NotifieeListStory, ReRegisteringMovesToTheEnd ) {
    std::string order;
    auto a = watch( [&] { order += "a"; } );
@@ -532,6 +550,17 @@ TEST_F( NotifieeListStory, ANestedVisitRunsWholeAndLaterNotifieesReadTheNewestVa
    watch( [&] { seen += "b" + std::to_string( record->x() ); } );
    record->xIs( 1 );
    EXPECT_EQ( "a1a5b5b5", seen );
+}
+
+TEST_F( NotifieeListStory, ANotifieeThatWatchesAloneMaySwallowWhatItsNestedCallThrew ) {
+   auto w = watch();
+   w->swallows = true;
+   w->then = [&] {
+      if( record->x() == 2 ) throw 1;
+      EXPECT_NO_THROW( record->xIs( 2 ) );
+   };
+   EXPECT_NO_THROW( record->xIs( 1 ) );
+   EXPECT_EQ( 2, w->calls );
 }
 
 TEST_F( NotifieeListStory, LogAdaptorsStillLearnAfterAnExceptionAndTheFirstOneLeaves ) {
@@ -610,6 +639,14 @@ TEST_F( NotifieeListStory, AFarewellMayChangeTheListThatIsBeingVisited ) {
    EXPECT_EQ( "abdd", order );
 }
 
+TEST_F( NotifieeListStory, AFarewellThatDropsTheOneCalledBeforeLeaksNothing ) {
+   auto first = watcherOf( record );
+   Zek::Ptr< Watcher > last = watcherOf( record, [&] { last = nullptr; } );
+   last->farewell = [&] { first = nullptr; };
+   change();
+   EXPECT_EQ( 1u, liveObjects() );
+}
+
 TEST_F( NotifieeListStory, ExtrasLiveAsLongAsTheNotifierWithoutDisturbingTheList ) {
    struct Flag : Zek::NotifieeList::Extras {
       explicit Flag( int & gone ) : gone_( gone ) {}
@@ -645,7 +682,9 @@ TEST_F( NotifieeListStory, AListGrowsUnderAVisitAndShrinksBackToItsWord ) {
    EXPECT_EQ( 102u, record->notifieeList().count() );
    change();
    for( auto & w : watchers ) EXPECT_EQ( w == watchers[0] || w == watchers[1] ? 2 : 1, w->calls );
-   while( !watchers.empty() ) watchers.pop_back();
+   watchers.front()->hasNotificationActiveIs( false );
+   watchers.back()->then = [&] { watchers.clear(); };
+   change();
    EXPECT_TRUE( record->notifieeList().idle() );
 }
 
