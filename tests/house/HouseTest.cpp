@@ -49,8 +49,8 @@ constexpr Room rooms[] = {
    { "agents/ipstated/", libraryEnd },
    { "tools/ipstatectl/", libraryEnd },
    { "tests/", programsEnd },
-   { "bench/", programsEnd },
-   { "fuzz/", programsEnd },
+   { "bench/", programsEnd + 1 }, // may borrow the scripted inputs of the tests
+   { "fuzz/", programsEnd + 1 },
 };
 
 const Room *
@@ -69,7 +69,7 @@ bool
 mayUse( const Room & user, const Room & used ) {
    if( &user == &used ) return true;
    if( user.prefix == "typelang/" ) return false;
-   if( used.prefix == "typelang/" ) return user.row == programsEnd;
+   if( used.prefix == "typelang/" ) return user.row >= programsEnd;
    return used.row < user.row;
 }
 
