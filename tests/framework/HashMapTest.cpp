@@ -1,21 +1,22 @@
 #include "framework/HashMap.h"
 #include "tests/framework/CollectionModel.h"
 
+#include <compare>
 #include <set>
 #include <string>
 
 namespace CollectionTest {
 namespace {
 
-template < class Key >
+template< class Key >
 using IntNode = Node< Zek::KeyValueNode< Key, int > >;
-template < class Key >
+template< class Key >
 using IntMap = Zek::HashMap< IntNode< Key >, Key >;
 
-template < class Key >
+template< class Key >
 constexpr bool HasGoodHash = std::is_same_v< Key, Id > || std::is_same_v< Key, Plain >;
 
-template < class Key >
+template< class Key >
 class AnyHash : public testing::Test {};
 using Keys = testing::Types< Id, Plain, Clash, Skewed >;
 TYPED_TEST_SUITE( AnyHash, Keys );
@@ -89,6 +90,30 @@ TYPED_TEST( AnyHash, TheOrderDoesNotDependOnTheHistory ) {
    for( ; a && b; ++a, ++b ) ASSERT_EQ( a.key().number, b.key().number );
    EXPECT_TRUE( !a && !b );
    EXPECT_EQ( up.count(), 600u );
+}
+
+struct Chosen { // the hash is the test's choice
+   uint32_t hash() const { return Zek::bitReverse( reversed ); }
+   uint32_t reversedHash() const { return reversed; }
+   auto operator<=>( const Chosen & ) const = default;
+   uint32_t number;
+   uint32_t reversed;
+};
+
+// The run behind the last home outgrows the old array while it moves, after the new one was made:
+// that needs a full old array, which one of these mixtures has when its growth begins.
+TEST( HashMap, MakesRoomBehindTheLastHomeInTheMiddleOfGrowth ) {
+   for( uint32_t spread = 0; spread < 128; ++spread ) {
+      IntMap< Chosen > map;
+      uint32_t n = 0;
+      for( ; n < spread; ++n ) map.valueIs( Chosen{ n, n << 24 }, 0 );
+      for( ; n < 230; ++n ) map.valueIs( Chosen{ n, 0xffffffff }, 0 );
+      uint32_t walked = 0;
+      for( IntMap< Chosen >::Iterator i( map ); i; ++i ) ASSERT_EQ( i.key().number, walked++ );
+      ASSERT_EQ( walked, n );
+      while( n-- > spread ) ASSERT_TRUE( map.take( Chosen{ n, 0xffffffff } ) );
+      ASSERT_EQ( map.count(), spread );
+   }
 }
 
 TEST( HashMap, FewMembersCostFewBytes ) {
