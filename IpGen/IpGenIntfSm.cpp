@@ -46,17 +46,19 @@ IntfSm::IntfSmIs( const IntfStatus::Ptr & view ) {
 void
 IntfSm::handleIntfStatus( Velon::IntfId intf ) {
    Vistrel::trace( traceHandle, traceLevel, "handleIntfStatus", "handleIntfStatus(", intf, ")" );
-   intfStatus()->reset();
-   intfStatus()->changedIntfIs( intf );
-   intfStatus()->intfStatusChangedInc( 1 );
+   const IntfStatus::Ptr status = intfStatus();
+   status->reset();
+   status->changedIntfIs( intf );
+   status->intfStatusChangedInc( 1 );
 }
 
 void
 IntfSm::handleDpRouting( Velon::IntfId intf ) {
    Vistrel::trace( traceHandle, traceLevel, "handleDpRouting", "handleDpRouting(", intf, ")" );
-   intfStatus()->reset();
-   intfStatus()->changedIntfIs( intf );
-   intfStatus()->dpRoutingChangedInc( 1 );
+   const IntfStatus::Ptr status = intfStatus();
+   status->reset();
+   status->changedIntfIs( intf );
+   status->dpRoutingChangedInc( 1 );
 }
 
 // -- ZekIpv4IntfStatus ------------------------------------------------------------------------
@@ -85,7 +87,10 @@ IntfSm::ZekIpv4IntfStatus::handleSecondaryAddr( const Velon::IpAddrWithMask & ad
 
 void
 IntfSm::ZekIpv4IntfStatus::handleSecondaryAddr() {
-   for( auto i = notifier()->activeSecondaryWithMaskIteratorConst(); i && live(); ++i ) {
+   Vistrel::trace( traceHandle, traceLevel, "handleSecondaryAddr", "handleSecondaryAddr()" );
+   // A reaction may replace the record: the walk goes on over the one that it began on.
+   const auto record = notifier();
+   for( auto i = record->activeSecondaryWithMaskIteratorConst(); i && live(); ++i ) {
       handleSecondaryAddr( i.key() );
    }
 }
@@ -105,7 +110,9 @@ IntfSm::ZekIpv6IntfStatus::handleAddr( const Velon::Ip6AddrWithMask & addr ) {
 
 void
 IntfSm::ZekIpv6IntfStatus::handleAddr() {
-   for( auto i = notifier()->addrIteratorConst(); i && live(); ++i ) handleAddr( i.key() );
+   Vistrel::trace( traceHandle, traceLevel, "handleAddr", "handleAddr()" );
+   const auto record = notifier();
+   for( auto i = record->addrIteratorConst(); i && live(); ++i ) handleAddr( i.key() );
 }
 
 } // namespace IpGen

@@ -75,7 +75,10 @@ StatusSm::ZekIpv4IntfStatus::handleSecondaryAddr( const Velon::IpAddrWithMask & 
 
 void
 StatusSm::ZekIpv4IntfStatus::handleSecondaryAddr() {
-   for( auto i = notifier()->activeSecondaryWithMaskIteratorConst(); i && live(); ++i ) {
+   Vistrel::trace( traceHandle, traceLevel, "handleSecondaryAddr", "handleSecondaryAddr()" );
+   // A reaction may replace the record: the walk goes on over the one that it began on.
+   const auto record = notifier();
+   for( auto i = record->activeSecondaryWithMaskIteratorConst(); i && live(); ++i ) {
       handleSecondaryAddr( i.key() );
    }
 }
@@ -95,7 +98,9 @@ StatusSm::ZekIpv6IntfStatus::handleAddr( const Velon::Ip6AddrWithMask & addr ) {
 
 void
 StatusSm::ZekIpv6IntfStatus::handleAddr() {
-   for( auto i = notifier()->addrIteratorConst(); i && live(); ++i ) handleAddr( i.key() );
+   Vistrel::trace( traceHandle, traceLevel, "handleAddr", "handleAddr()" );
+   const auto record = notifier();
+   for( auto i = record->addrIteratorConst(); i && live(); ++i ) handleAddr( i.key() );
 }
 
 } // namespace IpGen

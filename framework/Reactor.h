@@ -32,11 +32,12 @@ class Reactor : public N {
       this->isRegisteredNotifieeIs( true );
    }
 
-   /// Attaches a new reactor: notifier, start handlers, registration, in this order.
+   /// Attaches a new reactor: notifier, start handlers, registration, in this order. One that the
+   /// machine lets go in the meantime stays unregistered.
    void zekStart( const Ptr< const PtrInterface > & input ) {
       N::notifierIs( input );
       if( N::notifier() ) zekStarted();
-      this->isRegisteredNotifieeIs( true );
+      this->isRegisteredNotifieeIs( owner_ != nullptr );
    }
    /// The machine is gone or lets this reactor go: nothing reaches it any more.
    void zekRelease() {
@@ -75,8 +76,6 @@ reactorIs( Reactors & reactors, Machine & machine, const Ptr< const Input > & in
       reactor->zekRelease();
       throw;
    }
-   // A handler may have removed it again.
-   if( reactors.find( key ) != reactor.ptr() ) reactor->zekRelease();
    return true;
 }
 
@@ -107,6 +106,13 @@ reactorDel( Ptr< R > & held ) {
    Ptr< R > removed = std::move( held );
    if( removed ) removed->zekRelease();
 }
+
+/// Lets a reactor go when its last handlers have run, also when they throw.
+template< class R >
+struct ReleaseAtEnd {
+   R & reactor;
+   ~ReleaseAtEnd() { reactor.zekRelease(); }
+};
 
 /// The machine dies: its reactors are released in order, then dropped.
 template< class Reactors >

@@ -51,9 +51,10 @@ class BoundedString {
 
    std::string toString() const { return std::string( text_.view() ); }
    void appendTo( std::string & out ) const { appendText( text_, out ); }
+   /// Deliberate: a text that is one, but too long, gets the length error like everywhere else.
    static bool fromText( std::string_view text, Derived & out ) {
       Zek::String string;
-      if( !readText( text, string ) || string.size() > Derived::maxBytes ) return false;
+      if( !readText( text, string ) ) return false;
       out = Derived( string );
       return true;
    }

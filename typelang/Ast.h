@@ -18,7 +18,7 @@
 
 namespace Zek::TypeLang {
 
-class SourceFile; // Source.h
+struct SourceFile; // Source.h
 struct Type;
 struct Schema;
 

@@ -96,6 +96,7 @@ $Self$::$x$Del( const $X$IteratorConst & at ) {
 
 void
 $Self$::$x$DelAll() {
+   const Zek::Ptr< $Self$ > self( this ); // the last member's callback may drop this object
    for( $X$IteratorConst i( $x$_ ); i; ++i ) $x$Del( i );
 }
 
@@ -250,9 +251,10 @@ $announce$
       out.declaration += fill( "   $T$ $x$$Op$( $T$ n = 1 );\n", h );
       out.definition += fill( R"($T$
 $Self$::$x$$Op$( $T$ n ) {
-   $x$_ = static_cast< $T$ >( $x$_ $op$ n );
+   const $T$ changed = static_cast< $T$ >( $x$_ $op$ n );
+   $x$_ = changed;
 $announce$
-   return $x$_;
+   return changed;
 }
 
 )",
@@ -606,7 +608,8 @@ $checks$
       out.orphaning = fill( "   Zek::orphanMembers( $x$_ );\n", h );
    } else {
       h["isDeclaration"] = fill(
-         R"(   /// Adds `member` under its own key, or replaces the one held there. RangeException on null.
+         R"(   /// Adds `member` under its own key, or replaces the one held there.
+   /// RangeException on null.
    void $x$Is( const $Ptr$ & member );
 )",
          h );

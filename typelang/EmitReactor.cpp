@@ -357,8 +357,8 @@ $Self$::$x$( const $K$ & key ) const {
 )",
                            h );
    h["isDeclaration"] = fill(
-      R"(   /// Watches `input` under its key: a new reactor, or the present one re-targeted. RangeException
-   /// on null.
+      R"(   /// Watches `input` under its key: a new reactor, or the present one re-targeted.
+   /// RangeException on null.
    void $x$Is( const $InputPtr$ & input );
 )",
       h );

@@ -236,7 +236,8 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
 )",
                  h )
          : fill(
-              R"($Self$::$Self$( Zek::String::IteratorConst begin, Zek::String::IteratorConst end ) {
+              R"($Self$::$Self$( Zek::String::IteratorConst begin,
+                 Zek::String::IteratorConst end ) {
    Zek::readValueOrThrow( zekTypeDescriptor_, Zek::String( begin, end ).view(), this );
 }
 )",

@@ -363,10 +363,17 @@ class Parser {
       if( word == "binding" ) {
          expect( "of", "and the view" );
          t.base = typeRef();
-         expect( "holds", "and the record" );
+         const bool braced = accept( "{" ); // for lines that would be too long
+         if( braced && !isAny( "holds" ) ) fail( "'holds' and the record" );
+         if( braced ) {
+            advance();
+         } else {
+            expect( "holds", "and the record" );
+         }
          Token name = newName( "the held record's name" );
          t.holdsName = name.text;
          t.holds = typeRef();
+         if( braced ) closeBrace( name );
       }
       while( !lineOver() && !is( "{" ) ) {
          if( word == "entity" && accept( ":" ) ) {
