@@ -101,12 +101,14 @@ struct Chosen { // the hash is the test's choice
 };
 
 // The run behind the last home outgrows the old array while it moves, after the new one was made:
-// that needs a full old array, which one of these mixtures has when its growth begins.
+// that needs an old array of 256 homes that is full to the end when its growth begins, which one
+// of these mixtures has.
 TEST( HashMap, MakesRoomBehindTheLastHomeInTheMiddleOfGrowth ) {
-   for( uint32_t spread = 0; spread < 128; ++spread ) {
+   for( uint32_t spread = 30; spread < 64; ++spread ) {
       IntMap< Chosen > map;
       uint32_t n = 0;
-      for( ; n < spread; ++n ) map.valueIs( Chosen{ n, n << 24 }, 0 );
+      for( ; n < 100; ++n ) map.valueIs( Chosen{ n, n << 25 }, 0 );
+      while( n > spread ) --n, map.take( Chosen{ n, n << 25 } );
       for( ; n < 230; ++n ) map.valueIs( Chosen{ n, 0xffffffff }, 0 );
       uint32_t walked = 0;
       for( IntMap< Chosen >::Iterator i( map ); i; ++i ) ASSERT_EQ( i.key().number, walked++ );
