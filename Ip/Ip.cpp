@@ -18,4 +18,18 @@ IpIntfStatus::activeVirtualAddrWithMask() const {
    return useVirtualAddr() ? activeAddrWithMask() : Velon::IpAddrWithMask();
 }
 
+// -- VrfCapability ----------------------------------------------------------------------------
+
+bool
+VrfCapability::afEnabledDefault( Velon::AddressFamily af ) const {
+   switch( af ) {
+   case Velon::AddressFamily::ipv4:
+      return ipv4EnabledDefault();
+   case Velon::AddressFamily::ipv6:
+      return ipv6EnabledDefault();
+   default:
+      Zek::assertionFailed( "false", "Ip" );
+   }
+}
+
 } // namespace Ip

@@ -390,9 +390,7 @@ class Parser {
          } else if( option.text == "unregistered" ) {
             t.isRegistered = false;
          } else if( option.text == "fixes" && t.base ) {
-            t.fixedParam = newName( "the parameter" ).text;
-            expect( "=", "and the parameter's value" );
-            t.fixedValue = expression();
+            fixes( t );
          } else if( option.text == "traced" && word == "machine" ) {
             if( lineOver() || token().kind != TokenKind::string )
                fail( "the trace handle's name in quotes" );
@@ -403,6 +401,12 @@ class Parser {
                            word == "entity" || word == "object" ? "an " + word : "a " + word );
          }
       }
+   }
+
+   void fixes( Type & t ) {
+      t.fixedParam = newName( "the parameter" ).text;
+      expect( "=", "and the parameter's value" );
+      t.fixedValue = expression();
    }
 
    std::vector< Enumerator > enumerators() {
@@ -442,6 +446,10 @@ class Parser {
          guarded( [&] {
             if( isAny( "enum" ) ) {
                nestedEnum( t );
+            } else if( isAny( "fixes" ) && t.base ) {
+               advance();
+               fixes( t );
+               endOfLine();
             } else {
                t.members.push_back( line( t ) );
                endOfLine();
