@@ -83,6 +83,7 @@ Entity::entityDel( const String & name ) {
 
 void
 Entity::entityDelAll() {
+   const Zek::Ptr< Entity > self( this ); // the last child's callback may drop this entity
    for( EntityIteratorConst i = entityIteratorConst(); i; ++i ) {
       entityDel( String( i.key().view() ) );
    }

@@ -55,7 +55,7 @@ class IPSTATE_EXPORT String {
 
    /// Never null; a zero byte follows the last one. Like view() and the iterators valid until
    /// this String is changed or destroyed (a copy keeps the bytes alive).
-   const char * charPtr() const { return rep_ ? rep_->text() : ""; }
+   const char * charPtr() const { return rep_ ? rep_->text() : noText_; }
    size_t size() const { return rep_ ? rep_->size : 0; }
    bool empty() const { return !rep_; }
    explicit operator bool() const { return rep_ != nullptr; }
@@ -109,6 +109,10 @@ class IPSTATE_EXPORT String {
    static Rep * make( size_t size, size_t capacity );
    void acquire() const noexcept;
    void release() noexcept;
+
+   // The text of the empty string. One object, not a literal in each inlined copy: begin() and
+   // end() must agree wherever they were compiled.
+   static constexpr char noText_[1] = {};
 
    Rep * rep_ = nullptr;
 };

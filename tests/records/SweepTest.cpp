@@ -1,0 +1,312 @@
+// Every registered record type, by reflection: what must hold of any attribute of any type.
+
+#include "tests/records/Records.h"
+
+using namespace Records;
+using Zek::AttributeKind;
+using Zek::AttributeRow;
+using Zek::TypeDescriptor;
+using Zek::TypeKind;
+
+namespace {
+
+/// Live objects of every type that ever allocated, but for those of the tests' own.
+std::map< std::string, uint64_t >
+liveObjects() {
+   std::map< std::string, uint64_t > live;
+   for( auto info = Zek::AllocTrackTypeInfo::all(); info; info = info->next() ) {
+      if( info->liveObjects() ) live[info->name()] += info->liveObjects();
+   }
+   return live;
+}
+
+/// One record under test, and the lines "number" or "number key" of what it announced.
+class Subject : public Zek::AttributeSink {
+ public:
+   explicit Subject( const TypeDescriptor & type ) : record_( made( type ) ) {
+      if( !record_ ) record_ = made( type, 1 ); // a view of nothing is none
+      if( type.hasNotifier ) relay_ = watched( *record_, *this );
+   }
+   void * at() const { return record_.ptr(); }
+   Zek::PtrInterface & record() const { return *record_; }
+   std::vector< std::string > announced() { return std::exchange( announced_, {} ); }
+
+   void onAttribute( const AttributeRow & row ) override {
+      announced_.push_back( std::to_string( row.id ) );
+   }
+   void onMember( const AttributeRow & row, const void * key ) override {
+      announced_.push_back( std::to_string( row.id ) + " " +
+                            AnyValue( *row.keyType->values, key ).text() );
+   }
+
+ private:
+   Zek::Ptr< Zek::PtrInterface > record_;
+   std::vector< std::string > announced_;
+   Zek::Ptr< Zek::PtrInterface > relay_;
+};
+
+using Lines = std::vector< std::string >;
+
+class EveryType : public testing::TestWithParam< const TypeDescriptor * > {
+ protected:
+   const TypeDescriptor & type() const { return *GetParam(); }
+};
+
+class EveryValue : public EveryType {};
+
+class EveryRecord : public EveryType {
+ protected:
+   /// What is announced when attribute `line` of a record of this type changes.
+   Lines once( const std::string & line ) const {
+      return type().hasNotifier ? Lines{ line } : Lines{};
+   }
+   void sweepPlain( Subject & subject, const AttributeRow & row );
+   void sweepCollection( Subject & subject, const AttributeRow & row );
+};
+
+std::string
+nameOf( const testing::TestParamInfo< const TypeDescriptor * > & info ) {
+   std::string name = info.param->fullName;
+   std::replace( name.begin(), name.end(), ':', '_' );
+   return name;
+}
+
+std::vector< const TypeDescriptor * >
+typesThat( bool ( *chosen )( const TypeDescriptor & ) ) {
+   std::vector< const TypeDescriptor * > types;
+   for( auto & [name, type] : recordTypes( chosen ) ) types.push_back( type );
+   return types;
+}
+
+void
+EveryRecord::sweepPlain( Subject & subject, const AttributeRow & row ) {
+   if( !row.write ) {
+      EXPECT_TRUE( row.has( Zek::isCounter ) );
+      return;
+   }
+   const AnyValue before( row, subject.at() );
+   const AnyValue other = otherThan( *row.type, before );
+   ASSERT_FALSE( other == before ) << before.text();
+   row.write( subject.at(), before.at() );
+   EXPECT_EQ( subject.announced(), Lines{} ) << "the value that it has";
+   row.write( subject.at(), other.at() );
+   EXPECT_EQ( subject.announced(), once( std::to_string( row.id ) ) );
+   EXPECT_TRUE( AnyValue( row, subject.at() ) == other ) << other.text();
+   row.write( subject.at(), AnyValue( other ).at() );
+   EXPECT_EQ( subject.announced(), Lines{} ) << "an equal value";
+}
+
+/// What goes into a collection as its `n`th member: the argument that carries the key (the key, the
+/// value that holds it, or the member itself) and those behind it.
+struct Entry {
+   Entry( const AttributeRow & row, unsigned n, unsigned otherwise = 0 )
+      : key( specimen( *row.keyType, n ) ),
+        carrier( row.has( Zek::refersToMembers ) || row.has( Zek::keyIsField ) ||
+                       row.id == Zek::entityAttr
+                    ? specimen( *row.type, n )
+                    : key ) {
+      if( row.has( Zek::ownsMembers ) ) {
+         auto parameters = row.type->constructorParameters;
+         for( size_t i = 1; i < parameters.size(); ++i ) {
+            further.push_back( specimen( *parameters[i].type, n + otherwise ) );
+         }
+      } else if( !row.has( Zek::isSet ) ) {
+         further.push_back( specimen( *row.type, n + otherwise ) );
+      }
+      for( const AnyValue & value : further ) arguments.push_back( value.at() );
+   }
+   void putInto( const AttributeRow & row, Subject & subject ) const {
+      row.collection->is( subject.at(), carrier.at(), arguments.data() );
+   }
+
+   AnyValue key;
+   AnyValue carrier;
+   std::vector< AnyValue > further;
+   std::vector< const void * > arguments;
+};
+
+void
+EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
+   const Zek::CollectionOps & ops = *row.collection;
+   const Entry one( row, 1 ), two( row, 2 ), three( row, 3 );
+   auto line = [&]( const Entry & entry ) {
+      return std::to_string( row.id ) + " " + entry.key.text();
+   };
+
+   EXPECT_EQ( ops.count( subject.at() ), 0u );
+   EXPECT_EQ( ops.first( subject.at() ), nullptr );
+   ops.del( subject.at(), one.key.at() );
+   EXPECT_EQ( subject.announced(), Lines{} ) << "removing an absent member";
+   ops.notify( subject.at(), one.key.at() );
+   EXPECT_EQ( subject.announced(), once( line( one ) ) ) << "announcing an absent member";
+
+   for( const Entry * entry : { &two, &one, &three } ) {
+      entry->putInto( row, subject );
+      EXPECT_EQ( subject.announced(), once( line( *entry ) ) ) << "adding";
+      entry->putInto( row, subject );
+      EXPECT_EQ( subject.announced(), Lines{} ) << "adding it again";
+   }
+   EXPECT_EQ( ops.count( subject.at() ), 3u );
+   const Zek::PtrInterface * member = ops.find( subject.at(), one.key.at() );
+   ASSERT_NE( member, nullptr );
+   if( ops.memberKey ) {
+      EXPECT_TRUE( AnyValue( *row.keyType->values, ops.memberKey( member ) ) == one.key );
+      // In order and complete; from a key that is no longer there as well.
+      Lines order;
+      for( auto at = ops.first( subject.at() ); at;
+           at = ops.after( subject.at(), ops.memberKey( at ) ) ) {
+         order.push_back( AnyValue( *row.keyType->values, ops.memberKey( at ) ).text() );
+      }
+      EXPECT_EQ( order.size(), 3u );
+      if( row.has( Zek::isOrdered ) ) {
+         EXPECT_EQ( order, ( Lines{ one.key.text(), two.key.text(), three.key.text() } ) );
+         ops.del( subject.at(), two.key.at() );
+         EXPECT_EQ( ops.after( subject.at(), two.key.at() ),
+                    ops.find( subject.at(), three.key.at() ) );
+         two.putInto( row, subject );
+         EXPECT_EQ( subject.announced().size(), type().hasNotifier ? 2u : 0u );
+      }
+   }
+
+   // Another member or value under the same key.
+   const Entry changed( row, 1, 1 );
+   if( row.has( Zek::refersToMembers ) || row.id == Zek::entityAttr ) {
+      changed.putInto( row, subject );
+      EXPECT_EQ( subject.announced(), once( line( one ) ) ) << "another object of the same key";
+      EXPECT_EQ(
+         ops.find( subject.at(), one.key.at() ),
+         static_cast< const Zek::Ptr< Zek::PtrInterface > * >( changed.carrier.at() )->ptr() );
+      Zek::Ptr< Zek::PtrInterface > null;
+      EXPECT_EQ( refusal< Zek::RangeException >( [&] { ops.is( subject.at(), &null, nullptr ); } ),
+                 std::string( "null _" ) + row.name + " parameter to mutator for " +
+                    type().fullName + "::" + row.name + " not allowed\"" );
+   } else if( row.has( Zek::ownsMembers ) ) {
+      auto owned = dynamic_cast< const Zek::Entity * >( member );
+      ASSERT_NE( owned, nullptr );
+      EXPECT_EQ( static_cast< const Zek::PtrInterface * >( owned->parent() ), &subject.record() );
+      EXPECT_EQ( owned->parentAttrName(), row.name );
+      EXPECT_EQ( owned->parentAttrId(), row.id );
+      if( !one.further.empty() ) {
+         EXPECT_THROW( changed.putInto( row, subject ), Zek::NameInUseException );
+      }
+      EXPECT_EQ( ops.find( subject.at(), one.key.at() ), member );
+   } else if( ops.memberValue && !row.has( Zek::keyIsField ) ) {
+      changed.putInto( row, subject );
+      EXPECT_EQ( subject.announced(), once( line( one ) ) ) << "another value";
+      member = ops.find( subject.at(), one.key.at() );
+      EXPECT_TRUE( AnyValue( *row.type->values, ops.memberValue( member ) ) == changed.further[0] );
+   }
+   EXPECT_EQ( subject.announced(), Lines{} );
+   EXPECT_EQ( ops.count( subject.at() ), 3u );
+
+   ops.del( subject.at(), one.key.at() );
+   EXPECT_EQ( subject.announced(), once( line( one ) ) );
+   EXPECT_EQ( ops.find( subject.at(), one.key.at() ), nullptr );
+   ops.delAll( subject.at() );
+   Lines removed = subject.announced();
+   std::sort( removed.begin(), removed.end() );
+   EXPECT_EQ( removed, type().hasNotifier ? ( Lines{ line( two ), line( three ) } ) : Lines{} );
+   EXPECT_EQ( ops.count( subject.at() ), 0u );
+   // Left in, so that destruction of a record with members is swept too.
+   one.putInto( row, subject );
+   subject.announced();
+}
+
+// -- The sweep --------------------------------------------------------------------------------
+
+TEST_P( EveryType, NumbersItsAttributesInOneRun ) {
+   const bool onItsOwn = !type().base || !type().base->isRecord;
+   unsigned next = type().kind == TypeKind::stateMachine ? 130 : 258;
+   for( const AttributeRow & row : type().attributes ) {
+      if( onItsOwn ) {
+         EXPECT_EQ( row.id, next++ ) << row.name;
+      }
+      EXPECT_EQ( type().attribute( row.name ), &row );
+      EXPECT_EQ( type().attribute( row.id ), &row );
+      if( row.kind != AttributeKind::callable ) {
+         EXPECT_NE( row.type, nullptr ) << row.name;
+      }
+   }
+   EXPECT_EQ( type().attribute( "" ), nullptr );
+   EXPECT_EQ( type().attribute( 6 ), nullptr );
+   EXPECT_EQ( Zek::typeNode( type().fullName ), &type() );
+   if( !type().isEntity() ) return;
+   ASSERT_TRUE( type().isA( Zek::Entity::zekTypeDescriptor_ ) );
+   unsigned number = 0;
+   for( const char * name : { "name", "fullName", "parent", "parentAttrName", "entity" } ) {
+      ASSERT_NE( type().attribute( name ), nullptr ) << name;
+      EXPECT_EQ( type().attribute( name )->id, ++number );
+   }
+}
+
+TEST_P( EveryType, LetsWriteOnlyWhatHasAMutator ) {
+   for( const AttributeRow & row : type().attributes ) {
+      SCOPED_TRACE( row.name );
+      const bool mayBeWritten =
+         row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer;
+      if( !mayBeWritten ) {
+         EXPECT_EQ( row.write, nullptr );
+      }
+      EXPECT_EQ( row.collection != nullptr,
+                 row.kind == AttributeKind::collection && type().isCounted() );
+      EXPECT_EQ( row.address || row.read, row.kind != AttributeKind::callable && !row.collection );
+   }
+}
+
+TEST_P( EveryRecord, AnnouncesEachChangeOnceAndNoOther ) {
+   const auto liveBefore = liveObjects();
+   {
+      Subject subject( type() );
+      EXPECT_EQ( subject.record().fwkType(), &type() );
+      EXPECT_EQ( &subject.record().zekAllocTrackTypeInfo(), type().allocations );
+      EXPECT_EQ( std::string( type().allocations->name() ), type().fullName );
+      for( auto part = &type(); part && part->isRecord; part = part->base ) {
+         for( const AttributeRow & row : part->attributes ) {
+            SCOPED_TRACE( row.name );
+            if( row.collection ) {
+               sweepCollection( subject, row );
+            } else if( row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer ) {
+               sweepPlain( subject, row );
+            } else if( row.kind != AttributeKind::callable && !row.has( Zek::abortsOnRead ) ) {
+               AnyValue( row, subject.at() ).text();
+            }
+         }
+      }
+      if( type().isEntity() ) sweepCollection( subject, *type().attribute( Zek::entityAttr ) );
+   }
+   EXPECT_EQ( liveObjects(), liveBefore );
+}
+
+TEST_P( EveryValue, ReadsBackTheTextsOfItsValues ) {
+   // Only values of plain fields read back.
+   const bool readable =
+      std::none_of( type().attributes.begin(), type().attributes.end(), []( auto & row ) {
+         return row.has( Zek::isSet ) || ( row.address && row.type->isCounted() );
+      } );
+   for( unsigned n = 0; n < 4; ++n ) {
+      const AnyValue value = specimen( type(), n );
+      AnyValue back( *type().values );
+      EXPECT_EQ( type().values->read( value.text(), back.at() ), readable ) << value.text();
+      EXPECT_EQ( back == value, readable ) << value.text();
+      if( type().values->hash ) {
+         EXPECT_EQ( type().values->hash( AnyValue( value ).at() ),
+                    type().values->hash( value.at() ) );
+      }
+      EXPECT_FALSE( type().values->read( value.text() + " ", back.at() ) );
+   }
+}
+
+INSTANTIATE_TEST_SUITE_P( Records, EveryType, testing::ValuesIn( typesThat( nullptr ) ), nameOf );
+INSTANTIATE_TEST_SUITE_P( Records, EveryRecord,
+                          testing::ValuesIn( typesThat( []( const TypeDescriptor & type ) {
+                             // A machine's inputs are records that stand already.
+                             return type.create && type.kind != TypeKind::stateMachine;
+                          } ) ),
+                          nameOf );
+INSTANTIATE_TEST_SUITE_P( Records, EveryValue,
+                          testing::ValuesIn( typesThat( []( const TypeDescriptor & type ) {
+                             return !type.isCounted();
+                          } ) ),
+                          nameOf );
+
+} // namespace
