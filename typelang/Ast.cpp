@@ -41,6 +41,35 @@ Type::keyMember() const {
 }
 
 bool
+isParameter( const Member & m ) {
+   return m.kind == MemberKind::key || m.kind == MemberKind::param || m.setAtConstruction;
+}
+
+std::vector< const Member * >
+parametersOf( const Type & type ) {
+   std::vector< const Member * > out;
+   if( type.base.type ) {
+      for( const Member * m : parametersOf( *type.base.type ) ) {
+         if( m->name != type.fixedParam ) out.push_back( m );
+      }
+   }
+   for( const Member & m : type.members ) {
+      if( isParameter( m ) ) out.push_back( &m );
+   }
+   return out;
+}
+
+std::vector< const Member * >
+constructorFields( const Type & value ) {
+   if( const Member * key = value.keyMember() ) return { key };
+   std::vector< const Member * > out;
+   for( const Member & m : value.members ) {
+      if( m.kind == MemberKind::attr ) out.push_back( &m );
+   }
+   return out;
+}
+
+bool
 Schema::foreignOnly() const {
    for( const Type & type : types ) {
       if( type.kind != TypeKind::foreign && type.kind != TypeKind::foreignEnum ) return false;

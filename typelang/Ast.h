@@ -107,6 +107,7 @@ struct Action {
    Kind kind = Kind::self;
    std::string target; // handler's or reactor collection's name
    Span span;
+   const struct Member * handler = nullptr; // owner, self: resolved, the overload that is called
 };
 
 struct Reaction {
@@ -144,7 +145,6 @@ struct Member {
    const Member * throughMember = nullptr; // resolved
    bool writable = false;                  // has a typed mutator (always with `through`)
    std::string aborts;                     // text of the assertion that reading it fails, or empty
-   bool virtualRead = false;               // reserved
 
    // counter
    bool hasInc = false, hasDec = false, hasIs = false;
@@ -180,7 +180,6 @@ struct Type {
    std::vector< std::string > scope; // namespaces from the outermost, and the enclosing type
    const Type * enclosing = nullptr; // an enumeration inside an entity
    bool isRegistered = true;         // `unregistered` clears it
-   bool hasFaults = false;           // a line of it was reported and left out
 
    std::string fullName() const;   // "Ip::IpIntfConfig"
    std::string dottedName() const; // "Ip.IpIntfConfig"
@@ -233,6 +232,15 @@ struct Type {
    const Member * keyMember() const;
 };
 
+/// Whether the line is a parameter of its type's constructor.
+bool isParameter( const Member & m );
+/// The lines that are parameters of the constructor, in its order: those of the base without the
+/// one it fixes, then the type's own. The name of a named type precedes them.
+std::vector< const Member * > parametersOf( const Type & type );
+
+/// The fields that a value is made of: its key alone, or all of them.
+std::vector< const Member * > constructorFields( const Type & value );
+
 struct Function {
    std::string name;
    std::string doc;
@@ -254,13 +262,13 @@ struct Schema {
    std::string stem;                 // "Ip"
    std::vector< std::string > model; // "Ip", or "IpGen", "SourceIntf"
    std::string doc;                  // `///` lines before `model`
-   struct Import {
-      std::string path; // "L3/L3.zek"
-      Span span;
+   /// The model and each `scope`, which are namespaces.
+   struct Scope {
+      std::vector< std::string > path; // from the outermost
+      Span span;                       // of the name
    };
-   std::vector< Import > importLines;     // as written
+   std::vector< Scope > scopes;
    std::vector< const Schema * > imports; // as loaded
-   bool hasFaults = false;                // a declaration was reported and left out
    std::vector< std::string > includes;   // `include "..."` lines
    std::deque< Type > types;
    std::deque< Function > functions;

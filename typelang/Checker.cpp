@@ -1,5 +1,6 @@
 #include "typelang/Checker.h"
 
+#include "typelang/Names.h"
 #include "typelang/Parser.h"
 
 #include <map>
@@ -51,41 +52,6 @@ isInteger( const Type & t ) {
 bool
 isString( const Type & t ) {
    return ( t.kind == TypeKind::builtin && !t.scope.empty() ) || t.kind == TypeKind::boundedString;
-}
-
-const std::set< std::string > &
-reservedWords() {
-   static const std::set< std::string > words{
-      "alignas",   "alignof",   "and",       "asm",      "auto",     "bool",      "break",
-      "case",      "catch",     "char",      "class",    "compl",    "concept",   "const",
-      "consteval", "constexpr", "constinit", "continue", "co_await", "co_return", "co_yield",
-      "decltype",  "default",   "delete",    "do",       "double",   "else",      "enum",
-      "explicit",  "export",    "extern",    "false",    "float",    "for",       "friend",
-      "goto",      "if",        "inline",    "int",      "long",     "mutable",   "namespace",
-      "new",       "noexcept",  "not",       "nullptr",  "operator", "or",        "private",
-      "protected", "public",    "register",  "requires", "return",   "short",     "signed",
-      "sizeof",    "static",    "struct",    "switch",   "template", "this",      "throw",
-      "true",      "try",       "typedef",   "typeid",   "typename", "union",     "unsigned",
-      "using",     "virtual",   "void",      "volatile", "wchar_t",  "while",     "xor"
-   };
-   return words;
-}
-
-// Names that every counted class has from the framework.
-const std::set< std::string > &
-frameworkNames() {
-   static const std::set< std::string > names{
-      "name",         "fullName",       "parent",
-      "parentIs",     "parentAttrName", "parentAttrId",
-      "entity",       "entityIs",       "entityDel",
-      "entityDelAll", "entityNotify",   "entityHas",
-      "entityCount",  "entityAt",       "notifieeList",
-      "announce",     "fwkType",        "fwkKey",
-      "references",   "referencesInc",  "referencesDec",
-      "Ptr",          "PtrConst",       "NotifieeConst",
-      "Notifiee",     "handleZeroRef",  "zekDoZombieReactors"
-   };
-   return names;
 }
 
 // -- Loading ----------------------------------------------------------------------------------
@@ -160,6 +126,7 @@ class Checker {
          for( Type & t : s->types ) resolveType( *s, t );
          for( Function & f : s->functions ) resolveFunction( *s, f );
       }
+      checkNames( program_, errors_ );
       if( !errors_.empty() ) return; // what follows relies on resolved names
       for( Schema * s : schemas_ ) {
          for( Type & t : s->types ) bases( t );
@@ -186,20 +153,12 @@ class Checker {
 
    // -- Names ---------------------------------------------------------------------------------
 
-   void plainName( const Span & where, const std::string & name, const char * what ) {
-      if( reservedWords().count( name ) ) {
-         error( where, "'" + name + "' is a word of C++ and cannot name " + what );
-      }
-   }
-
    void declare( Type & t ) {
-      plainName( t.span, t.name, "a type" );
-      auto [at, fresh] = types_.emplace( t.dottedName(), &t );
-      if( !fresh ) error( t.span, "there is another type '" + t.dottedName() + "'" );
+      if( !types_.emplace( t.dottedName(), &t ).second )
+         error( t.span, "there is another type '" + t.dottedName() + "'" );
       std::set< std::string > names;
       std::set< int64_t > values;
       for( const Enumerator & e : t.enumerators ) {
-         plainName( e.span, e.name, "an enumerator" );
          if( !names.insert( e.name ).second ) {
             error( e.span, "there is another enumerator '" + e.name + "'" );
          }
@@ -208,16 +167,6 @@ class Checker {
          }
          if( e.value < INT32_MIN || e.value > INT32_MAX ) {
             error( e.span, "the value of '" + e.name + "' does not fit 32 bits" );
-         }
-         // Enumerators are also names of the scope around their enumeration.
-         if( t.kind == TypeKind::enumeration && t.isRegistered ) {
-            std::string around = t.dottedName();
-            around.erase( around.rfind( '.' ) + 1 );
-            auto [other, first] = enumerators_.emplace( around + e.name, &t );
-            if( !first && other->second != &t ) {
-               error( e.span, "'" + e.name + "' is an enumerator of '" + other->second->name +
-                                 "' in the same scope" );
-            }
          }
       }
       if( t.isEnum() && t.enumerators.empty() )
@@ -275,10 +224,8 @@ class Checker {
    }
 
    void resolveFunction( const Schema & schema, Function & f ) {
-      plainName( f.span, f.name, "a function" );
       resolve( schema, f.scope, f.result );
       for( Argument & a : f.arguments ) {
-         plainName( f.span, a.name, "an argument" );
          resolve( schema, f.scope, a.type );
       }
    }
@@ -295,6 +242,9 @@ class Checker {
             t.base.text.clear();
             return;
          }
+      }
+      if( t.isNamed || !t.hasNotifier || ( !t.hasLog && t.kind == TypeKind::entity ) ) {
+         error( t.span, "'" + t.name + "' has the options of '" + base.name + "' and no others" );
       }
       if( t.kind == TypeKind::binding ) {
          if( base.kind != TypeKind::view ) {
@@ -323,9 +273,16 @@ class Checker {
       }
       const Member * fixed = base.find( t.fixedParam );
       if( !fixed || fixed->kind != MemberKind::param ) {
-         error( t.fixedValue.span, "'" + base.name + "' has no parameter '" + t.fixedParam + "'" );
+         error( t.fixedSpan, "'" + base.name + "' has no parameter '" + t.fixedParam + "'" );
       } else {
          fits( t.fixedValue, fixed->type, &base, "'" + t.fixedParam + "'" );
+      }
+      for( const Member & m : t.members ) {
+         if( m.kind != MemberKind::param && m.kind != MemberKind::constant &&
+             m.kind != MemberKind::derived && m.kind != MemberKind::call ) {
+            error( m.span, "a derived entity adds parameters, constants, derived attributes and "
+                           "operations alone" );
+         }
       }
    }
 
@@ -386,8 +343,8 @@ class Checker {
    // -- One type ------------------------------------------------------------------------------
 
    void check( Type & t ) {
-      names( t );
-      size_t keys = 0;
+      if( t.isNamed && !t.isEntity ) error( t.span, "only an entity has a name" );
+      size_t keys = t.base.type && t.base.type->keyMember() ? 1 : 0;
       for( Member & m : t.members ) {
          if( m.kind == MemberKind::key && ++keys > 1 ) {
             error( m.span, "'" + t.name + "' has a key already" );
@@ -400,64 +357,10 @@ class Checker {
       }
    }
 
-   /// Every accessor, mutator and callback that the lines of a type generate, once.
-   void names( const Type & t ) {
-      std::map< std::string, const Member * > generated;
-      auto add = [&]( const Member & m, const std::string & name ) {
-         auto [at, fresh] = generated.emplace( name, &m );
-         if( fresh || at->second == &m ) return;
-         bool overloads = name == m.name && m.kind == MemberKind::call &&
-                          at->second->kind == MemberKind::call && at->second->name == name &&
-                          at->second->arguments.size() != m.arguments.size();
-         if( !overloads ) {
-            error( m.span, name == m.name && at->second->name == name
-                              ? "there is another '" + name + "'"
-                              : "'" + m.name + "' needs the name '" + name + "', which '" +
-                                   at->second->name + "' has" );
-         }
-      };
-      for( const Type * base = t.base.type; base; base = base->base.type ) {
-         for( const Member & m : base->members ) add( m, m.name );
-      }
-      for( const Member & m : t.members ) {
-         plainName( m.span, m.name, "an attribute" );
-         if( t.isCounted() && frameworkNames().count( m.name ) ) {
-            error( m.span, "'" + m.name + "' is a name of the framework" );
-         }
-         add( m, m.name );
-         for( const std::string & suffix : suffixes( m ) ) add( m, m.name + suffix );
-         std::set< std::string > arguments;
-         for( const Argument & a : m.arguments ) plainName( m.span, a.name, "an argument" );
-         for( const Member & handler : m.handlers )
-            plainName( handler.span, handler.name, "a handler" );
-      }
-   }
-   static std::vector< std::string > suffixes( const Member & m ) {
-      switch( m.kind ) {
-      case MemberKind::attr:
-         return { "Is" };
-      case MemberKind::derived:
-         return m.through.empty() ? std::vector< std::string >{}
-                                  : std::vector< std::string >{ "Is" };
-      case MemberKind::counter: {
-         std::vector< std::string > out;
-         if( m.hasInc ) out.push_back( "Inc" );
-         if( m.hasDec ) out.push_back( "Dec" );
-         if( m.hasIs ) out.push_back( "Is" );
-         return out;
-      }
-      case MemberKind::collection:
-         return { "Is", "Del", "DelAll", "Notify", "Has", "Count", "Iterator", "IteratorConst" };
-      case MemberKind::reactor:
-         return m.isEach
-                   ? std::vector< std::string >{ "Is", "Del", "DelAll", "Notify", "Has", "Count" }
-                   : std::vector< std::string >{ "Is", "Del", "Reactor" };
-      default:
-         return {};
-      }
-   }
-
    void checkMember( const Type & t, Member & m ) {
+      registered( m.type );
+      registered( m.keyType );
+      for( const Argument & a : m.arguments ) registered( a.type );
       switch( m.kind ) {
       case MemberKind::key:
          if( m.type.type->isCounted() && t.kind != TypeKind::value ) {
@@ -466,7 +369,11 @@ class Checker {
             keyFits( m.type, m.type.span, false );
          }
          if( m.keyIsName && !t.isEntity ) error( m.span, "only an entity has a name" );
-         if( m.keyIsName && t.isNamed ) error( m.span, "'" + t.name + "' has a name of its own" );
+         if( t.isNamed ) error( m.span, "'" + t.name + "' is keyed by its name" );
+         if( m.keyIsName && ( m.type.type->byValue || m.type.type->isEnum() ) &&
+             m.type.type->kind != TypeKind::foreign ) {
+            error( m.type.span, "'" + m.type.text + "' has no text that could be a name" );
+         }
          break;
       case MemberKind::param:
          break;
@@ -478,6 +385,7 @@ class Checker {
             error( m.type.span, "a constant is a value" );
          } else {
             fits( m.init, m.type, &t, "'" + m.name + "'" );
+            earlier( t, m );
          }
          break;
       case MemberKind::derived:
@@ -496,11 +404,19 @@ class Checker {
             error( m.span, "what runs at construction takes and returns nothing" );
          }
          if( m.isStatic && m.isConst ) error( m.span, "a static operation is not 'const'" );
-         if( m.returnsSelf && m.type.type != &t ) {
-            error( m.type.span, "'&' returns the value itself: '" + t.name + " &'" );
+         if( m.returnsSelf &&
+             ( m.type.type != &t || t.kind != TypeKind::value || m.isConst || m.isStatic ) ) {
+            error( m.type.span, "'&' returns the value itself: '" + t.name + " &' of a value" );
+         }
+         if( m.name == "operator+=" &&
+             ( t.kind != TypeKind::value || m.arguments.size() != 1 || m.isStatic ) ) {
+            error( m.span, "'operator +=' belongs to a value and takes one argument" );
          }
          break;
       case MemberKind::ask:
+         if( m.isConst || m.isStatic || m.atConstruction || m.returnsSelf ) {
+            error( m.span, "a question has arguments and a type, no options" );
+         }
          break;
       case MemberKind::reactor:
          reactor( t, m );
@@ -508,6 +424,23 @@ class Checker {
       case MemberKind::named:
          namedConstant( t, m );
          break;
+      }
+   }
+
+   /// A plain enumeration has no descriptor, which attributes and operations need.
+   void registered( const TypeRef & type ) {
+      if( type.type && type.type->kind == TypeKind::enumeration && !type.type->isRegistered ) {
+         error( type.span, "'" + type.text + "' is unregistered: functions alone may use it" );
+      }
+   }
+
+   /// A constant that names another one stands after it.
+   void earlier( const Type & t, const Member & m ) {
+      if( m.init.kind != Expr::Kind::name ) return;
+      const Member * named = t.find( m.init.text );
+      if( named && named->kind == MemberKind::constant && named >= &m &&
+          named->number >= m.number ) {
+         error( m.init.span, "'" + m.init.text + "' stands before the constant that names it" );
       }
    }
 
@@ -530,6 +463,10 @@ class Checker {
       } else if( !isInteger( type ) || m.boundConst->type.type != &type ) {
          error( m.boundSpan,
                 "'" + m.bound + "' is not of the type of '" + m.name + "', or that is no integer" );
+      } else if( m.init.kind == Expr::Kind::number &&
+                 m.boundConst->init.kind == Expr::Kind::number &&
+                 m.init.number > m.boundConst->init.number ) {
+         error( m.init.span, "the default of '" + m.name + "' is above '" + m.bound + "'" );
       }
    }
 
@@ -557,8 +494,10 @@ class Checker {
       if( !key.type ) return;
       if( key.type->isCounted() ) {
          error( where, "a key is a value" );
-      } else if( ordered ? !key.type->isOrderedType : !key.type->isHashed ) {
-         error( where, "'" + key.text + "' is not " + ( ordered ? "ordered" : "hashed" ) );
+      } else if( !key.type->isOrderedType ) { // hashed ones too, where hashes collide
+         error( where, "'" + key.text + "' is not ordered" );
+      } else if( !ordered && ( !key.type->isHashed || key.type->name == "double" ) ) {
+         error( where, "'" + key.text + "' is not hashed" );
       }
    }
 
@@ -569,19 +508,28 @@ class Checker {
       }
       bool explicitKey = m.form == CollectionForm::values || m.form == CollectionForm::set;
       keyFits( m.keyType, explicitKey ? m.keyType.span : m.type.span, m.isOrdered );
+      if( m.form == CollectionForm::owning ) owning( t, m );
       if( m.form == CollectionForm::values && m.type.type->isCounted() ) {
          error( m.type.span, "values are held here; use 'owns' or 'refs' for records" );
       }
    }
 
-   void namedConstant( const Type & t, const Member & m ) {
-      std::vector< const Member * > fields;
-      for( const Member & f : t.members ) {
-         if( f.kind == MemberKind::attr || f.kind == MemberKind::key ) fields.push_back( &f );
+   void owning( const Type & t, const Member & m ) {
+      if( !t.isEntity ) error( m.span, "only an entity owns entities" );
+      for( const Member * p : parametersOf( *m.type.type ) ) {
+         if( p->kind != MemberKind::key && ( p->name == "key" || p->name == "member" ) ) {
+            error( m.type.span, "'" + m.type.text + "' has a parameter '" + p->name +
+                                   "', which is the collection's own word" );
+         }
       }
+   }
+
+   void namedConstant( const Type & t, const Member & m ) {
+      std::vector< const Member * > fields = constructorFields( t );
       if( m.init.items.size() != fields.size() ) {
-         error( m.init.span, "'" + t.name + "' has " + std::to_string( fields.size() ) +
-                                " fields, not " + std::to_string( m.init.items.size() ) );
+         error( m.init.span, "'" + t.name + "' is made of " + std::to_string( fields.size() ) +
+                                ( fields.size() == 1 ? " field, not " : " fields, not " ) +
+                                std::to_string( m.init.items.size() ) );
          return;
       }
       for( size_t i = 0; i < fields.size(); ++i ) {
@@ -617,7 +565,10 @@ class Checker {
                 std::to_string( t.maximum ) );
          }
       } else if( t.name == "double" && t.kind == TypeKind::builtin ) {
-         if( e.kind != Expr::Kind::number && e.kind != Expr::Kind::real ) no( "a number" );
+         constexpr int64_t exact = int64_t( 1 ) << 53;
+         bool fitting = e.kind == Expr::Kind::real ||
+                        ( e.kind == Expr::Kind::number && -exact <= e.number && e.number <= exact );
+         if( !fitting ) no( "a number that it holds exactly" );
       } else if( isString( t ) ) {
          if( e.kind != Expr::Kind::string ) {
             no( "a string" );
@@ -659,7 +610,7 @@ class Checker {
       const Member * compared = t.compares.empty() ? nullptr : t.find( t.compares );
       if( !t.compares.empty() && ( !compared || ( compared->kind != MemberKind::attr &&
                                                   compared->kind != MemberKind::key ) ) ) {
-         error( t.span, "'" + t.name + "' has no field '" + t.compares + "'" );
+         error( t.comparesSpan, "'" + t.name + "' has no field '" + t.compares + "'" );
       }
    }
 
@@ -669,7 +620,22 @@ class Checker {
       std::set< const Type * > done;
       std::set< const Type * > open;
       std::function< void( const Item & ) > visit = [&]( const Item & item ) {
+         auto needs = [&]( const Type * type ) {
+            if( !type || type->schema != &s ) return;
+            const Type * outer = type->enclosing ? type->enclosing : type;
+            for( const Item & other : s.items ) {
+               if( other.type == outer && outer != item.type ) visit( other );
+            }
+         };
+         // Classes are declared ahead, so arguments and results need enumerations alone.
+         auto mentions = [&]( const TypeRef & result, const std::vector< Argument > & arguments ) {
+            if( result && result.type->isEnum() ) needs( result.type );
+            for( const Argument & a : arguments ) {
+               if( a.type.type->isEnum() ) needs( a.type.type );
+            }
+         };
          if( !item.type ) {
+            mentions( item.function->result, item.function->arguments );
             out.push_back( item );
             return;
          }
@@ -678,16 +644,13 @@ class Checker {
             error( item.type->span, "'" + item.type->name + "' contains itself" );
             return;
          }
-         auto needs = [&]( const Type * type ) {
-            if( !type || type->schema != &s || type == item.type || type->enclosing == item.type )
-               return;
-            const Type * outer = type->enclosing ? type->enclosing : type;
-            for( const Item & other : s.items ) {
-               if( other.type == outer && outer != item.type ) visit( other );
-            }
-         };
          needs( item.type->base.type );
          for( const Member & m : item.type->members ) {
+            for( const Member & handler : m.handlers ) mentions( handler.type, handler.arguments );
+            if( m.kind == MemberKind::call || m.kind == MemberKind::ask ) {
+               mentions( m.type, m.arguments );
+               continue;
+            }
             if( m.type.type && ( !m.type.type->isCounted() || m.kind == MemberKind::reactor ) ) {
                needs( m.type.type );
             }
@@ -712,12 +675,30 @@ class Checker {
          error( m.type.span, "'" + m.type.text + "' tells nobody of its changes" );
          return;
       }
+      if( input.base ) {
+         error( m.type.span, "'" + m.type.text + "' tells of its changes as a '" +
+                                input.base.type->name + "': watch that" );
+         return;
+      }
+      for( const Member & h : m.handlers ) {
+         for( const Argument & a : h.arguments ) registered( a.type );
+         if( h.isStatic || h.atConstruction || h.returnsSelf || h.name == "operator+=" ) {
+            error( h.span, "a handler has arguments and a type, no options" );
+         }
+      }
       if( !m.type.isConst ) error( m.type.span, "a reactor watches a constant record: 'const'" );
       if( m.isEach && !input.keyMember() && !input.isNamed ) {
          error( m.type.span, "'" + m.type.text + "' has no key" );
       }
       std::set< std::string > watched;
+      std::set< Reaction::When > listed;
       for( Reaction & r : m.reactions ) {
+         if( r.when != Reaction::When::on && !listed.insert( r.when ).second ) {
+            error( r.span, "this reaction is listed already" );
+         }
+         size_t feeds = 0;
+         for( const Action & a : r.actions ) feeds += a.kind == Action::Kind::feed;
+         if( feeds > 1 ) error( r.span, "a reaction feeds one collection" );
          if( r.when == Reaction::When::on ) {
             r.watched = input.find( r.attribute );
             bool announced = r.watched && ( r.watched->kind == MemberKind::attr ||
@@ -736,11 +717,53 @@ class Checker {
          if( r.when == Reaction::When::gone && !m.isEach ) {
             error( r.span, "'gone' is for the members of a collection: 'each'" );
          }
-         for( const Action & a : r.actions ) action( machine, m, r, a );
+         for( Action & a : r.actions ) action( machine, m, r, a );
       }
    }
 
-   void action( const Type & machine, const Member & m, const Reaction & r, const Action & a ) {
+   /// What a handler may take: the reactor's key, the changed member's, or both in this order.
+   void handler( const Member & m, const Reaction & r, Action & a,
+                 const std::vector< Member > & among, bool & found ) {
+      bool owner = a.kind == Action::Kind::owner;
+      const Type * reactorKey = nullptr;
+      if( m.isEach && owner ) {
+         const Member * key = m.type.type->keyMember();
+         reactorKey = key ? key->type.type : types_.at( "Zek.Name" );
+      }
+      const Type * memberKey =
+         r.watched && r.watched->kind == MemberKind::collection ? r.watched->keyType.type : nullptr;
+      std::vector< std::vector< const Type * > > offers;
+      if( reactorKey && memberKey ) offers.push_back( { reactorKey, memberKey } );
+      if( memberKey ) offers.push_back( { memberKey } );
+      if( reactorKey && !memberKey ) offers.push_back( { reactorKey } );
+      offers.push_back( {} );
+      for( const auto & offer : offers ) {
+         for( const Member & candidate : among ) {
+            if( candidate.kind != MemberKind::call || candidate.name != a.target ) continue;
+            found = true;
+            std::vector< const Type * > takes;
+            for( const Argument & argument : candidate.arguments )
+               takes.push_back( argument.type.type );
+            if( takes != offer ) continue;
+            a.handler = &candidate;
+            return;
+         }
+      }
+      if( !found ) return;
+      std::string list;
+      for( const auto & offer : offers ) {
+         std::string types;
+         for( const Type * type : offer )
+            types += ( types.empty() ? " " : ", " ) + type->dottedName();
+         list += ( list.empty()               ? ""
+                   : &offer == &offers.back() ? " or "
+                                              : ", " ) +
+                 ( types.empty() ? "nothing" : "(" + types + " )" );
+      }
+      error( a.span, "no handler '" + a.target + "' takes what there is to hand on: " + list );
+   }
+
+   void action( const Type & machine, const Member & m, const Reaction & r, Action & a ) {
       if( a.kind == Action::Kind::feed ) {
          const Member * target = machine.find( a.target );
          if( !target || target->kind != MemberKind::reactor || !target->isEach ) {
@@ -753,10 +776,9 @@ class Checker {
          return;
       }
       bool owner = a.kind == Action::Kind::owner;
-      const std::vector< Member > & among = owner ? machine.members : m.handlers;
-      for( const Member & handler : among ) {
-         if( handler.kind == MemberKind::call && handler.name == a.target ) return;
-      }
+      bool found = false;
+      handler( m, r, a, owner ? machine.members : m.handlers, found );
+      if( found ) return;
       error( a.span, ( owner ? "'" + machine.name + "'" : "the reactor '" + m.name + "'" ) +
                         " has no handler '" + a.target + "'" );
    }
@@ -764,8 +786,7 @@ class Checker {
    Program & program_;
    Errors & errors_;
    const std::vector< Schema * > & schemas_;
-   std::map< std::string, const Type * > types_;       // by dotted name
-   std::map< std::string, const Type * > enumerators_; // by scope and name
+   std::map< std::string, const Type * > types_; // by dotted name
 };
 
 } // namespace

@@ -28,6 +28,8 @@ Emission emitValue( const Type & type );         // EmitValue.cpp
 Emission emitBoundedString( const Type & type ); // EmitValue.cpp
 Emission emitCounted( const Type & type );       // EmitCounted.cpp
 
+/// `enum class E : storage { ... };` and its names in the scope around it.
+std::string enumClass( const Type & type );
 /// The enumeration's descriptor and its registration, for enumerations and foreign types.
 void describe( const Type & type, Emission & out );
 

@@ -4,6 +4,7 @@
 #include "typelang/EmitCounted.h"
 
 #include "typelang/Emission.h"
+#include "typelang/Names.h"
 #include "typelang/Text.h"
 
 #include <algorithm>
@@ -286,10 +287,10 @@ derived( const Type & type, const Member & m ) {
    out.declaration = fill( "   // $n$ $x$\n$doc$\n   $T$ $x$() const;\n", h );
    std::vector< std::string > rowFlags;
    if( !m.aborts.empty() ) {
-      h["text"] = m.aborts;
+      h["text"] = quoted( m.aborts );
       out.definition = fill( R"($T$
 $Self$::$x$() const {
-   Zek::assertionFailed( "$text$", "$stem$" );
+   Zek::assertionFailed( $text$, "$stem$" );
 }
 
 )",
@@ -351,7 +352,7 @@ operation( const Type & type, const Member & m ) {
    }
    std::string list = "{}";
    if( !parameters.empty() ) {
-      list = "zekParameters_" + type.name + "_" + m.name;
+      list = "zekParameters_" + type.name + "_" + std::to_string( m.number ); // overloads
       out.definition =
          "static constexpr Zek::ParameterRow " + list + "[] = {\n" + parameters + "};\n\n";
    }
@@ -556,22 +557,22 @@ $Self$::$x$( const $K$ & key ) const {
 )",
                           h );
    if( owning ) {
+      // The collection takes the key first, the member's constructor where it is declared.
       std::string checks;
-      std::vector< std::string > parameters;
+      std::vector< std::string > all{ fill( "const $K$ & key", h ) };
       std::vector< std::string > arguments;
-      for( const Member & p : member.members ) {
-         bool isParameter = p.kind == MemberKind::param || p.setAtConstruction ||
-                            ( p.kind == MemberKind::key && member.isNamed );
-         if( !isParameter ) continue;
-         parameters.push_back( cppParameter( p.type ) + " " + p.name );
-         arguments.push_back( p.name );
-         checks += "      Zek::requireSameParameter( *member, \"" + p.name + "\", " + p.name +
-                   ", member->" + p.name + "() );\n";
+      if( member.isNamed ) arguments.push_back( "key" );
+      for( const Member * p : parametersOf( member ) ) {
+         if( p->kind == MemberKind::key ) {
+            arguments.push_back( "key" );
+            continue;
+         }
+         all.push_back( cppParameter( p->type ) + " " + p->name );
+         arguments.push_back( p->name );
+         checks += "      Zek::requireSameParameter( *member, \"" + p->name + "\", " + p->name +
+                   ", member->" + p->name + "() );\n";
       }
-      std::vector< std::string > all = parameters;
-      all.insert( all.begin(), fill( "const $K$ & key", h ) );
-      arguments.insert( arguments.begin(), "key" );
-      h["factory"] = joined( member.scope, "::" ) + "::" + uncapitalised( member.name ) + "Factory";
+      h["factory"] = joined( member.scope, "::" ) + "::" + factoryOf( member );
       h["arguments"] = joined( arguments, ", " );
       h["checks"] = checks;
       h["isDeclaration"] =
@@ -721,26 +722,19 @@ emitCounted( const Type & type ) {
       parameterRows += "   Zek::Rows::argument< " + stored + " >( \"" + name + "\" ),\n";
    };
    if( type.isNamed ) takes( "const Zek::Name & name", "name", "Zek::Name" );
-   std::string fixed;
+   std::vector< std::string > up; // what the base is made of
+   if( type.isNamed && extends ) up.push_back( "name" );
    if( extends ) {
-      for( const Member & m : type.base.type->members ) {
-         if( m.kind != MemberKind::key && m.kind != MemberKind::param ) continue;
-         if( m.name == type.fixedParam ) {
-            fixed = cppExpression( type.fixedValue, m.type, type.base.type );
+      for( const Member * m : parametersOf( *type.base.type ) ) {
+         if( m->name == type.fixedParam ) {
+            up.push_back( cppExpression( type.fixedValue, m->type, type.base.type ) );
          } else {
-            takes( cppParameter( m.type ) + " " + m.name, m.name, cppStored( m.type ) );
+            up.push_back( m->name );
+            takes( cppParameter( m->type ) + " " + m->name, m->name, cppStored( m->type ) );
          }
       }
    }
-   for( const auto & e : type.nested ) {
-      std::string rowsOf;
-      for( const Enumerator & n : e->enumerators ) {
-         rowsOf +=
-            docComment( n.doc, 6 ) + "      " + n.name + " = " + std::to_string( n.value ) + ",\n";
-      }
-      nested += docComment( e->doc, 3 ) + "   enum class " + e->name + " : uint8_t {\n" + rowsOf +
-                "   };\n   using enum " + e->name + ";\n\n";
-   }
+   for( const auto & e : type.nested ) nested += indented( enumClass( *e ), 3 ) + "\n";
    auto add = [&]( const Pieces & p, const std::string & name, const TypeRef & stored ) {
       if( !p.declaration.empty() ) body += p.declaration + "\n";
       callbacks += p.callbacks;
@@ -763,15 +757,9 @@ emitCounted( const Type & type ) {
                      []( const Storage & a, const Storage & b ) { return a.rank > b.rank; } );
    std::string fields;
    std::vector< std::string > initialisers;
-   if( type.isNamed && !extends ) initialisers.push_back( "NamedEntity( name )" );
-   if( extends ) {
-      std::vector< std::string > up;
-      if( type.isNamed ) up.push_back( "name" );
-      for( const Member & m : type.base.type->members ) {
-         if( m.kind != MemberKind::key && m.kind != MemberKind::param ) continue;
-         up.push_back( m.name == type.fixedParam ? fixed : m.name );
-      }
-      initialisers.push_back( type.base.type->name + "( " + joined( up, ", " ) + " )" );
+   if( type.isNamed && !extends ) initialisers.push_back( "Zek::NamedEntity( name )" );
+   if( extends && !up.empty() ) {
+      initialisers.push_back( cppName( *type.base.type ) + "( " + joined( up, ", " ) + " )" );
    }
    for( const Storage & s : storage ) {
       fields += s.text;
@@ -781,7 +769,7 @@ emitCounted( const Type & type ) {
    if( type.isNamed && parameters.size() == 1 ) withDefaults[0] += " = Zek::Name()";
 
    std::string id = joined( type.scope, "_" ) + "_" + type.name;
-   std::string factory = uncapitalised( type.name ) + "Factory";
+   std::string factory = factoryOf( type );
    Holes h{ { "doc", docComment( type.doc, 0 ) },
             { "Self", type.name },
             { "full", type.fullName() },

@@ -85,10 +85,10 @@ emitForeign( const Type & type ) {
    return out;
 }
 
-Emission
-emitEnumeration( const Type & type ) {
-   Emission out;
-   out.scope = type.scope;
+namespace {
+
+Holes
+enumHoles( const Type & type ) {
    int64_t least = 0;
    int64_t most = 0;
    std::string enumerators;
@@ -98,10 +98,30 @@ emitEnumeration( const Type & type ) {
       enumerators +=
          docComment( e.doc, 3 ) + "   " + e.name + " = " + std::to_string( e.value ) + ",\n";
    }
-   Holes holes{ { "doc", docComment( type.doc, 0 ) },
-                { "name", type.name },
-                { "storage", least >= 0 && most <= 255 ? "uint8_t" : "int32_t" },
-                { "enumerators", enumerators } };
+   return { { "doc", docComment( type.doc, 0 ) },
+            { "name", type.name },
+            { "storage", least >= 0 && most <= 255 ? "uint8_t" : "int32_t" },
+            { "enumerators", enumerators } };
+}
+
+} // namespace
+
+std::string
+enumClass( const Type & type ) {
+   return fill( R"($doc$
+enum class $name$ : $storage$ {
+$enumerators$
+};
+using enum $name$;
+)",
+                enumHoles( type ) );
+}
+
+Emission
+emitEnumeration( const Type & type ) {
+   Emission out;
+   out.scope = type.scope;
+   Holes holes = enumHoles( type );
    if( !type.isRegistered ) {
       out.declaration = fill( "$doc$\nenum $name$ {\n$enumerators$\n};\n", holes );
       return out;
@@ -109,16 +129,8 @@ emitEnumeration( const Type & type ) {
    // An enumeration inside an entity is declared by the entity's class; its companions and
    // descriptor stand beside it.
    if( !type.enclosing ) {
-      out.declaration = fill( R"($doc$
-enum class $name$ : $storage$ {
-$enumerators$
-};
-using enum $name$;
-
-)",
-                              holes );
+      out.declaration = enumClass( type ) + "\n";
    } else {
-      holes["name"] = type.name;
       out.scope.pop_back();
    }
    std::string own = type.enclosing ? type.enclosing->name + "::" + type.name : type.name;

@@ -13,22 +13,9 @@ struct Callback {
    std::string definition;
 };
 
-const Member *
-handlerOf( const std::vector< Member > & members, const std::string & name, size_t arguments ) {
-   const Member * any = nullptr;
-   for( const Member & m : members ) {
-      if( m.kind != MemberKind::call || m.name != name ) continue;
-      if( m.arguments.size() == arguments ) return &m;
-      any = &m;
-   }
-   return any;
-}
-
 // One action as statements. `key` names the changed member's key, or is empty.
 std::string
-actionText( const Type & machine, const Member & reactor, const Reaction & reaction,
-            const Action & action, const std::string & key ) {
-   std::vector< std::string > arguments;
+actionText( const Reaction & reaction, const Action & action, const std::string & key ) {
    if( action.kind == Action::Kind::feed ) {
       Holes h{ { "c", action.target }, { "w", reaction.attribute }, { "key", key } };
       return fill( R"(   if( const auto member = input->$w$( $key$ ) ) {
@@ -39,30 +26,23 @@ actionText( const Type & machine, const Member & reactor, const Reaction & react
 )",
                    h );
    }
-   if( action.kind == Action::Kind::self ) {
-      const Member * handler = handlerOf( reactor.handlers, action.target, key.empty() ? 0 : 1 );
-      bool takesKey = handler && !handler->arguments.empty();
-      return "   " + action.target + ( takesKey ? "( " + key + " );\n" : "();\n" );
-   }
-   const Member * handler =
-      handlerOf( machine.members, action.target, key.empty() || !reactor.isEach ? 1 : 2 );
-   size_t wanted = handler ? handler->arguments.size() : 0;
-   if( wanted == 2 ) {
-      arguments = { "fwkKey()", key };
-   } else if( wanted == 1 ) {
-      arguments = { key.empty() ? "fwkKey()" : key };
-   }
-   return "   " + call( "machine->" + action.target, arguments, ";\n", 3 );
+   // The checker chose a handler that takes what there is: the reactor's key, the changed
+   // member's, or both in this order.
+   std::vector< std::string > arguments;
+   size_t takes = action.handler->arguments.size();
+   if( takes == 2 || ( takes == 1 && key.empty() ) ) arguments.push_back( "fwkKey()" );
+   if( takes >= 1 && !key.empty() ) arguments.push_back( key );
+   std::string on = action.kind == Action::Kind::owner ? "machine->" : "";
+   return "   " + call( on + action.target, arguments, ";\n", 3 );
 }
 
 // Statements of a list of actions; between two the reactor must still be live.
 std::string
-actionsText( const Type & machine, const Member & reactor, const Reaction & reaction,
-             const std::string & key ) {
+actionsText( const Reaction & reaction, const std::string & key ) {
    std::string out;
    for( const Action & action : reaction.actions ) {
       if( !out.empty() ) out += "   if( !live() ) return;\n";
-      out += actionText( machine, reactor, reaction, action, key );
+      out += actionText( reaction, action, key );
    }
    return out;
 }
@@ -85,14 +65,14 @@ opening( const Holes & h, const Reaction & reaction ) {
 }
 
 Callback
-callback( const Type & machine, const Member & reactor, const Reaction & reaction, Holes h ) {
+callback( const Reaction & reaction, Holes h ) {
    const Member & watched = *reaction.watched;
    bool keyed = watched.kind == MemberKind::collection;
    h["A"] = capitalised( watched.name );
    h["w"] = watched.name;
    h["K"] = keyed ? cppStored( watched.keyType ) : "";
    h["opening"] = opening( h, reaction );
-   h["actions"] = actionsText( machine, reactor, reaction, keyed ? "key" : "" );
+   h["actions"] = actionsText( reaction, keyed ? "key" : "" );
    Callback out;
    if( !keyed ) {
       // Owner's handlers are reached through a forwarder that has a name to break on.
@@ -161,7 +141,7 @@ attachment( const Type & machine, const Member & reactor, Reaction::When when ) 
       listed = true;
       for( const Action & action : r.actions ) {
          if( action.kind == Action::Kind::owner ) needsMachine = true;
-         add( actionText( machine, reactor, r, action, "" ) );
+         add( actionText( r, action, "" ) );
       }
    }
    for( const Reaction & r : reactor.reactions ) {
@@ -202,7 +182,7 @@ emitReactor( const Type & machine, const Member & m ) {
    std::string definitions;
    for( const Reaction & r : m.reactions ) {
       if( r.when != Reaction::When::on ) continue;
-      Callback c = callback( machine, m, r, h );
+      Callback c = callback( r, h );
       callbacks += c.declaration;
       definitions += c.definition;
    }
@@ -337,13 +317,15 @@ $Self$::$x$Del() {
    h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
    h["gone"] = "   reactor->zekRelease();\n";
    if( const Reaction * gone = reactionOf( m, Reaction::When::gone ) ) {
-      h["gone"] = "   {\n      const Zek::ReleaseAtEnd< $Reactor$ > release{ *reactor };\n";
+      h["gone"] =
+         fill( "   {\n      const Zek::ReleaseAtEnd< $Reactor$ > release{ *reactor };\n", h );
       for( const Action & action : gone->actions ) {
-         h["gone"] += action.kind == Action::Kind::self
-                         ? "      reactor->" + action.target + "();\n"
-                         : "      " + action.target + "( reactor->fwkKey() );\n";
+         bool own = action.kind == Action::Kind::self;
+         bool takesKey = !action.handler->arguments.empty();
+         h["gone"] += "      " + std::string( own ? "reactor->" : "" ) + action.target +
+                      ( takesKey ? "( reactor->fwkKey() );\n" : "();\n" );
       }
-      h["gone"] = fill( h["gone"] + "   }\n", h );
+      h["gone"] += "   }\n";
    }
    out.declaration += fill( R"(   /// The reactor under `key`, or null.
    Zek::Ptr< $Reactor$ > $x$( const $K$ & key ) const;

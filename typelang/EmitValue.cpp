@@ -10,11 +10,6 @@ namespace Zek::TypeLang {
 namespace {
 
 bool
-isField( const Member & m ) {
-   return m.kind == MemberKind::attr || m.kind == MemberKind::key;
-}
-
-bool
 isSet( const Member & m ) {
    return m.kind == MemberKind::collection;
 }
@@ -32,15 +27,13 @@ field( const Type & type, const Member & m ) {
             { "x", m.name },
             { "T", cppStored( m.type ) },
             { "P", cppParameter( m.type ) },
-            { "R", m.type.type->header.empty() ? cppParameter( m.type )
-                                               : "const " + cppStored( m.type ) + " &" },
             { "n", std::to_string( m.number ) },
             { "init", braced( cppExpression( m.init, m.type, &type ) ) },
             { "Self", type.name } };
    Pieces out;
    out.accessors = fill( R"(   // $n$ $x$
 $doc$
-   $R$ $x$() const { return $x$_; }
+   const $T$ & $x$() const { return $x$_; }
 )",
                          h );
    if( m.kind == MemberKind::attr ) {
@@ -96,6 +89,10 @@ emitValue( const Type & type ) {
    std::optional< std::string > unreadable; // why no text reads back
    std::string construction;
    const Member * key = type.keyMember();
+   for( const Member * m : constructorFields( type ) ) {
+      parameters.push_back( cppParameter( m->type ) + " " + m->name );
+      initialisers.push_back( m->name + "_( " + m->name + " )" );
+   }
    for( const Member & m : type.members ) {
       if( m.kind == MemberKind::call ) {
          std::vector< std::string > arguments;
@@ -110,16 +107,14 @@ emitValue( const Type & type ) {
                                                      : cppStored( m.type ) ) +
                                    " " + m.name,
                                 arguments, m.isConst ? " const;\n\n" : ";\n\n", 3 );
-         if( m.atConstruction ) construction = m.name + "();";
+         if( m.atConstruction ) construction += "      " + m.name + "();\n";
          continue;
       }
       if( m.kind == MemberKind::named ) {
          std::vector< std::string > arguments;
          size_t i = 0;
-         for( const Member & f : type.members ) {
-            if( isField( f ) && i < m.init.items.size() ) {
-               arguments.push_back( cppExpression( m.init.items[i++], f.type, &type ) );
-            }
+         for( const Member * f : constructorFields( type ) ) {
+            arguments.push_back( cppExpression( m.init.items[i++], f->type, &type ) );
          }
          named += docComment( m.doc, 3 ) + "   static " + type.name + " " + m.name + "();\n";
          namedDefinitions += type.name + "\n" + type.name + "::" + m.name + "() {\n   return " +
@@ -130,10 +125,6 @@ emitValue( const Type & type ) {
       accessors += pieces.accessors;
       storage += pieces.storage;
       rows += pieces.row;
-      if( isField( m ) && ( !key || m.kind == MemberKind::key ) ) {
-         parameters.push_back( cppParameter( m.type ) + " " + m.name );
-         initialisers.push_back( m.name + "_( " + m.name + " )" );
-      }
       if( isSet( m ) ) unreadable = " - has collection";
       if( m.type.type->isCounted() ) unreadable = "";
       if( !type.compares.empty() && m.name != type.compares ) continue;
@@ -165,15 +156,17 @@ emitValue( const Type & type ) {
             { "named", named.empty() ? "" : named + "\n" },
             { "namedDefinitions", namedDefinitions },
             { "fieldConstructor",
-              "   " +
-                 call( std::string( key || parameters.size() > 1 ? "" : "explicit " ) + type.name,
-                       parameters, "", 3 ) +
-                 "\n      : " + joined( initialisers, ", " ) +
-                 ( construction.empty() ? " {}\n" : " {\n      " + construction + "\n   }\n" ) },
+              parameters.empty()
+                 ? ""
+                 : "   " +
+                      call( std::string( key || parameters.size() > 1 ? "" : "explicit " ) +
+                               type.name,
+                            parameters, "", 3 ) +
+                      "\n      : " + joined( initialisers, ", " ) +
+                      ( construction.empty() ? " {}\n" : " {\n" + construction + "   }\n" ) },
             { "equal", joined( equal, " && " ) },
             { "less", less },
-            { "hash", hash },
-            { "line", std::to_string( 0 ) } };
+            { "hash", hash } };
    h["order"] =
       type.isOrderedType ? "   bool operator<( const " + type.name + " & other ) const;\n" : "";
    h["orderDefinition"] =

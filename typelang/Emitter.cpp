@@ -76,7 +76,9 @@ header( const Schema & schema, const std::vector< Emission > & emissions ) {
    std::vector< std::string > last{ "" };
    std::string forward;
    for( const Type & type : schema.types ) {
-      if( !type.isCounted() ) continue;
+      bool isClass =
+         type.isCounted() || type.kind == TypeKind::value || type.kind == TypeKind::boundedString;
+      if( !isClass ) continue;
       if( type.scope != last ) {
          if( !forward.empty() ) out += forward + "\n";
          forward.clear();

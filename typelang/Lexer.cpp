@@ -22,6 +22,17 @@ class Lexer {
         text_( file.text ) {}
 
    std::vector< Token > run() {
+      for( size_t i = 0; i < text_.size(); ++i ) {
+         unsigned char c = static_cast< unsigned char >( text_[i] );
+         bool endOfLine =
+            c == '\n' || ( c == '\r' && i + 1 < text_.size() && text_[i + 1] == '\n' );
+         if( ( c < ' ' && c != '\t' && !endOfLine ) || c == 127 ) {
+            at_ = i + 1;
+            errors_.error( span( i ), "a schema is text, without control characters" );
+            at_ = text_.size();
+         }
+         if( at_ != 0 ) break;
+      }
       while( at_ < text_.size() ) next();
       add( TokenKind::end, at_, "" );
       return std::move( tokens_ );
@@ -68,6 +79,12 @@ class Lexer {
       if( line.compare( 0, 3, "///" ) == 0 && startsLine_ ) {
          line.erase( 0, line.size() > 3 && line[3] == ' ' ? 4 : 3 );
          while( !line.empty() && ( line.back() == ' ' || line.back() == '\r' ) ) line.pop_back();
+         if( !line.empty() && line.back() == '\\' ) {
+            // In C++ it would swallow the line after the comment.
+            errors_.error(
+               { &file_, static_cast< uint32_t >( at_ ), static_cast< uint32_t >( end ) },
+               "a line of documentation does not end in a backslash" );
+         }
          if( !doc_.empty() ) doc_ += '\n';
          doc_ += line;
       }

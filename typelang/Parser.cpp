@@ -137,6 +137,7 @@ class Parser {
          }
       }
       scope_ = schema_.model;
+      schema_.scopes.push_back( { scope_, name.span } );
       endOfLine();
    }
 
@@ -194,11 +195,27 @@ class Parser {
    void scope() {
       Token name = newName( "the scope's name" );
       expect( "{", "after the scope's name" );
+      Nesting nesting( *this, name );
       scope_.push_back( name.text );
+      schema_.scopes.push_back( { scope_, name.span } );
+      // Only an abandoned file leaves it by an exception.
       items( true );
       scope_.pop_back();
       closeBrace( name );
    }
+
+   // Depth of scopes and lists. A file that goes deeper is no schema but an accident.
+   struct Nesting {
+      Nesting( Parser & parser, const Token & at ) : parser_( parser ) {
+         if( ++parser_.nesting_ > 32 ) {
+            --parser_.nesting_;
+            parser_.errors_.error( at.span, "too deeply nested" );
+            throw Abandon();
+         }
+      }
+      ~Nesting() { --parser_.nesting_; }
+      Parser & parser_;
+   };
 
    void closeBrace( const Token & opened ) {
       if( !isAny( "}" ) ) {
@@ -303,7 +320,9 @@ class Parser {
          t.kind = TypeKind::boundedString;
          t.isHashed = t.isOrderedType = true;
          expect( "max", "and the greatest length in bytes" );
-         t.maxName = newName( "the limit's name" ).text;
+         Token maximum = newName( "the limit's name" );
+         t.maxName = maximum.text;
+         t.maxSpan = maximum.span;
          expect( "=", "and the limit" );
          Expr limit = expression();
          if( limit.kind != Expr::Kind::number || limit.number <= 0 ) {
@@ -343,7 +362,9 @@ class Parser {
             expect( "sum", "after 'hash'" );
             t.hashIsSum = true;
          } else if( option.text == "compares" ) {
-            t.compares = newName( "the field that is compared" ).text;
+            Token compared = newName( "the field that is compared" );
+            t.compares = compared.text;
+            t.comparesSpan = compared.span;
          } else if( option.text == "unregistered" ) {
             t.isRegistered = false;
          } else {
@@ -372,6 +393,7 @@ class Parser {
          }
          Token name = newName( "the held record's name" );
          t.holdsName = name.text;
+         t.holdsSpan = name.span;
          t.holds = typeRef();
          if( braced ) closeBrace( name );
       }
@@ -404,7 +426,9 @@ class Parser {
    }
 
    void fixes( Type & t ) {
-      t.fixedParam = newName( "the parameter" ).text;
+      Token parameter = newName( "the parameter" );
+      t.fixedParam = parameter.text;
+      t.fixedSpan = parameter.span;
       expect( "=", "and the parameter's value" );
       t.fixedValue = expression();
    }
@@ -779,6 +803,7 @@ class Parser {
       e.text = t.text;
       if( accept( "(" ) ) {
          e.kind = Expr::Kind::list;
+         Nesting nesting( *this, t );
          ++depth_;
          while( !is( ")" ) ) {
             if( atEnd() || isAny( "}" ) ) {
@@ -832,6 +857,7 @@ class Parser {
    std::vector< std::string > scope_;
    size_t at_ = 0;
    int depth_ = 0; // open parentheses: lines do not end in them
+   int nesting_ = 0;
 };
 
 } // namespace

@@ -177,10 +177,8 @@ cppParameter( const TypeRef & type ) {
    return passedByValue( type ) ? cppStored( type ) : "const " + cppStored( type ) + " &";
 }
 
-namespace {
-
 std::string
-quoted( const std::string & text ) {
+quoted( std::string_view text ) {
    std::string out = "\"";
    for( char c : text ) {
       if( c == '"' || c == '\\' ) out += '\\';
@@ -193,8 +191,6 @@ quoted( const std::string & text ) {
    return out + "\"";
 }
 
-} // namespace
-
 std::string
 cppExpression( const Expr & expr, const TypeRef & type, const Type * within ) {
    const Type & t = *type.type;
@@ -206,8 +202,8 @@ cppExpression( const Expr & expr, const TypeRef & type, const Type * within ) {
    case Expr::Kind::real:
       return expr.text;
    case Expr::Kind::number:
-      if( t.isEnum() ) return "static_cast< " + name + " >( " + expr.text + " )";
-      return expr.text;
+      // The least of all has no literal in C++.
+      return expr.number == INT64_MIN ? "INT64_MIN" : expr.text;
    case Expr::Kind::string:
       return t.name == "String" && t.schema == nullptr ? quoted( expr.text )
                                                        : name + "( " + quoted( expr.text ) + " )";

@@ -43,6 +43,9 @@ std::string cppParameter( const TypeRef & type );
 /// True when passed and returned by value.
 bool passedByValue( const TypeRef & type );
 
+/// A C++ string literal.
+std::string quoted( std::string_view text );
+
 /// `{}`, or `{ expression }`.
 std::string braced( const std::string & expression );
 
