@@ -115,7 +115,8 @@ fillSpecimen( const Zek::TypeDescriptor & type, void * value, unsigned n ) {
    const bool isEnumeration = type.kind == Zek::TypeKind::enumeration;
    for( const std::string & text :
         { isEnumeration ? type.enumerators[n % type.enumerators.size()].name : "10.0.0." + number,
-          "10.0.0." + number + "/24", "2001:db8::" + number, "2001:db8::" + number + "/64", number,
+          "10.0.0." + number + "/24", "10.0." + number + ".0/24", "2001:db8::" + number,
+          "2001:db8::" + number + "/64", "2001:db8:" + number + "::/48", number, "65000:" + number,
           std::string( n % 2 ? "true" : "false" ) } ) {
       if( type.values->read( text, value ) ) return;
    }
