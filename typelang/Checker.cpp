@@ -126,6 +126,9 @@ class Checker {
          for( Type & t : s->types ) resolveType( *s, t );
          for( Function & f : s->functions ) resolveFunction( *s, f );
       }
+      for( Schema * s : schemas_ ) {
+         for( Type & t : s->types ) breakCircle( t );
+      }
       checkNames( program_, errors_ );
       if( !errors_.empty() ) return; // what follows relies on resolved names
       for( Schema * s : schemas_ ) {
@@ -232,17 +235,24 @@ class Checker {
 
    // -- Bases ---------------------------------------------------------------------------------
 
-   void bases( Type & t ) {
-      if( !t.base ) return;
-      const Type & base = *t.base.type;
-      for( const Type * at = &base; at; at = at->base.type ) {
+   /// Everything that walks bases relies on their ending.
+   void breakCircle( Type & t ) {
+      // A circle that t leads into, but does not belong to, is broken at its own types.
+      size_t steps = 0;
+      for( const Type * at = t.base.type; at && steps < types_.size(); at = at->base.type ) {
          if( at == &t ) {
             error( t.base.span, "'" + t.name + "' derives from itself" );
             t.base.type = nullptr;
             t.base.text.clear();
             return;
          }
+         ++steps;
       }
+   }
+
+   void bases( Type & t ) {
+      if( !t.base ) return;
+      const Type & base = *t.base.type;
       if( t.isNamed || !t.hasNotifier || ( !t.hasLog && t.kind == TypeKind::entity ) ) {
          error( t.span, "'" + t.name + "' has the options of '" + base.name + "' and no others" );
       }
