@@ -109,7 +109,7 @@ class IPSTATE_EXPORT NotifieeList {
 
    // With a word that is not 0.
    template< class N >
-   void visitMembers( void ( N::*callback )() ) {
+   [[gnu::always_inline]] void visitMembers( void ( N::*callback )() ) {
       if( !beginInPlace() ) {
          visit( static_cast< Callback >( callback ), &accepts< N > );
          return;
@@ -122,7 +122,7 @@ class IPSTATE_EXPORT NotifieeList {
       endInPlace();
    }
    template< class N, class K >
-   void visitMembers( void ( N::*callback )( const K & ), const K & key ) {
+   [[gnu::always_inline]] void visitMembers( void ( N::*callback )( const K & ), const K & key ) {
       if( !beginInPlace() ) {
          Keyed< K > call{ static_cast< typename Keyed< K >::Callback >( callback ), key };
          visitKeyed( &Keyed< K >::invoke, &call, &accepts< N > );

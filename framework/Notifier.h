@@ -9,12 +9,18 @@
 #include "framework/NotifieeList.h"
 #include "framework/Ptr.h"
 
+#include <typeinfo>
+
 namespace Zek {
 
 class IPSTATE_EXPORT Notifier : public PtrInterface {
  public:
    /// Who watches. Watching changes no value, so that a const notifier can be watched too.
    NotifieeList & notifieeList() const { return notifieeList_; }
+
+   /// The type whose callbacks all changes of this object are told through: its own, or that base
+   /// to which its type adds none.
+   virtual const std::type_info & zekCallbackType() const;
 
  protected:
    Notifier() = default;
@@ -23,16 +29,16 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    /// Calls `callback` on every registered notifiee. Throws what a notifiee lets pass. This
    /// object may be gone afterwards when nobody else holds it: a caller that goes on using it
    /// must hold a reference.
-   template < class N >
-   void announce( void ( N::*callback )() ) const {
+   template< class N >
+   [[gnu::always_inline]] void announce( void ( N::*callback )() ) const {
       if( !notifieeList_.idle() ) [[unlikely]] {
          watchedList().visitMembers( callback );
       }
    }
    /// The same with the key of the member that changed; `key` must outlive the visit.
-   template < class N, class K >
-   void announce( void ( N::*callback )( const K & ),
-                  const std::type_identity_t< K > & key ) const {
+   template< class N, class K >
+   [[gnu::always_inline]] void announce( void ( N::*callback )( const K & ),
+                                         const std::type_identity_t< K > & key ) const {
       if( !notifieeList_.idle() ) [[unlikely]] {
          watchedList().visitMembers( callback, key );
       }
