@@ -48,6 +48,7 @@ constexpr Room rooms[] = {
    { "Ira/", 10 },
    { "agents/ipstated/", libraryEnd },
    { "tools/ipstatectl/", libraryEnd },
+   { "examples/", libraryEnd },
    { "tests/", programsEnd },
    { "bench/", programsEnd + 1 }, // may borrow the scripted inputs of the tests
    { "fuzz/", programsEnd + 1 },

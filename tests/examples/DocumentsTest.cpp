@@ -1,0 +1,104 @@
+// The documents keep step with the tree: the program of the README is the one in examples/, prints
+// what the README says, and links and folders that documents name exist.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const fs::path sourceDir = IPSTATE_SOURCE_DIR;
+const fs::path binaryDir = IPSTATE_BINARY_DIR;
+
+std::string
+contents( const fs::path & path ) {
+   std::ifstream in( path, std::ios::binary );
+   std::ostringstream out;
+   out << in.rdbuf();
+   return out.str();
+}
+
+/// What the command writes to standard output; a status other than 0 is added.
+std::string
+outputOf( const std::string & command ) {
+   FILE * pipe = popen( command.c_str(), "r" );
+   if( !pipe ) return "cannot run " + command;
+   std::string out;
+   std::array< char, 4096 > part;
+   for( size_t n; ( n = fread( part.data(), 1, part.size(), pipe ) ) > 0; ) {
+      out.append( part.data(), n );
+   }
+   if( int status = pclose( pipe ) ) out += "status " + std::to_string( status ) + "\n";
+   return out;
+}
+
+/// The text of the document's first fenced block that is marked so.
+std::string
+block( const std::string & document, const std::string & mark ) {
+   const std::string open = "```" + mark + "\n";
+   size_t from = document.find( open );
+   if( from == document.npos ) return "no block " + mark;
+   from += open.size();
+   return document.substr( from, document.find( "```\n", from ) - from );
+}
+
+/// The documents, by path from the root.
+std::vector< std::string >
+documents() {
+   std::vector< std::string > found{ "README.md", "bench/README.md" };
+   for( const auto & entry : fs::recursive_directory_iterator( sourceDir / "docs" ) ) {
+      if( entry.path().extension() == ".md" ) {
+         found.push_back( entry.path().lexically_relative( sourceDir ) );
+      }
+   }
+   return found;
+}
+
+TEST( Documents, TheProgramOfTheReadmeIsTheExample ) {
+   EXPECT_EQ( block( contents( sourceDir / "README.md" ), "cpp" ),
+              contents( sourceDir / "examples/follow-address.cpp" ) );
+}
+
+TEST( Documents, TheExamplePrintsWhatTheReadmeSays ) {
+   EXPECT_EQ( outputOf( "'" + ( binaryDir / "examples/follow-address" ).string() + "'" ),
+              block( contents( sourceDir / "README.md" ), "text" ) );
+}
+
+TEST( Documents, LinksLeadSomewhere ) {
+   std::string dead;
+   for( const std::string & path : documents() ) {
+      const std::string text = contents( sourceDir / path );
+      const fs::path folder = ( sourceDir / path ).parent_path();
+      for( size_t at = 0; ( at = text.find( "](", at ) ) != text.npos; ) {
+         at += 2;
+         const std::string link = text.substr( at, text.find_first_of( ")#", at ) - at );
+         if( link.find( "://" ) == link.npos && !fs::exists( folder / link ) ) {
+            dead += path + ": " + link + "\n";
+         }
+      }
+   }
+   EXPECT_EQ( dead, "" );
+}
+
+TEST( Documents, TheReadmeNamesEveryFolder ) {
+   const std::string readme = contents( sourceDir / "README.md" );
+   std::string unnamed;
+   for( const auto & entry : fs::directory_iterator( sourceDir ) ) {
+      const std::string name = entry.path().filename();
+      if( !entry.is_directory() || name.starts_with( '.' ) || name.starts_with( "build" ) )
+         continue;
+      if( readme.find( "`" + name + "/" ) == readme.npos ) unnamed += name + "\n";
+   }
+   EXPECT_EQ( unnamed, "" );
+}
+
+} // namespace
