@@ -590,7 +590,8 @@ class Checker {
          const Member * constant = e.kind == Expr::Kind::name ? t.find( e.text ) : nullptr;
          if( !constant || constant->kind != MemberKind::named ) no( "one of its named constants" );
       } else {
-         no( "no default can be written for it; its zero value" );
+         error( e.span,
+                of + " is of type '" + ref.text + "', which no default can be written for" );
       }
    }
 

@@ -110,9 +110,12 @@ $announceKey$
                            h );
    out.row = fill( R"(   Zek::Rows::collection< $K$, $Shown$ >(
       "$x$", $n$, $rowFlags$,
-      &Zek::Rows::collectionOps< Zek::Rows::Shared< &$Self$::$x$_, $K$, $Removed$, &$Self$::$x$Del,
-                                                    &$Self$::$x$DelAll, &$Self$::$x$Notify >,
-                                 Zek::Rows::Adding< &$Self$::$x$Is >, $Node$, $hasValue$ > ),
+      &Zek::Rows::collectionOps<
+         Zek::Rows::Shared< &$Self$::$x$_, $K$, $Removed$,
+                            &$Self$::$x$Del,
+                            &$Self$::$x$DelAll,
+                            &$Self$::$x$Notify >,
+         Zek::Rows::Adding< &$Self$::$x$Is >, $Node$, $hasValue$ > ),
 )",
                    h );
    out.relay = fill( "   void on$X$( const $K$ & key ) override { changed( $n$, &key ); }\n", h );
@@ -385,6 +388,11 @@ binding( const Type & type ) {
       view.members.empty() ? 258 : static_cast< uint16_t >( view.members.back().number + 1 );
    Pieces out = parameter( type, held );
    out.declaration += "\n";
+   if( view.hasNotifier ) {
+      out.declaration += fill( "   const std::type_info & zekCallbackType() const override {\n"
+                               "      return typeid( $view$ );\n   }\n",
+                               { { "view", cppName( view ) } } );
+   }
    for( const Member & m : view.members ) {
       if( m.kind != MemberKind::ask ) continue;
       out.declaration +=
@@ -455,7 +463,7 @@ nodeCollection( const Type & type, const Member & m ) {
    h["rowFlags"] = rowFlags.empty() ? "0" : "Zek::" + joined( rowFlags, " | Zek::" );
 
    Pieces out;
-   out.declaration = fill( "   // $n$ $x$\n$doc$\n", h );
+   out.declaration = fill( "   // $n$ $x$\n", h );
    if( fields ) {
       out.declaration += fill( R"(   /// The key of a member: its $field$.
    struct $Functor$ {
@@ -467,8 +475,8 @@ nodeCollection( const Type & type, const Member & m ) {
    out.declaration += nodeClass( h );
    out.definition = nodeDefinition( h );
    if( set ) {
-      out.declaration +=
-         fill( "   /// Whether it holds `key`.\n   bool $x$( const $K$ & key ) const;\n", h );
+      out.declaration += fill(
+         "$doc$\n   /// Whether it holds `key`.\n   bool $x$( const $K$ & key ) const;\n", h );
       out.definition += fill( R"(bool
 $Self$::$x$( const $K$ & key ) const {
    return $x$Has( key );
@@ -489,11 +497,11 @@ $Self$::$x$Is( const $K$ & key ) {
 )",
                            h );
    } else {
-      out.declaration +=
-         fill( R"(   /// The value under `key`, or the default value when there is none.
+      out.declaration += fill( R"($doc$
+   /// The value under `key`, or the default value when there is none.
    $V$ $x$( const $K$ & key ) const;
 )",
-               h );
+                               h );
       out.definition += fill( R"($V$
 $Self$::$x$( const $K$ & key ) const {
    const $Node$ * member = $x$_.find( key );

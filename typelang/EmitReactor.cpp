@@ -360,8 +360,9 @@ $gone$
    $x$Notify( removedKey );
 )",
                         h );
-   out.zombie = fill(
-      "   for( $X$Iterator i( $x$_ ); i; ++i ) i.ptr()->zekDoZombieReactors( zombie );\n", h );
+   out.zombie = fill( "   for( $X$Iterator i( $x$_ ); i; ++i ) {\n"
+                      "      i.ptr()->zekDoZombieReactors( zombie );\n   }\n",
+                      h );
    out.orphaning = fill( "   Zek::releaseReactors( $x$_ );\n", h );
    shareCollection( h, machine, out );
    return out;

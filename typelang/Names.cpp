@@ -410,32 +410,40 @@ class Names {
       bool framework = startsWith( m.name, "zek" ) || startsWith( m.name, "Zek" );
       for( const std::string & name : needed( m ) ) framework = framework || reserved.count( name );
       if( report ) {
+         // Else its iterators' types would have the names of its functions.
+         bool iterated = m.kind == MemberKind::collection || m.kind == MemberKind::reactor;
+         if( iterated && isCapital( m.name[0] ) ) {
+            error( m.span, "a collection's name begins with a small letter" );
+         }
          word( m.span, m.name, "an attribute" );
          if( framework ) error( m.span, "'" + m.name + "' is a name of the framework" );
       }
       for( const std::string & name : needed( m ) ) {
-         add( m, name, own, report );
          if( name != m.name ) hidesGenerated( m, name, report );
+         report = add( m, name, own, report ) && report; // the first clash tells it all
       }
-      for( const std::string & name : callbacksOf( t, m ) ) add( m, name, callbacks, report );
+      for( const std::string & name : callbacksOf( t, m ) ) {
+         report = add( m, name, callbacks, report ) && report;
+      }
    }
    // A nested class that is generated could hide a model.
    void hidesGenerated( const Member & m, const std::string & name, bool report ) {
       if( report && isCapital( name[0] ) ) hidesRoot( m.span, name );
    }
 
-   void add( const Member & m, const std::string & name, Class & names, bool report ) {
+   bool add( const Member & m, const std::string & name, Class & names, bool report ) {
       auto [at, fresh] = names.emplace( name, Owner{ &m, m.name } );
-      if( fresh || at->second.member == &m || !report ) return;
+      if( fresh || at->second.member == &m || !report ) return true;
       const Member * other = at->second.member;
       bool overloads = name == m.name && other && m.kind == MemberKind::call &&
                        other->kind == MemberKind::call && other->name == name &&
                        other->arguments.size() != m.arguments.size();
-      if( overloads ) return;
+      if( overloads ) return true;
       error( m.span, name == m.name && at->second.name == name
                         ? "there is another '" + name + "'"
                         : "'" + m.name + "' needs the name '" + name + "', which '" +
                              at->second.name + "' has" );
+      return false;
    }
 
    // Every name in the class that a line gives it.

@@ -58,10 +58,13 @@ class Parser {
       return t.kind == TokenKind::end ? "the end of the file" : "'" + t.text + "'";
    }
    [[noreturn]] void fail( const std::string & expected ) {
-      errors_.error( token().span,
+      // What is missing is missing behind the last word, not on the line after it.
+      bool endOfLine = token().startsLine && !isAny( "}" ) && !atEnd() && at_ > 0;
+      Span behind = at_ > 0 ? tokens_[at_ - 1].span : token().span;
+      behind.begin = behind.end;
+      errors_.error( endOfLine || atEnd() ? behind : token().span,
                      expected + " expected, not " +
-                        ( token().startsLine && !isAny( "}" ) && !atEnd() ? "the end of the line"
-                                                                          : quoted( token() ) ) );
+                        ( endOfLine ? "the end of the line" : quoted( token() ) ) );
       throw Abandon();
    }
    void expect( const char * text, const char * where ) {
@@ -219,7 +222,10 @@ class Parser {
 
    void closeBrace( const Token & opened ) {
       if( !isAny( "}" ) ) {
-         errors_.error( opened.span, "'" + opened.text + "' is not closed by '}'" );
+         // Only the innermost: what surrounds it may well be closed by what was meant for it.
+         if( !unclosed_ )
+            errors_.error( opened.span, "'" + opened.text + "' is not closed by '}'" );
+         unclosed_ = true;
          throw Abandon();
       }
       advance();
@@ -696,10 +702,12 @@ class Parser {
             fail( "')' after the arguments" );
          }
          Argument a;
-         a.name = newName( "an argument's name" ).text;
+         Token name = newName( "an argument's name" );
+         a.name = name.text;
+         a.span = name.span;
          for( const Argument & other : out ) {
             if( other.name == a.name ) {
-               errors_.error( tokens_[at_ - 1].span, "there is another argument '" + a.name + "'" );
+               errors_.error( a.span, "there is another argument '" + a.name + "'" );
             }
          }
          a.type = typeRef();
@@ -858,6 +866,7 @@ class Parser {
    size_t at_ = 0;
    int depth_ = 0; // open parentheses: lines do not end in them
    int nesting_ = 0;
+   bool unclosed_ = false; // reported
 };
 
 } // namespace

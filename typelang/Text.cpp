@@ -65,13 +65,19 @@ uncapitalised( std::string_view name ) {
 
 std::string
 docComment( const std::string & doc, int columns ) {
+   return comment( doc, "///", columns );
+}
+
+std::string
+comment( const std::string & text, const std::string & marks, int columns ) {
    std::string out;
    size_t at = 0;
-   while( at < doc.size() ) {
-      size_t end = doc.find( '\n', at );
-      if( end == std::string::npos ) end = doc.size();
+   while( at < text.size() ) {
+      size_t end = text.find( '\n', at );
+      if( end == std::string::npos ) end = text.size();
       out.append( static_cast< size_t >( columns ), ' ' );
-      out += end > at ? "/// " + doc.substr( at, end - at ) : "///";
+      out += marks;
+      if( end > at ) out += " " + text.substr( at, end - at );
       out += '\n';
       at = end + 1;
    }
@@ -109,21 +115,42 @@ namespace {
 
 constexpr size_t widest = 100;
 
-// Where a line may be broken, best last: after "( ", after ", ", before " = ", after " {" of an
-// inline body. Never inside quotes.
+// Where a line may be broken, never inside quotes; 0 when nowhere. `from` is where its text starts.
 size_t
 breakPoint( const std::string & line, size_t from ) {
-   size_t best = 0;
+   size_t alias = line.find( " = ", from );
+   if( line.compare( from, 6, "using " ) == 0 && alias < widest ) return alias + 2;
+   size_t base = line.find( " : public " );
+   if( line.compare( from, 6, "class " ) == 0 && base < widest ) return base;
+   size_t list = 0; // after ( , = {
+   size_t word = 0; // outside all brackets
+   int depth = 0;
    bool quoted = false;
    for( size_t i = 0; i + 1 < line.size() && i < widest; ++i ) {
-      if( line[i] == '"' ) quoted = !quoted;
-      if( quoted || i < from ) continue;
-      bool after = line[i + 1] == ' ' &&
-                   ( line[i] == ',' || line[i] == '(' || line[i] == '=' || line[i] == '{' );
-      bool conversion = line[i + 1] == ' ' && line[i] == '<' && best == 0;
-      if( after || conversion ) best = i + 1;
+      char c = line[i];
+      if( c == '"' ) quoted = !quoted;
+      if( quoted || i <= from ) continue;
+      depth += ( c == '(' || c == '<' ) - ( c == ')' || c == '>' );
+      if( line[i + 1] != ' ' ) continue;
+      bool after = c == ',' || c == '(' || c == '=' || c == '{' || ( c == '<' && list == 0 );
+      if( after ) list = i + 1;
+      if( depth == 0 && c != ' ' ) word = i + 1;
    }
-   return best;
+   return list ? list : word;
+}
+
+// A comment's lines, each with its marks.
+std::string
+wrappedComment( std::string line, size_t indent ) {
+   std::string out;
+   std::string marks = line.substr( 0, line.find_first_not_of( '/', indent ) ) + " ";
+   while( line.size() > widest ) {
+      size_t cut = line.rfind( ' ', widest );
+      if( cut == std::string::npos || cut < marks.size() ) break;
+      out += line.substr( 0, cut ) + "\n";
+      line = marks + line.substr( cut + 1 );
+   }
+   return out + line + "\n";
 }
 
 } // namespace
@@ -139,15 +166,18 @@ wrapped( const std::string & text ) {
       at = end + 1;
       size_t indent = line.find_first_not_of( ' ' );
       if( indent == std::string::npos ) indent = 0;
-      bool comment = line.compare( indent, 2, "//" ) == 0;
+      if( line.compare( indent, 2, "//" ) == 0 ) {
+         out += wrappedComment( std::move( line ), indent );
+         continue;
+      }
       std::string pad( indent + 3, ' ' );
-      size_t from = indent + 1;
-      while( !comment && line.size() > widest ) {
+      size_t from = indent;
+      while( line.size() > widest ) {
          size_t cut = breakPoint( line, from );
          if( cut == 0 ) break;
          out += line.substr( 0, cut ) + "\n";
          line = pad + line.substr( cut + 1 );
-         from = pad.size() + 1;
+         from = pad.size();
       }
       out += line + "\n";
    }

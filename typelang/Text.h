@@ -26,6 +26,9 @@ std::string uncapitalised( std::string_view name );
 /// `///` comment lines at the given indentation, empty without text.
 std::string docComment( const std::string & doc, int columns );
 
+/// Comment lines that begin with those marks.
+std::string comment( const std::string & text, const std::string & marks, int columns );
+
 /// "a, b, c"
 std::string joined( const std::vector< std::string > & parts, std::string_view separator );
 
@@ -49,8 +52,8 @@ std::string quoted( std::string_view text );
 /// `{}`, or `{ expression }`.
 std::string braced( const std::string & expression );
 
-/// Breaks what is still longer than 100 columns: declarations after their result type or at
-/// their arguments, initialiser lists and calls after commas.
+/// Breaks what is still longer than 100 columns: comments between words, aliases after "=",
+/// classes before their base, lists after commas, else declarations after their type.
 std::string wrapped( const std::string & text );
 
 /// A literal or name as a C++ expression of `type`; `within` resolves names of constants.
