@@ -68,7 +68,7 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    /// Does the work of notifierIs() for a notifiee of T.
    template< class T >
    void notifierAssign( const T * notifier ) {
-      assign( notifier, notifier && typeid( *notifier ) != typeid( T ) );
+      assign( notifier, notifier && notifier->zekCallbackType() != typeid( T ) );
    }
    /// The notifier, which notifierAssign() took as a T.
    template< class T >

@@ -4,6 +4,11 @@ namespace Zek {
 
 Notifier::~Notifier() = default;
 
+const std::type_info &
+Notifier::zekCallbackType() const {
+   return typeid( *this );
+}
+
 void
 Notifier::handleZeroRef() {
    if( notifieeList_.visitInProgress() ) {
