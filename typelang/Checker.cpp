@@ -129,7 +129,7 @@ class Checker {
       for( Schema * s : schemas_ ) {
          for( Type & t : s->types ) breakCircle( t );
       }
-      checkNames( program_, errors_ );
+      checkNames( schemas_, errors_ );
       if( !errors_.empty() ) return; // what follows relies on resolved names
       for( Schema * s : schemas_ ) {
          for( Type & t : s->types ) bases( t );

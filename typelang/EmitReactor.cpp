@@ -56,10 +56,13 @@ uses( const Reaction & reaction, Action::Kind kind ) {
 }
 
 // The lines that start a callback: nothing for the dead; machine and input outlive what follows.
+// A reactor's own handlers hold what they go on using after an announcement.
 std::string
 opening( const Holes & h, const Reaction & reaction ) {
    std::string out = "   if( !live() ) return;\n";
-   out += fill( "   const Zek::Ptr< $Machine$ > machine = owner();\n", h );
+   if( uses( reaction, Action::Kind::owner ) || uses( reaction, Action::Kind::feed ) ) {
+      out += fill( "   const Zek::Ptr< $Machine$ > machine = owner();\n", h );
+   }
    if( uses( reaction, Action::Kind::feed ) ) out += "   const auto input = notifier();\n";
    return out;
 }

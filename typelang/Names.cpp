@@ -221,11 +221,13 @@ isCapital( char c ) {
 
 class Names {
  public:
-   Names( const Program & program, Errors & errors ) : program_( program ), errors_( errors ) {}
+   Names( const std::vector< Schema * > & schemas, Errors & errors )
+      : schemas_( schemas ),
+        errors_( errors ) {}
 
    void run() {
-      for( const auto & schema : program_.schemas ) scopes( *schema );
-      for( const auto & schema : program_.schemas ) {
+      for( const Schema * schema : schemas_ ) scopes( *schema );
+      for( const Schema * schema : schemas_ ) {
          roots_.clear();
          addRoots( *schema );
          for( const Schema::Scope & scope : schema->scopes ) scopeName( *schema, scope );
@@ -529,7 +531,7 @@ class Names {
       }
    }
 
-   const Program & program_;
+   const std::vector< Schema * > & schemas_;
    Errors & errors_;
    Words roots_;
    std::map< std::string, std::string > taken_; // by dotted name: what it is
@@ -540,8 +542,8 @@ class Names {
 } // namespace
 
 void
-checkNames( const Program & program, Errors & errors ) {
-   Names( program, errors ).run();
+checkNames( const std::vector< Schema * > & schemas, Errors & errors ) {
+   Names( schemas, errors ).run();
 }
 
 } // namespace Zek::TypeLang

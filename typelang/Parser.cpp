@@ -537,6 +537,7 @@ class Parser {
             throw Abandon();
          }
          Token own = newName( "a name" );
+         m.keyword = word.text;
          m.name = own.text;
          m.span = own.span;
          ( this->*rule )( m, word.text );

@@ -40,10 +40,12 @@ parseOptions( int argc, char ** argv, Options & options ) {
          if( word == "--include-root" ) options.roots.push_back( argv[i] );
          if( word == "--out-dir" ) options.outDir = argv[i];
          if( word == "--depfile" ) options.depfile = argv[i];
-      } else if( word[0] == '-' || !options.schema.empty() ) {
+      } else if( word[0] == '-' || !options.schema.empty() ||
+                 std::filesystem::path( word ).extension() != ".zek" ) {
          return false;
       } else {
-         options.schema = word;
+         // As imports spell it: one schema has one path.
+         options.schema = std::filesystem::path( word ).lexically_normal().string();
       }
    }
    if( options.roots.empty() ) options.roots.push_back( "." );
