@@ -1,7 +1,7 @@
 // What the code generated for Sample/Sample.zek does, kind of line by kind of line, and the bodies
 // that the schema leaves to be written by hand.
 
-#include "Sample/Sample.h"
+#include "tests/typelang/Sample/Sample.h"
 
 #include "framework/Assert.h"
 #include "framework/Exception.h"

@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 const std::string tree = IPSTATE_SOURCE_DIR;
 const std::string here = tree + "/tests/typelang";
+constexpr char samplePath[] = "tests/typelang/Sample/Sample.zek";
 
 std::optional< std::string >
 contents( const std::string & path ) {
@@ -163,11 +164,9 @@ TEST( ZekcAnyInput, mutatedTokensAreAcceptedOrRefused ) {
                                   "refs",  "set",   "call",  "ask",   "{",    "}",     "(",
                                   ")",     "->",    "=",     "\n",    "enum", "value", "entity",
                                   "named", "fixes", "view",  "feed",  ":",    "99",    "\"text\"" };
-   for( const char * path :
-        { "IpGen/IpGenStatusSm.zek", "IpGen/IpGen.zek", "Sample/Sample.zek" } ) {
+   for( const char * path : { "IpGen/IpGenStatusSm.zek", "IpGen/IpGen.zek", samplePath } ) {
       SCOPED_TRACE( path );
-      bool sample = std::string( path ) == "Sample/Sample.zek";
-      Schemas schemas( sample ? here : tree );
+      Schemas schemas( tree );
       SourceFile file{ path, *schemas.read( path ) };
       Errors none;
       std::vector< std::string > tokens;
@@ -212,9 +211,9 @@ TEST( ZekcAnyInput, mutatedTokensAreAcceptedOrRefused ) {
 // -- What is written --------------------------------------------------------------------------
 
 TEST( ZekcOutput, theSampleGivesTheGoldens ) {
-   Schemas schemas( here );
+   Schemas schemas( tree );
    Compilation sample;
-   schemas.compileInto( sample, "Sample/Sample.zek" );
+   schemas.compileInto( sample, samplePath );
    ASSERT_EQ( sample.errors.text(), "" );
    for( const Output & output : emitSchema( sample.program ) ) {
       expectGolden( here + "/goldens/" + fs::path( output.path ).filename().string(), output.text );
