@@ -26,9 +26,9 @@
 //    ip/status, ip6/status             Ip::Status, Ip6::Status      all of them, and by VRF
 //
 // An interface is in `status` only while all else of it is in place: its input records and its
-// place in the VRF's directory come first and go last, in the reverse order. The directory of a
-// VRF exists while it has a member; that of the default VRF always. A VRF device is a member of
-// its own VRF, as the loopback that it is there.
+// place in the VRF's directory come first and go last, in the reverse order: who hears that it
+// leaves its VRF finds it gone. The directory of a VRF exists while it has a member; that of the
+// default VRF always. A VRF device is a member of its own VRF, as the loopback that it is there.
 
 #pragma once
 

@@ -1,10 +1,14 @@
 // ipstated: mirrors the kernel's interfaces into the records and shows them.
 //
-// Prints the table of all interfaces, then a line for every notification until interrupted. Ends
-// after the table with --once, and where standard output is no terminal unless --follow is given.
+// Prints the table of all interfaces, then, if asked, why each would send from which address to a
+// destination, then the addresses of registered source interfaces, then a line for every
+// notification until interrupted. Ends before the last with --once, and where standard output is
+// no terminal unless --follow is given.
 
+#include "agents/ipstated/Explain.h"
 #include "agents/ipstated/KernelFeed.h"
 #include "agents/ipstated/Mirror.h"
+#include "agents/ipstated/Sources.h"
 #include "agents/ipstated/Table.h"
 #include "agents/ipstated/Watch.h"
 
@@ -14,22 +18,31 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
+#include <net/if.h>
+#include <optional>
 #include <poll.h>
 #include <signal.h>
 #include <string>
+#include <string_view>
 #include <sys/signalfd.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
 using namespace Ipstated;
 using Clock = std::chrono::steady_clock;
+
+constexpr int badUsage = 2;
 
 /// A descriptor that becomes readable when the process is asked to end.
 class EndSignals {
@@ -55,10 +68,77 @@ class EndSignals {
    int fd_;
 };
 
-/// Writes to standard output; false when nobody can read it any more.
+/// Standard output. A reader who reads slowly or no more must not keep the program from ending.
+class Output {
+ public:
+   explicit Output( const EndSignals & signals ) : signals_( signals ) {
+      // A broken pipe is seen where it is written to.
+      signal( SIGPIPE, SIG_IGN );
+   }
+
+   /// Whether it goes on: nobody asked for the end, and somebody reads.
+   bool open() const { return open_; }
+   void close() { open_ = false; }
+
+   /// Throws if something could not be written, for another reason than that nobody reads.
+   void check() const {
+      if( error_ ) {
+         throw std::system_error( error_, std::generic_category(), "cannot write the output" );
+      }
+   }
+
+   /// Writes all of `text` unless the end comes before. What cannot be written is the end too:
+   /// reactions, which must not throw, write.
+   void write( std::string_view text ) {
+      while( open_ && !text.empty() ) {
+         pollfd waits[] = { { STDOUT_FILENO, POLLOUT, 0 }, { signals_.fd(), POLLIN, 0 } };
+         if( poll( waits, 2, -1 ) < 0 && errno != EINTR ) {
+            fail();
+         } else if( waits[1].revents ) {
+            close();
+         } else if( waits[0].revents ) {
+            // What a pipe that is ready takes without waiting.
+            writeSome( text.substr( 0, 4096 ), text );
+         }
+      }
+   }
+
+ private:
+   void writeSome( std::string_view part, std::string_view & text ) {
+      const ssize_t written = ::write( STDOUT_FILENO, part.data(), part.size() );
+      if( written >= 0 ) {
+         text.remove_prefix( size_t( written ) );
+      } else if( errno == EPIPE ) {
+         close(); // as head(1) does when it has enough
+      } else if( errno != EINTR && errno != EAGAIN ) {
+         fail();
+      }
+   }
+
+   void fail() {
+      error_ = errno;
+      close();
+   }
+
+   const EndSignals & signals_;
+   bool open_ = true;
+   int error_ = 0;
+};
+
+/// Fills the places of standard descriptors that are closed, lest a socket gets written to as if it
+/// were the output. Whether standard output was open.
 bool
-print( const std::string & text ) {
-   return fwrite( text.data(), 1, text.size(), stdout ) == text.size() && fflush( stdout ) == 0;
+standardDescriptorsAreTaken() {
+   bool outputOpen = true;
+   for( int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO } ) {
+      if( fcntl( fd, F_GETFD ) < 0 && errno == EBADF ) {
+         outputOpen = outputOpen && fd != STDOUT_FILENO;
+         if( open( "/dev/null", O_RDWR ) < 0 ) {
+            return false;
+         }
+      }
+   }
+   return outputOpen;
 }
 
 int
@@ -71,37 +151,62 @@ timeoutOf( const KernelFeed & feed ) {
    return int( std::clamp< long long >( left, 0, 60 * 60 * 1000 ) );
 }
 
-int
-run( bool follow, const NetlinkSource::Options & sourceOptions,
-     const KernelFeed::Options & feedOptions ) {
+struct Options {
+   bool follow = false;
+   std::vector< std::string > sourceIntfs;
+   std::optional< Velon::Ip6Addr > explained; ///< destination
+   NetlinkSource::Options source;
+   KernelFeed::Options feed;
+};
+
+void
+run( const Options & options ) {
    EndSignals signals;
-   bool writable = true;
+   Output output( signals );
+   auto writeLine = [&]( const std::string & line ) { output.write( line + "\n" ); };
    Mirror mirror( Cell::cellId(), []( const std::string & text ) {
       fprintf( stderr, "ipstated: %s\n", printable( text ).c_str() );
    } );
-   NetlinkSource source( sourceOptions );
-   KernelFeed feed( source, mirror, feedOptions );
+   NetlinkSource source( options.source );
+   KernelFeed feed( source, mirror, options.feed );
    std::unique_ptr< Watch > watch;
-   bool ended = false;
+   std::unique_ptr< Sources > sources;
+   bool shown = false;
    mirror.onFullDump = [&] {
-      if( watch || ended ) {
+      if( std::exchange( shown, true ) ) {
          return; // what later dumps bring to light is told as notifications
       }
-      writable = print( table( mirror.ipStatus(), mirror.ip6Status() ) );
-      ended = !follow;
-      if( follow ) {
-         watch = std::make_unique< Watch >( *mirror.root(), [&]( const std::string & line ) {
-            writable = writable && print( line + "\n" );
-         } );
+      output.write( table( mirror.ipStatus(), mirror.ip6Status() ) );
+      if( options.explained ) {
+         output.write( "\n" + explainSource( mirror.ip6Status(), *options.explained ) );
+      }
+      if( options.follow || !options.sourceIntfs.empty() ) {
+         output.write( "\n" );
+      }
+      // Before the registries: the line of a change comes before what follows from it.
+      if( options.follow ) {
+         watch = std::make_unique< Watch >( *mirror.root(), writeLine );
+      }
+      if( !options.sourceIntfs.empty() ) {
+         sources = std::make_unique< Sources >( mirror.ipStatus(), mirror.ip6Status(), writeLine );
+      }
+      for( const std::string & name : options.sourceIntfs ) {
+         sources->sourceIntfIs( Velon::IntfId( name ) );
+      }
+      if( !options.follow ) {
+         output.close();
       }
    };
    feed.start( Clock::now() );
-   while( !ended && writable ) {
-      pollfd waits[] = { { feed.fd(), POLLIN, 0 }, { signals.fd(), POLLIN, 0 } };
-      if( poll( waits, 2, timeoutOf( feed ) ) < 0 && errno != EINTR ) {
+   while( output.open() ) {
+      // Errors and hang-ups are told unasked: a reader who goes while there is nothing to say.
+      pollfd waits[] = { { feed.fd(), POLLIN, 0 },
+                         { signals.fd(), POLLIN, 0 },
+                         { STDOUT_FILENO, 0, 0 } };
+      if( poll( waits, 3, timeoutOf( feed ) ) < 0 && errno != EINTR ) {
          throw std::system_error( errno, std::generic_category(), "poll" );
       }
-      if( waits[1].revents ) {
+      if( waits[1].revents || waits[2].revents ) {
          break;
       }
       if( waits[0].revents ) {
@@ -112,41 +217,86 @@ run( bool follow, const NetlinkSource::Options & sourceOptions,
          feed.onDeadline( now );
       }
    }
-   return writable ? 0 : 1;
+   output.check();
+}
+
+/// What is wrong with it, for a name that the kernel gives no interface.
+std::string
+faultOfName( const std::string & name ) {
+   bool possible = !name.empty() && name.size() < IFNAMSIZ && name != "." && name != "..";
+   for( char each : name ) {
+      possible = possible && each != '/' && each != ':' && !isspace( uint8_t( each ) );
+   }
+   return possible ? std::string() : "'" + printable( name ) + "' cannot be an interface's name";
+}
+
+std::string
+faultOfDestination( const std::string & text ) {
+   Velon::Ip6Addr address;
+   return Velon::Ip6Addr::fromText( text, address )
+             ? std::string()
+             : "'" + printable( text ) + "' is no IPv6 address, as 2001:db8::1 is one";
 }
 
 } // namespace
 
 int
 main( int argc, char ** argv ) {
+   if( !standardDescriptorsAreTaken() ) {
+      fprintf( stderr, "ipstated: standard output is closed\n" );
+      return 1;
+   }
    CLI::App app( "Mirrors the kernel's interfaces, addresses and VRFs into records and shows "
-                 "them.",
+                 "them: a table of\nall interfaces, then a line for every change until "
+                 "interrupted.",
                  "ipstated" );
+   app.failure_message( []( const CLI::App *, const CLI::Error & error ) {
+      return "ipstated: " + printable( error.what() ) + "\nTry 'ipstated --help'.\n";
+   } );
+   Options options;
    bool once = false;
    bool follow = false;
    double poll = 5;
-   int buffer = NetlinkSource::Options().receiveBuffer;
-   app.add_flag( "--once", once, "End after the table" );
-   app.add_flag( "--follow", follow, "Go on after the table even if the output is no terminal" )
+   std::string explained;
+   app.add_flag( "--once", once, "End after the table and what else is asked for" );
+   app.add_flag( "--follow", follow, "Go on even if the output is no terminal" )
       ->excludes( "--once" );
-   app.add_option( "--poll-interval", poll,
-                   "Seconds between reading what the kernel tells no event of" )
+   app.add_option( "--source-intf", options.sourceIntfs,
+                   "Show the address of packets from this interface, and each change of it; "
+                   "repeatable,\nthe interface may be absent" )
+      ->check( CLI::Validator( faultOfName, "" ) )
+      ->allow_extra_args( false )
+      ->type_name( "NAME" );
+   app.add_option( "--explain-source", explained,
+                   "Show from which address each interface would send to this IPv6 one, and why" )
+      ->check( CLI::Validator( faultOfDestination, "" ) )
+      ->type_name( "DEST" );
+   app.add_option( "--poll-interval", poll, "Between reading what the kernel tells no event of" )
       ->check( CLI::Range( 0.05, 86400.0 ) )
+      ->type_name( "SECONDS" )
       ->capture_default_str();
-   app.add_option( "--receive-buffer", buffer, "Bytes of kernel events that may wait to be read" )
+   app.add_option( "--receive-buffer", options.source.receiveBuffer,
+                   "Room for kernel events that wait to be read" )
       ->check( CLI::Range( 4096, 1 << 30 ) )
+      ->type_name( "BYTES" )
       ->capture_default_str();
-   CLI11_PARSE( app, argc, argv );
+   try {
+      app.parse( argc, argv );
+   } catch( const CLI::ParseError & error ) {
+      return app.exit( error ) == 0 ? 0 : badUsage;
+   }
 
-   NetlinkSource::Options sourceOptions;
-   sourceOptions.receiveBuffer = buffer;
-   KernelFeed::Options feedOptions;
-   feedOptions.pollInterval =
+   options.follow = follow || ( !once && isatty( STDOUT_FILENO ) );
+   if( !explained.empty() ) {
+      options.explained = Velon::Ip6Addr( explained );
+   }
+   options.feed.pollInterval =
       std::chrono::duration_cast< KernelFeed::Duration >( std::chrono::duration< double >( poll ) );
    try {
-      return run( follow || ( !once && isatty( STDOUT_FILENO ) ), sourceOptions, feedOptions );
+      run( options );
    } catch( const std::exception & error ) {
       fprintf( stderr, "ipstated: %s\n", error.what() );
       return 1;
    }
+   return 0;
 }

@@ -1,55 +1,21 @@
 // From a scripted kernel to records, lines and the table.
 
-#include "agents/ipstated/Mirror.h"
 #include "agents/ipstated/Table.h"
 #include "agents/ipstated/Watch.h"
-#include "tests/agents/ScriptedKernel.h"
+#include "tests/agents/MirroredKernel.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <sys/wait.h>
+#include <memory>
 
 namespace Ipstated::Scripted {
 namespace {
 
-using Lines = std::vector< std::string >;
-
-class MirrorTest : public ::testing::Test {
+class MirrorTest : public MirroredKernel {
  protected:
-   void settle() {
-      for( int i = 0; i < 20; ++i ) {
-         feed.onReadable( now );
-      }
-   }
-
-   void dumpIs( Dump dump, const std::vector< Message > & messages ) {
-      source.dumps[dump] = { Reply{ messages, false, 0 } };
-   }
-
    void begin() {
-      feed.start( now );
-      settle();
-      watch = std::make_unique< Watch >(
-         *mirror.root(), [this]( const std::string & line ) { lines.push_back( line ); } );
-   }
-
-   Lines heard() { return std::exchange( lines, {} ); }
-
-   Lines after( const std::vector< Message > & events ) {
-      for( const Message & event : events ) {
-         source.event( event );
-      }
-      settle();
-      return heard();
-   }
-
-   Ip::IpIntfStatus::PtrConst ip( const char * name ) {
-      return mirror.ipStatus().ipIntfStatus( Velon::IntfId( name ) );
-   }
-
-   Ip6::IntfStatus::PtrConst ip6( const char * name ) {
-      return mirror.ip6Status().intf( Velon::IntfId( name ) );
+      MirroredKernel::begin();
+      watch = std::make_unique< Watch >( *mirror.root(), sink() );
    }
 
    Lines secondaries( const char * name ) {
@@ -70,11 +36,6 @@ class MirrorTest : public ::testing::Test {
       return in;
    }
 
-   Source source;
-   Mirror mirror{ 3 };
-   KernelFeed feed{ source, mirror };
-   KernelFeed::Time now{};
-   Lines lines;
    std::unique_ptr< Watch > watch;
 };
 
@@ -260,24 +221,6 @@ TEST_F( MirrorTest, NewInterfaceIsInTheMergedStatusOnceAllOfItIsInPlace ) {
    EXPECT_EQ( told.back(), "intf[e\\x1b[2J]  ip6/status  - -> +" );
    EXPECT_EQ( table( mirror.ipStatus(), mirror.ip6Status() ).find( '\x1b' ), std::string::npos );
 }
-
-#ifdef IPSTATE_BINARY_DIR
-TEST( Ipstated, PrintsTheTableAndEndsWhereNobodyLooks ) {
-   for( const char * options : { "", " --once" } ) {
-      std::string command = std::string( IPSTATE_BINARY_DIR ) + "/ipstated" + options;
-      FILE * program = popen( command.c_str(), "re" );
-      ASSERT_TRUE( program );
-      std::string output;
-      char part[4096];
-      while( size_t length = fread( part, 1, sizeof part, program ) ) {
-         output.append( part, length );
-      }
-      EXPECT_EQ( pclose( program ), 0 );
-      EXPECT_EQ( output.rfind( "Interface", 0 ), 0u ) << output;
-      EXPECT_NE( output.find( "\nlo " ), std::string::npos ) << output;
-   }
-}
-#endif
 
 } // namespace
 } // namespace Ipstated::Scripted

@@ -4,19 +4,16 @@
 // equals that of a feed that has just dumped the kernel afresh, in the kernel's order; and a copy
 // kept by the differences alone equals both.
 
+#include "tests/agents/Namespace.h"
 #include "tests/agents/ScriptedKernel.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
-#include <fstream>
 #include <net/if.h>
 #include <poll.h>
 #include <random>
-#include <sched.h>
 #include <set>
 #include <signal.h>
 #include <sys/wait.h>
@@ -27,13 +24,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
-/// Says why a test cannot run here, on a line of its own.
-#define SKIP_BECAUSE( why )                                                                        \
-   do {                                                                                            \
-      printf( "SKIPPED: %s\n", why );                                                              \
-      GTEST_SKIP() << why;                                                                         \
-   } while( false )
 
 /// One line a fact, in the kernel's order where that has a meaning.
 std::vector< std::string >
@@ -151,47 +141,12 @@ class Keeper : public Listener {
    }
 };
 
-class NetnsTest : public ::testing::Test {
+class NetnsTest : public NamespaceTest {
  protected:
-   void SetUp() override {
-      home_ = open( "/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC );
-      if( home_ < 0 || unshare( CLONE_NEWNET ) != 0 ) {
-         SKIP_BECAUSE( "no right to make a network namespace" );
-      }
-      entered_ = true;
-      if( system( "ip -Version >/dev/null 2>&1" ) != 0 ) {
-         SKIP_BECAUSE( "no ip command" );
-      }
-      if( !ip( { "link set lo up", "link add v0 type veth peer name v1" } ) ) {
-         SKIP_BECAUSE( "no veth" );
-      }
-      ip( { "link set v0 up", "link set v1 up" } );
-   }
-
    void TearDown() override {
       feed_.reset();
       source_.reset();
-      if( entered_ ) {
-         ASSERT_EQ( setns( home_, CLONE_NEWNET ), 0 );
-      }
-      if( home_ >= 0 ) {
-         close( home_ );
-      }
-   }
-
-   /// Runs commands of ip(8) in one go; false if one of them failed.
-   static bool ip( const std::vector< std::string > & commands ) {
-      FILE * batch = popen( "ip -force -batch - >/dev/null 2>&1", "we" );
-      for( const std::string & command : commands ) {
-         fprintf( batch, "%s\n", command.c_str() );
-      }
-      return pclose( batch ) == 0;
-   }
-
-   static void setting( const std::string & name, const std::string & value ) {
-      std::ofstream file( "/proc/sys/net/" + name );
-      file << value << std::endl;
-      ASSERT_TRUE( file.good() ) << name;
+      NamespaceTest::TearDown();
    }
 
    void begin( int receiveBuffer = 8 * 1024 * 1024 ) {
@@ -312,10 +267,6 @@ class NetnsTest : public ::testing::Test {
    Keeper keeper;
    std::unique_ptr< NetlinkSource > source_;
    std::unique_ptr< KernelFeed > feed_;
-
- private:
-   int home_ = -1;
-   bool entered_ = false;
 };
 
 TEST_F( NetnsTest, FollowsLinksAddressesAndSettings ) {

@@ -1,0 +1,518 @@
+// The program as its users meet it: options, output, ends; and the addresses of source interfaces
+// while they are changed with ordinary tools.
+
+#include "agents/ipstated/Mirror.h"
+#include "agents/ipstated/Netlink.h"
+#include "tests/agents/Namespace.h"
+
+#include "Ip/SrcIntf.h"
+#include "IpGen/IpGenStatusSm.h"
+#include "IpGen/SrcGenIntf.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <net/if.h>
+#include <optional>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+namespace Ipstated::Scripted {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Lines = std::vector< std::string >;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr auto patience = seconds( 20 );
+
+/// ipstated under way, its output in pipes.
+class Program {
+ public:
+   explicit Program( const std::string & options, const std::string & redirection = "" ) {
+      int outputs[2], errors[2];
+      EXPECT_EQ( pipe2( outputs, O_CLOEXEC ), 0 );
+      EXPECT_EQ( pipe2( errors, O_CLOEXEC ), 0 );
+      const std::string command =
+         "exec " IPSTATE_BINARY_DIR "/ipstated " + options + " " + redirection;
+      posix_spawn_file_actions_t actions;
+      posix_spawn_file_actions_init( &actions );
+      posix_spawn_file_actions_adddup2( &actions, outputs[1], STDOUT_FILENO );
+      posix_spawn_file_actions_adddup2( &actions, errors[1], STDERR_FILENO );
+      const char * const words[] = { "sh", "-c", command.c_str(), nullptr };
+      EXPECT_EQ( posix_spawn( &pid_, "/bin/sh", &actions, nullptr,
+                              const_cast< char * const * >( words ), environ ),
+                 0 );
+      posix_spawn_file_actions_destroy( &actions );
+      close( outputs[1] );
+      close( errors[1] );
+      output_ = outputs[0];
+      errors_ = errors[0];
+   }
+
+   ~Program() {
+      if( pid_ > 0 ) {
+         kill( pid_, SIGKILL );
+         waitpid( pid_, nullptr, 0 );
+      }
+      stopReading();
+      close( errors_ );
+   }
+
+   /// The next line of output, or none when it ends or says nothing for long.
+   std::optional< std::string > line() {
+      size_t at;
+      while( ( at = text_.find( '\n' ) ) == std::string::npos ) {
+         if( !more( output_, text_, Clock::now() + patience ) ) {
+            return {};
+         }
+      }
+      std::string line = text_.substr( 0, at );
+      text_.erase( 0, at + 1 );
+      return line;
+   }
+
+   /// The next `count` lines that tell of sources, in alphabetical order: which registry comes
+   /// first is nobody's business.
+   Lines sources( size_t count ) {
+      Lines lines;
+      while( lines.size() < count ) {
+         const auto next = line();
+         if( !next ) {
+            break;
+         }
+         if( next->rfind( "source  ", 0 ) == 0 ) {
+            lines.push_back( *next );
+         }
+      }
+      std::sort( lines.begin(), lines.end() );
+      return lines;
+   }
+
+   std::string allOutput() { return rest( output_ ); }
+   std::string allErrors() { return rest( errors_ ); }
+
+   void stopReading() {
+      if( output_ >= 0 ) {
+         close( std::exchange( output_, -1 ) );
+      }
+   }
+
+   void smallPipe() { EXPECT_GE( fcntl( output_, F_SETPIPE_SZ, 4096 ), 4096 ); }
+   void signal( int number ) { kill( pid_, number ); }
+
+   /// The status it ends with by itself: below 0 for a signal, and none when it does not end.
+   std::optional< int > status() {
+      for( auto end = Clock::now() + patience; Clock::now() < end; ) {
+         int status;
+         if( waitpid( pid_, &status, WNOHANG ) == pid_ ) {
+            pid_ = -1;
+            return WIFEXITED( status ) ? WEXITSTATUS( status ) : -WTERMSIG( status );
+         }
+         usleep( 5000 );
+      }
+      return {};
+   }
+
+ private:
+   static bool more( int fd, std::string & text, Clock::time_point end ) {
+      pollfd wait{ fd, POLLIN, 0 };
+      const auto left = std::chrono::ceil< milliseconds >( end - Clock::now() ).count();
+      char part[4096];
+      const ssize_t length =
+         left > 0 && poll( &wait, 1, int( left ) ) > 0 ? read( fd, part, sizeof part ) : 0;
+      text.append( part, size_t( std::max< ssize_t >( length, 0 ) ) );
+      return length > 0;
+   }
+
+   static std::string rest( int fd ) {
+      std::string text;
+      while( more( fd, text, Clock::now() + patience ) ) {}
+      return text;
+   }
+
+   pid_t pid_ = -1;
+   int output_ = -1;
+   int errors_ = -1;
+   std::string text_;
+};
+
+TEST( ProgramTest, PrintsTheTableAndEndsWhereNobodyLooks ) {
+   for( const char * options : { "", "--once" } ) {
+      Program program( options );
+      const std::string output = program.allOutput();
+      EXPECT_EQ( program.status(), 0 );
+      EXPECT_EQ( output.rfind( "Interface", 0 ), 0u ) << output;
+      EXPECT_NE( output.find( "\nlo " ), std::string::npos ) << output;
+   }
+}
+
+TEST( ProgramTest, BadOptionsAreRefusedWithTheReason ) {
+   const struct {
+      const char * options;
+      const char * text;
+   } cases[] = {
+      { "--explain-source 10.0.0.1",
+        "--explain-source: '10.0.0.1' is no IPv6 address, as 2001:db8::1 is one" },
+      { "--explain-source fe80::1%eth0",
+        "--explain-source: 'fe80::1%eth0' is no IPv6 address, as 2001:db8::1 is one" },
+      { "--explain-source ''", "--explain-source: '' is no IPv6 address, as 2001:db8::1 is one" },
+      { "--source-intf 'my if'", "--source-intf: 'my if' cannot be an interface's name" },
+      { "--source-intf a/b", "--source-intf: 'a/b' cannot be an interface's name" },
+      { "--source-intf ''", "--source-intf: '' cannot be an interface's name" },
+      { "--source-intf abcdefghijklmnop",
+        "--source-intf: 'abcdefghijklmnop' cannot be an interface's name" },
+      { "eth0", "The following argument was not expected: eth0" },
+      { "--once --follow", "--once excludes --follow" },
+   };
+   for( const auto & each : cases ) {
+      SCOPED_TRACE( each.options );
+      Program program( each.options );
+      EXPECT_EQ( program.status(), 2 );
+      EXPECT_EQ( program.allErrors(),
+                 std::string( "ipstated: " ) + each.text + "\nTry 'ipstated --help'.\n" );
+      EXPECT_EQ( program.allOutput(), "" );
+   }
+}
+
+TEST( ProgramTest, EndsWhenNobodyReads ) {
+   Program idle( "--follow --source-intf lo" );
+   EXPECT_EQ( idle.sources( 6 ).size(), 6u );
+   idle.stopReading();
+   EXPECT_EQ( idle.status(), 0 );
+   EXPECT_EQ( idle.allErrors(), "" );
+
+   Program closed( "--once", ">&-" );
+   EXPECT_EQ( closed.status(), 1 );
+   EXPECT_EQ( closed.allErrors(), "ipstated: standard output is closed\n" );
+
+   Program full( "--once", ">/dev/full" );
+   EXPECT_EQ( full.status(), 1 );
+   EXPECT_EQ( full.allErrors(), "ipstated: cannot write the output: No space left on device\n" );
+}
+
+class ProgramInNamespaceTest : public NamespaceTest {
+ protected:
+   void SetUp() override {
+      NamespaceTest::SetUp();
+      // No link-local addresses but those of the test.
+      if( !IsSkipped() && !ip( { "link add s0 type veth peer name s1",
+                                 "link set s0 addrgenmode none", "link set s0 up" } ) ) {
+         SKIP_BECAUSE( "no choice of link-local addresses" );
+      }
+   }
+
+   /// What both scopes' registries of these names tell of `intf`.
+   static Lines told( const std::string & intf, const Lines & registries,
+                      const std::string & change ) {
+      Lines lines;
+      for( const char * scope : { "system", "vrf default" } ) {
+         for( const std::string & registry : registries ) {
+            lines.push_back( std::string( "source  " ) + scope + "  " + registry + "  " + intf +
+                             "  " + change );
+         }
+      }
+      return lines;
+   }
+   const Lines v4{ "IPv4", "generic IPv4" };
+   const Lines v6{ "generic IPv6" };
+};
+
+TEST_F( ProgramInNamespaceTest, SignalEndsItEvenWhileItsOutputIsStuck ) {
+   Lines commands;
+   for( int i = 0; i < 250; ++i ) {
+      commands.push_back( "addr add 10.0.0." + std::to_string( i + 1 ) + "/24 dev v0" );
+   }
+   ip( commands );
+   for( int number : { SIGINT, SIGTERM } ) {
+      Program program( "--follow" );
+      program.smallPipe();
+      usleep( 300000 ); // the table is longer than the pipe
+      program.signal( number );
+      EXPECT_EQ( program.status(), 0 );
+   }
+}
+
+TEST_F( ProgramInNamespaceTest, SourcesFollowAddressesThatIpChanges ) {
+   ip( { "addr add 10.0.0.1/24 dev s0", "addr add fe80::1/64 dev s0 nodad" } );
+   Program program( "--follow --source-intf s0 --source-intf t0" );
+   EXPECT_EQ( program.sources( 12 ).front(), "source  system  IPv4  s0  - -> 10.0.0.1" );
+   const struct {
+      Lines commands;
+      const char * intf;
+      const Lines & registries;
+      const char * change;
+   } steps[] = {
+      { { "addr add 10.1.0.1/24 dev s0", "addr del 10.0.0.1/24 dev s0" },
+        "s0",
+        v4,
+        "10.0.0.1 -> 10.1.0.1" },
+      { { "addr add 2001:db8::1/64 dev s0 nodad", "addr del fe80::1/64 dev s0" },
+        "s0",
+        v6,
+        "fe80::1 -> ::" },
+      { { "addr add fe80::2/64 dev s0 nodad" }, "s0", v6, ":: -> fe80::2" },
+      { { "addr del 10.1.0.1/24 dev s0" }, "s0", v4, "10.1.0.1 -> 0.0.0.0" },
+      { { "addr add 10.1.0.9/24 dev s0" }, "s0", v4, "0.0.0.0 -> 10.1.0.9" },
+      { { "addr del fe80::2/64 dev s0" }, "s0", v6, "fe80::2 -> ::" },
+   };
+   for( const auto & step : steps ) {
+      SCOPED_TRACE( step.commands.back() );
+      ip( step.commands );
+      const Lines expected = told( step.intf, step.registries, step.change );
+      EXPECT_EQ( program.sources( expected.size() ), expected );
+   }
+   // Gone, back under its name, and moved to another name.
+   auto both = []( Lines lines, const Lines & more ) {
+      lines.insert( lines.end(), more.begin(), more.end() );
+      std::sort( lines.begin(), lines.end() );
+      return lines;
+   };
+   ip( { "link del s0" } );
+   EXPECT_EQ( program.sources( 6 ),
+              both( told( "s0", v4, "10.1.0.9 -> 0.0.0.0" ), told( "s0", v6, ":: -> 0.0.0.0" ) ) );
+   ip( { "link add s0 type veth peer name s1", "link set s0 addrgenmode none",
+         "addr add 10.2.0.1/24 dev s0" } );
+   EXPECT_EQ( program.sources( 4 ), told( "s0", v4, "0.0.0.0 -> 10.2.0.1" ) );
+   ip( { "link set s0 name t0" } );
+   Lines renamed = both( told( "s0", v4, "10.2.0.1 -> 0.0.0.0" ),
+                         Lines{ "source  system  IPv4  t0  0.0.0.0 -> 10.2.0.1",
+                                "source  system  generic IPv4  t0  0.0.0.0 -> 10.2.0.1",
+                                "source  system  generic IPv4  t0  none -> 0.0.0.0",
+                                "source  system  generic IPv6  t0  none -> 0.0.0.0",
+                                "source  vrf default  IPv4  t0  0.0.0.0 -> 10.2.0.1",
+                                "source  vrf default  generic IPv4  t0  none -> 10.2.0.1" } );
+   EXPECT_EQ( program.sources( renamed.size() ), renamed );
+   program.signal( SIGINT );
+   EXPECT_EQ( program.status(), 0 );
+   EXPECT_EQ( program.sources( 1 ), Lines{} ); // the end is no change of an address
+}
+
+TEST_F( ProgramInNamespaceTest, SourcesFollowInterfacesBetweenVrfs ) {
+   if( !ip( { "link add red type vrf table 10", "link set red up" } ) ) {
+      SKIP_BECAUSE( "no vrf" );
+   }
+   ip( { "addr add 10.0.0.1/24 dev s0" } );
+   Program program( "--follow --source-intf s0" );
+   EXPECT_EQ( program.sources( 9 ).size(), 9u );
+   ip( { "link set s0 master red" } );
+   EXPECT_EQ( program.sources( 5 ),
+              ( Lines{ "source  vrf default  IPv4  s0  10.0.0.1 -> 0.0.0.0",
+                       "source  vrf default  generic IPv4  s0  10.0.0.1 -> 0.0.0.0",
+                       "source  vrf default  generic IPv6  s0  :: -> 0.0.0.0",
+                       "source  vrf red  IPv4  s0  0.0.0.0 -> 10.0.0.1",
+                       "source  vrf red  generic IPv4  s0  none -> 10.0.0.1" } ) );
+   ip( { "link set s0 nomaster" } );
+   EXPECT_EQ( program.sources( 5 ).back(), "source  vrf red  generic IPv6  s0  none -> 0.0.0.0" );
+   ip( { "link del red" } );
+   EXPECT_EQ( program.sources( 3 ),
+              ( Lines{ "source  vrf red  IPv4  s0  0.0.0.0 -> -",
+                       "source  vrf red  generic IPv4  s0  0.0.0.0 -> -",
+                       "source  vrf red  generic IPv6  s0  0.0.0.0 -> -" } ) );
+}
+
+TEST_F( ProgramInNamespaceTest, ExplanationAgreesWithTheTable ) {
+   ip( { "addr add 2001:db8::1/64 dev s0 nodad", "addr add fe80::1/64 dev s0 nodad" } );
+   Program program( "--explain-source 2001:db8::9" );
+   const std::string output = program.allOutput();
+   EXPECT_EQ( program.status(), 0 );
+   EXPECT_NE( output.find( "\nSource addresses for 2001:db8::9, scope 2 (global), label 1\n" ),
+              std::string::npos )
+      << output;
+   EXPECT_NE( output.find( "\ns0 sends from 2001:db8::1\n" ), std::string::npos ) << output;
+   EXPECT_NE( output.find( "\ns1 has no IPv6 address to send from\n" ), std::string::npos )
+      << output;
+}
+
+// -- Packets ----------------------------------------------------------------------------------
+
+/// Follows the kernel in this process and sends from the address that a registry holds.
+class Sender {
+ public:
+   Sender() {
+      feed_.start( Clock::now() );
+      while( !feed_.everSynchronized() ) {
+         feed_.onReadable( Clock::now() );
+      }
+      view_ = IpGen::ipv6StatusFactory( &mirror_.ip6Status() );
+      machine_ = IpGen::statusSmFactory( view_ );
+      registry4_ = Ip::SourceIntf::sourceIntfSmFactory( Ip::SourceIntf::sourceIntfDirFactory(),
+                                                        &mirror_.ipStatus() );
+      registry6_ =
+         IpGen::SourceIntf::sourceIntfSmFactory( IpGen::SourceIntf::sourceIntfDirFactory(), view_ );
+      source4 = registry4_->registerSourceIntf( Velon::IntfId( "s0" ) );
+      source6 = registry6_->registerSourceIntf( Velon::IntfId( "s0" ) );
+   }
+
+   void serve() {
+      pollfd wait{ feed_.fd(), POLLIN, 0 };
+      if( poll( &wait, 1, 1 ) > 0 ) {
+         feed_.onReadable( Clock::now() );
+      }
+   }
+
+   Ip::SourceIntf::SourceIntf::Ptr source4;
+   IpGen::SourceIntf::SourceIntf::Ptr source6;
+
+ private:
+   NetlinkSource source_;
+   Mirror mirror_{ 1 };
+   KernelFeed feed_{ source_, mirror_ };
+   IpGen::Ipv6Status::Ptr view_;
+   IpGen::StatusSm::Ptr machine_;
+   Ip::SourceIntf::SourceIntfSm::Ptr registry4_;
+   IpGen::SourceIntf::SourceIntfSm::Ptr registry6_;
+};
+
+sockaddr_storage
+endpoint( const Velon::IpGenAddr & address, uint16_t port ) {
+   sockaddr_storage storage{};
+   if( address.af() == Velon::AddressFamily::ipv4 ) {
+      auto & to = reinterpret_cast< sockaddr_in & >( storage );
+      to.sin_family = AF_INET;
+      to.sin_port = htons( port );
+      to.sin_addr.s_addr = address.v4Addr().networkOrder();
+   } else {
+      auto & to = reinterpret_cast< sockaddr_in6 & >( storage );
+      to.sin6_family = AF_INET6;
+      to.sin6_port = htons( port );
+      memcpy( &to.sin6_addr, address.v6Addr().bytes().data(), 16 );
+      to.sin6_scope_id = if_nametoindex( "s0" );
+   }
+   return storage;
+}
+
+const sockaddr *
+raw( const sockaddr_storage & storage ) {
+   return reinterpret_cast< const sockaddr * >( &storage );
+}
+
+socklen_t
+lengthOf( const sockaddr_storage & storage ) {
+   return storage.ss_family == AF_INET ? sizeof( sockaddr_in ) : sizeof( sockaddr_in6 );
+}
+
+/// A UDP socket bound there, or below 0 when the address is not there any more.
+int
+boundSocket( const Velon::IpGenAddr & address, uint16_t port ) {
+   const sockaddr_storage local = endpoint( address, port );
+   const int fd = socket( local.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0 );
+   if( bind( fd, raw( local ), lengthOf( local ) ) == 0 ) {
+      return fd;
+   }
+   EXPECT_EQ( errno, EADDRNOTAVAIL );
+   close( fd );
+   return -1;
+}
+
+/// Takes the packets that come to a receiver within a moment after the first; each carries the text
+/// of the address that it was sent from. Notes a run of equal sources once.
+void
+receive( int receiver, Lines & sources ) {
+   pollfd wait{ receiver, POLLIN, 0 };
+   poll( &wait, 1, 50 );
+   char text[INET6_ADDRSTRLEN];
+   sockaddr_storage from{};
+   socklen_t length = sizeof from;
+   ssize_t size;
+   while( ( size = recvfrom( receiver, text, sizeof text, 0,
+                             reinterpret_cast< sockaddr * >( &from ), &length ) ) > 0 ) {
+      const Velon::IpGenAddr source =
+         from.ss_family == AF_INET
+            ? Velon::IpGenAddr( Velon::IpAddr::fromBytes(
+                 &reinterpret_cast< const sockaddr_in & >( from ).sin_addr ) )
+            : Velon::IpGenAddr( Velon::Ip6Addr::fromBytes(
+                 &reinterpret_cast< const sockaddr_in6 & >( from ).sin6_addr ) );
+      EXPECT_EQ( source.toString(), std::string( text, size_t( size ) ) );
+      if( sources.empty() || sources.back() != source.toString() ) {
+         sources.push_back( source.toString() );
+      }
+   }
+}
+
+TEST_F( ProgramInNamespaceTest, PacketsFollowTheRegistryWhileAddressesChange ) {
+   constexpr uint16_t ports[] = { 5005, 5006 };
+   constexpr int changes = 20;
+   // Receivers in this very namespace: IPv4 on the loopback, IPv6 behind the other end of s0.
+   ip( { "addr add 192.0.2.1/32 dev lo", "link set s1 addrgenmode none", "link set s1 up",
+         "addr add fe80::ff/64 dev s1 nodad", "addr add 10.0.0.1/24 dev s0",
+         "addr add fe80::1/64 dev s0 nodad" } );
+   const Velon::IpGenAddr receivers[] = { Velon::IpAddr( "192.0.2.1" ),
+                                          Velon::Ip6Addr( "fe80::ff" ) };
+   const int sockets[] = { boundSocket( receivers[0], ports[0] ),
+                           boundSocket( Velon::Ip6Addr(), ports[1] ) };
+   ASSERT_TRUE( sockets[0] >= 0 && sockets[1] >= 0 );
+   Sender sender;
+
+   auto addressOf = []( bool six, int i ) {
+      char text[32];
+      snprintf( text, sizeof text, six ? "fe80::%x" : "10.0.0.%d", i );
+      return std::string( text );
+   };
+   const pid_t changer = fork();
+   ASSERT_GE( changer, 0 );
+   if( changer == 0 ) {
+      for( int i = 1; i < changes; ++i ) {
+         usleep( 50000 );
+         // The old one goes first: which of two IPv6 addresses would count is the records' order.
+         ip( { "addr del " + addressOf( false, i ) + "/24 dev s0",
+               "addr add " + addressOf( false, i + 1 ) + "/24 dev s0",
+               "addr del " + addressOf( true, i ) + "/64 dev s0",
+               "addr add " + addressOf( true, i + 1 ) + "/64 dev s0 nodad" } );
+      }
+      _exit( 0 );
+   }
+   Lines received[2];
+   auto send = [&]( bool six ) {
+      const Velon::IpGenAddr from =
+         six ? sender.source6->ipAddr() : Velon::IpGenAddr( sender.source4->ipAddr() );
+      const bool any = from.v4Addr() || from.v6Addr();
+      const int fd = any ? boundSocket( from, 0 ) : -1;
+      if( fd < 0 ) {
+         return; // none at this moment, or the kernel is ahead of what it has told
+      }
+      const std::string text = from.toString();
+      const sockaddr_storage to = endpoint( receivers[six], ports[six] );
+      sendto( fd, text.data(), text.size(), 0, raw( to ), lengthOf( to ) );
+      close( fd );
+      receive( sockets[six], received[six] );
+   };
+   auto arrived = [&]( bool six ) {
+      return !received[six].empty() && received[six].back() == addressOf( six, changes );
+   };
+   for( auto end = Clock::now() + patience;
+        !( arrived( false ) && arrived( true ) ) && Clock::now() < end; ) {
+      sender.serve();
+      send( false );
+      send( true );
+   }
+   EXPECT_EQ( waitpid( changer, nullptr, 0 ), changer );
+   for( bool six : { false, true } ) {
+      EXPECT_TRUE( arrived( six ) );
+      // Every address in its turn, but for those that a slow machine slept through.
+      int last = 0;
+      for( const std::string & source : received[six] ) {
+         int i = last + 1;
+         while( i <= changes && addressOf( six, i ) != source ) {
+            ++i;
+         }
+         EXPECT_LE( i, changes ) << source;
+         last = i;
+      }
+      EXPECT_GE( received[six].size(), size_t( changes / 2 ) )
+         << ::testing::PrintToString( received[six] );
+      printf( "packets of %zu out of %d addresses\n", received[six].size(), changes );
+      close( sockets[six] );
+   }
+}
+
+} // namespace
+} // namespace Ipstated::Scripted
