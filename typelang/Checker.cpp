@@ -112,7 +112,8 @@ class Checker {
    Checker( Compilation & out, const std::vector< Schema * > & schemas )
       : program_( out.program ),
         errors_( out.errors ),
-        schemas_( schemas ) {}
+        schemas_( schemas ),
+        incomplete_( !out.errors.empty() ) {}
 
    void run() {
       for( const Type & t : program_.builtins ) types_[t.dottedName()] = &t;
@@ -130,28 +131,33 @@ class Checker {
          for( Type & t : s->types ) breakCircle( t );
       }
       checkNames( schemas_, errors_ );
-      if( !errors_.empty() ) return; // what follows relies on resolved names
-      for( Schema * s : schemas_ ) {
-         for( Type & t : s->types ) bases( t );
-      }
-      if( !errors_.empty() ) return;
-      for( Schema * s : schemas_ ) {
-         for( Type & t : s->types ) number( t );
-      }
-      for( Schema * s : schemas_ ) {
-         for( Type & t : s->types ) {
-            for( Member & m : t.members ) collectionKey( t, m );
-         }
-      }
-      for( Schema * s : schemas_ ) {
-         for( Type & t : s->types ) check( t );
-         order( *s );
-      }
+      forSoundTypes( [&]( Type & t ) {
+         const size_t before = errors_.count();
+         bases( t );
+         if( errors_.count() != before ) faulty_.insert( &t );
+      } );
+      forSoundTypes( [&]( Type & t ) { number( t ); } );
+      forSoundTypes( [&]( Type & t ) {
+         for( Member & m : t.members ) collectionKey( t, m );
+      } );
+      forSoundTypes( [&]( Type & t ) { check( t ); } );
+      for( Schema * s : schemas_ ) order( *s );
    }
 
  private:
    void error( const Span & where, const std::string & message ) {
       errors_.error( where, message );
+   }
+
+   /// Every type whose names resolve and whose base is one: the later stages rely on both. What
+   /// is wrong with one type keeps nobody from looking at the others.
+   template< class Stage >
+   void forSoundTypes( Stage stage ) {
+      for( Schema * s : schemas_ ) {
+         for( Type & t : s->types ) {
+            if( !faulty_.count( &t ) ) stage( t );
+         }
+      }
    }
 
    // -- Names ---------------------------------------------------------------------------------
@@ -201,6 +207,8 @@ class Checker {
       if( !ref ) return;
       ref.type = lookup( schema, scope, ref.text );
       if( !ref.type ) {
+         unresolved_ = true;
+         if( incomplete_ ) return; // it may be the one that was not understood
          bool known = false;
          for( const auto & [dotted, type] : types_ ) known = known || dotted == ref.text;
          error( ref.span, "unknown type '" + ref.text + "'" +
@@ -219,11 +227,13 @@ class Checker {
    }
 
    void resolveType( const Schema & schema, Type & t ) {
+      unresolved_ = false;
       std::vector< std::string > inside = t.scope;
       inside.push_back( t.name );
       resolve( schema, t.scope, t.base );
       resolve( schema, t.scope, t.holds );
       for( Member & m : t.members ) resolveMember( schema, inside, m );
+      if( unresolved_ ) faulty_.insert( &t );
    }
 
    void resolveFunction( const Schema & schema, Function & f ) {
@@ -549,6 +559,7 @@ class Checker {
 
    /// Whether a literal or name can stand for a value of that type.
    void fits( const Expr & e, const TypeRef & ref, const Type * within, const std::string & of ) {
+      if( !ref.type ) return; // of a base that is faulty itself
       const Type & t = *ref.type;
       auto no = [&]( const std::string & expected ) {
          error( e.span, of + " is of type '" + ref.text + "': " + expected + " expected" );
@@ -678,6 +689,7 @@ class Checker {
 
    void reactor( const Type & machine, Member & m ) {
       const Type & input = *m.type.type;
+      if( faulty_.count( &input ) ) return;
       if( !input.isCounted() ) {
          error( m.type.span, "a reactor watches a record; '" + m.type.text + "' is a value" );
          return;
@@ -797,7 +809,10 @@ class Checker {
    Program & program_;
    Errors & errors_;
    const std::vector< Schema * > & schemas_;
+   const bool incomplete_;                       // some declarations were not understood
    std::map< std::string, const Type * > types_; // by dotted name
+   std::set< const Type * > faulty_;             // left out by later stages
+   bool unresolved_ = false;                     // a name of the type just resolved is unknown
 };
 
 } // namespace
@@ -810,7 +825,6 @@ compile( const std::string & path, const Reader & read, Compilation & out ) {
    out.program.schemas = loader.release();
    out.program.main = main;
    if( !main ) return;
-   if( !out.errors.empty() ) return; // a schema that was not understood gives no names to check
    Checker( out, loader.order ).run();
 }
 
