@@ -69,7 +69,7 @@ IntfSm::ZekIpv4IntfStatus::handlePrimaryAddr() {
    const IntfStatus::Ptr status = owner()->intfStatus();
    status->reset();
    status->changedIntfIs( fwkKey() );
-   status->changedAddrIs( notifier()->activeAddrWithMask() );
+   status->changedAddrIs( watched()->activeAddrWithMask() );
    status->addrChangedInc( 1 );
    status->activeAddrChangedInc( 1 );
 }

@@ -56,7 +56,7 @@ StatusSm::ZekIpv4IntfStatus::handlePrimaryAddr() {
    Vistrel::trace( traceHandle, traceLevel, "handlePrimaryAddr", "handlePrimaryAddr()" );
    const Status::Ptr status = owner()->status();
    status->changedIntfIs( fwkKey() );
-   status->changedAddrIs( notifier()->activeAddrWithMask() );
+   status->changedAddrIs( watched()->activeAddrWithMask() );
    status->addrChangedInc( 1 );
    status->activeAddrChangedInc( 1 );
    status->reset();

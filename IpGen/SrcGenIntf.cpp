@@ -17,7 +17,7 @@ constinit Vistrel::TraceHandle traceHandle( "SrcGenIntf" );
 
 template< class View >
 void
-updateAddr( const Operation & operation, const SourceIntfDir & dir, const View & view,
+updateAddr( const Operation & operation, const SourceIntfDir & dir, const View * view,
             Velon::IntfId intf ) {
    operation.trace( ":", intf );
    const auto sip = dir.sourceIntf( intf );
@@ -29,7 +29,7 @@ updateAddr( const Operation & operation, const SourceIntfDir & dir, const View &
 
 template< class View >
 void
-checkIntf( const Operation & operation, const SourceIntfDir & dir, const View & view,
+checkIntf( const Operation & operation, const SourceIntfDir & dir, const View * view,
            Velon::IntfId intf ) {
    operation.trace( ":", intf );
    if( view && view->intf( intf ) ) return;
@@ -63,24 +63,24 @@ void
 SourceIntfSm::handleActiveAddrWithMask( Velon::IntfId intf ) {
    updateAddr( { traceHandle, "handleActiveAddrWithMask",
                  "void IpGen::SourceIntf::SourceIntfSm::handleActiveAddrWithMask(Velon::IntfId)" },
-               *sourceIntfDir(), ipStatus(), intf );
+               *sourceIntfDir(), ipStatus_ ? ipStatus_->watched() : nullptr, intf );
 }
 
 void
 SourceIntfSm::handleIntf( Velon::IntfId intf ) {
    checkIntf( { traceHandle, "handleIntf",
                 "void IpGen::SourceIntf::SourceIntfSm::handleIntf(Velon::IntfId)" },
-              *sourceIntfDir(), ipStatus(), intf );
+              *sourceIntfDir(), ipStatus_ ? ipStatus_->watched() : nullptr, intf );
 }
 
 void
 SourceIntfSm::ZekIpStatus::handleActiveAddrChanged() {
-   owner()->handleActiveAddrWithMask( notifier()->changedIntf() );
+   owner()->handleActiveAddrWithMask( watched()->changedIntf() );
 }
 
 void
 SourceIntfSm::ZekIpStatus::handleIntfInVrfChanged() {
-   owner()->handleIntf( notifier()->changedIntf() );
+   owner()->handleIntf( watched()->changedIntf() );
 }
 
 // -- VrfSourceIntfSm --------------------------------------------------------------------------
@@ -105,24 +105,24 @@ VrfSourceIntfSm::handleActiveAddrWithMask( Velon::IntfId intf ) {
    updateAddr(
       { traceHandle, "handleActiveAddrWithMask",
         "void IpGen::SourceIntf::VrfSourceIntfSm::handleActiveAddrWithMask(Velon::IntfId)" },
-      *sourceIntfDir(), intfStatus(), intf );
+      *sourceIntfDir(), intfStatus_ ? intfStatus_->watched() : nullptr, intf );
 }
 
 void
 VrfSourceIntfSm::handleIntf( Velon::IntfId intf ) {
    checkIntf( { traceHandle, "handleIntf",
                 "void IpGen::SourceIntf::VrfSourceIntfSm::handleIntf(Velon::IntfId)" },
-              *sourceIntfDir(), intfStatus(), intf );
+              *sourceIntfDir(), intfStatus_ ? intfStatus_->watched() : nullptr, intf );
 }
 
 void
 VrfSourceIntfSm::ZekIntfStatus::handleActiveAddrChanged() {
-   owner()->handleActiveAddrWithMask( notifier()->changedIntf() );
+   owner()->handleActiveAddrWithMask( watched()->changedIntf() );
 }
 
 void
 VrfSourceIntfSm::ZekIntfStatus::handleIntfStatusChanged() {
-   owner()->handleIntf( notifier()->changedIntf() );
+   owner()->handleIntf( watched()->changedIntf() );
 }
 
 } // namespace IpGen::SourceIntf

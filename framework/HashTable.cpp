@@ -208,6 +208,15 @@ HashTable::migrate( uint32_t begin, uint32_t atLeast ) {
    }
 }
 
+void
+HashTable::reserve( const HashTableOps & ops, size_t count ) {
+   if( rep_ || count <= denseLength ) return;
+   uint8_t shift = firstShift;
+   while( shift > 1 && size_t{ 1 } << ( 32 - shift ) < count + count / 3 + 1 ) --shift;
+   const uint32_t homes = 1u << ( 32 - shift );
+   rep_ = make( ops, shift, homes + slotsBehind( homes ) );
+}
+
 // -- Changes ----------------------------------------------------------------------------------
 
 void

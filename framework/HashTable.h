@@ -92,6 +92,10 @@ class IPSTATE_EXPORT HashTable {
    Slot * findDense( Same same ) const;
    bool isDense() const { return !rep_ || rep_->shift == 32; }
 
+   /// Gives an empty table room for so many members. For who fills it in hashed order, as from a
+   /// walk of another table: the first members of that order all crowd at the front of a small
+   /// array, and finding and adding each would walk past those before it.
+   void reserve( const HashTableOps & ops, size_t count );
    /// Adds a member and takes a reference. REQUIRES its key absent. Changes nothing on bad_alloc.
    void insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                 PtrInterface * member );

@@ -73,6 +73,11 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    /// The notifier, which notifierAssign() took as a T.
    template< class T >
    Zek::Ptr< const T > notifierAs() const {
+      return notifierPtr< T >();
+   }
+   /// The same without a reference.
+   template< class T >
+   const T * notifierPtr() const {
       return static_cast< const T * >( notifier_ );
    }
 

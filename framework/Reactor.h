@@ -11,6 +11,8 @@
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
 
+#include <type_traits>
+
 namespace Zek {
 
 /// `N` is the NotifieeConst of the watched type, `Machine` the owner.
@@ -19,6 +21,12 @@ class Reactor : public N {
  public:
    /// The machine, or null once it is gone.
    Machine * owner() const { return owner_; }
+   /// What it watches, or null. No reference is taken: valid until the next thing that may run a
+   /// callback.
+   auto watched() const {
+      using Input = std::remove_pointer_t< decltype( N::notifier().ptr() ) >;
+      return this->template notifierPtr< std::remove_const_t< Input > >();
+   }
    /// Whether callbacks are to be acted upon.
    bool live() const { return owner_ && !this->zekMarkedForDeletion(); }
 
