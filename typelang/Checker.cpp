@@ -141,6 +141,7 @@ class Checker {
          for( Member & m : t.members ) collectionKey( t, m );
       } );
       forSoundTypes( [&]( Type & t ) { check( t ); } );
+      if( anyUnresolved_ ) return;
       for( Schema * s : schemas_ ) order( *s );
    }
 
@@ -207,7 +208,7 @@ class Checker {
       if( !ref ) return;
       ref.type = lookup( schema, scope, ref.text );
       if( !ref.type ) {
-         unresolved_ = true;
+         unresolved_ = anyUnresolved_ = true;
          if( incomplete_ ) return; // it may be the one that was not understood
          bool known = false;
          for( const auto & [dotted, type] : types_ ) known = known || dotted == ref.text;
@@ -813,6 +814,7 @@ class Checker {
    std::map< std::string, const Type * > types_; // by dotted name
    std::set< const Type * > faulty_;             // left out by later stages
    bool unresolved_ = false;                     // a name of the type just resolved is unknown
+   bool anyUnresolved_ = false;                  // or of any
 };
 
 } // namespace
@@ -825,6 +827,9 @@ compile( const std::string & path, const Reader & read, Compilation & out ) {
    out.program.schemas = loader.release();
    out.program.main = main;
    if( !main ) return;
+   for( const Schema * s : loader.order ) {
+      if( s->model.empty() ) return; // nothing has a full name
+   }
    Checker( out, loader.order ).run();
 }
 

@@ -2123,6 +2123,7 @@ Follower::ZekOwner::onPlainzekImmediate() {
    if( !live() ) return;
    const Zek::Ptr< Follower > machine = owner();
    const auto input = notifier();
+   machine->plain_.reserve( input->plainCount() );
    for( auto i = input->plainIteratorConst(); i && live(); ++i ) {
       machine->plainIs( input->plain( i.key() ) );
    }
