@@ -190,27 +190,40 @@ enum Registry { v4System, v4OfVrf, genericSystem, genericOfVrf };
 
 // ---- the real thing -------------------------------------------------------------------------
 
+using Told = std::function< void() >;
+
+/// A client of a view or a registered record; what it is told is its type's to say.
 template< class Base >
-class Client final : public Base {
+class Client : public Base {
  public:
-   Client( const Zek::Ptr< const Zek::PtrInterface > & of, std::function< void() > told )
-      : told_( std::move( told ) ) {
+   Client( const Zek::Ptr< const Zek::PtrInterface > & of, Told t ) : told( std::move( t ) ) {
       this->notifierIs( of );
       this->isRegisteredNotifieeIs( true );
    }
-   // Overrides where the base has such callbacks; never called otherwise.
-   virtual void onVrfCollectionChanged() { told_(); }
-   virtual void onIntfInVrfChanged() { told_(); }
-   virtual void onIntfStatusChanged() { told_(); }
-   virtual void onDpRoutingChanged() { told_(); }
-   virtual void onAddrChanged() { told_(); }
-   virtual void onActiveAddrChanged() { told_(); }
-   virtual void onIpAddr() { told_(); }
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Client", 0 };
 
- private:
-   std::function< void() > told_;
+ protected:
+   Told told;
+};
+struct StatusClient final : Client< IpGen::Status::NotifieeConst > {
+   using Client::Client;
+   void onVrfCollectionChanged() override { told(); }
+   void onIntfInVrfChanged() override { told(); }
+   void onAddrChanged() override { told(); }
+   void onActiveAddrChanged() override { told(); }
+};
+struct IntfClient final : Client< IpGen::IntfStatus::NotifieeConst > {
+   using Client::Client;
+   void onIntfStatusChanged() override { told(); }
+   void onDpRoutingChanged() override { told(); }
+   void onAddrChanged() override { told(); }
+   void onActiveAddrChanged() override { told(); }
+};
+template< class Record >
+struct RecordClient final : Client< typename Record::NotifieeConst > {
+   using Client< typename Record::NotifieeConst >::Client;
+   void onIpAddr() override { this->told(); }
 };
 
 /// A directory whose records each have a client for as long as they are in it.
@@ -242,7 +255,7 @@ class Directory {
          return allocTrackTypeInfo_;
       }
       static inline Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Watcher", 0 };
-      using OfRecord = Client< typename Record::NotifieeConst >;
+      using OfRecord = RecordClient< Record >;
       std::function< void() > told;
       std::map< Intf, Zek::Ptr< OfRecord > > clients;
    };
@@ -252,15 +265,13 @@ using Ipv4Directory = Directory< Ip::SourceIntf::SourceIntfDir, Ip::SourceIntf::
 using GenericDirectory =
    Directory< IpGen::SourceIntf::SourceIntfDir, IpGen::SourceIntf::SourceIntf >;
 
-using Told = std::function< void() >;
-
 template< class F >
 struct RealVrf {
    explicit RealVrf( const Told & t ) : told( t ), dir( t ), v4Dir( t ) {}
    Told told;
    Zek::Ptr< typename F::VrfStatus > status;
    IpGen::IntfStatus::Ptr view;
-   Zek::Ptr< Client< IpGen::IntfStatus::NotifieeConst > > client;
+   Zek::Ptr< IntfClient > client;
    IpGen::IntfSm::Ptr sm;
    GenericDirectory dir;
    IpGen::SourceIntf::VrfSourceIntfSm::Ptr registry;
@@ -269,9 +280,7 @@ struct RealVrf {
 
    void start( bool clientFirst ) {
       view = F::viewOf( status );
-      auto makeClient = [&] {
-         client = Zek::allocate< Client< IpGen::IntfStatus::NotifieeConst > >( view, told );
-      };
+      auto makeClient = [&] { client = Zek::allocate< IntfClient >( view, told ); };
       if( clientFirst ) makeClient();
       machines();
       if( !clientFirst ) makeClient();
@@ -291,7 +300,7 @@ struct RealVrf {
 template< class F >
 struct RealFamily {
    explicit RealFamily( const Told & told ) : dir( told ) {
-      client = Zek::allocate< Client< IpGen::Status::NotifieeConst > >( view, told );
+      client = Zek::allocate< StatusClient >( view, told );
       for( unsigned v = 0; v < vrfCount; ++v ) {
          vrf.emplace_back( told );
          vrf[v].status = F::vrfIs( *status, vrfOf( v ) );
@@ -301,7 +310,7 @@ struct RealFamily {
    }
    Zek::Ptr< typename F::Status > status = F::statusMade();
    IpGen::Status::Ptr view = F::viewOf( status );
-   Zek::Ptr< Client< IpGen::Status::NotifieeConst > > client;
+   Zek::Ptr< StatusClient > client;
    IpGen::StatusSm::Ptr sm = IpGen::statusSmFactory( view );
    GenericDirectory dir;
    IpGen::SourceIntf::SourceIntfSm::Ptr registry;
@@ -589,6 +598,14 @@ class Model {
       family_[0].machines.push_back( &v4Registry_ );
    }
 
+   // Records and those who watch them hold each other.
+   ~Model() {
+      for( MFamily & f : family_ ) {
+         for( MMachine * m : f.machines ) released( *m );
+         for( MVrf & v : f.vrf ) released( v );
+      }
+   }
+
    bool inSystem( bool six, unsigned i ) { return family_[six].members.count( intfOf( i ) ); }
    bool inVrf( bool six, unsigned i ) { return vrf( six, i ).members.count( intfOf( i ) ); }
    void joinSystem( bool six, unsigned i, bool fresh, unsigned n ) {
@@ -774,11 +791,13 @@ class Model {
       update( r.dir, r.view.counters.changedIntf );
       check( r.dir, r.view.counters.changedIntf );
    }
-   void released( MVrf & r ) {
-      for( MMachine * m : { &r.sm, &r.v4Registry } ) {
-         for( auto & [i, w] : m->reactors ) release( *w );
-         m->reactors.clear();
-      }
+   static void released( MVrf & r ) {
+      released( r.sm );
+      released( r.v4Registry );
+   }
+   static void released( MMachine & m ) {
+      for( auto & [i, w] : m.reactors ) release( *w );
+      m.reactors.clear();
    }
 
    // Collections.
