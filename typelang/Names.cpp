@@ -262,7 +262,8 @@ class Names {
 
    // The outermost namespaces that the schema's code spells out. Nothing below may hide them.
    void addRoots( const Schema & schema ) {
-      roots_.insert( { "Zek", "std", schema.model[0] } );
+      roots_.insert( { "Zek", "std" } );
+      if( !schema.model.empty() ) roots_.insert( schema.model[0] ); // it may be missing
       for( const Schema * import : schema.imports ) addRoots( *import );
    }
    void hidesRoot( const Span & where, const std::string & name ) {

@@ -107,7 +107,8 @@ TEST_P( FaultySchema, givesExactlyTheseErrors ) {
 
 INSTANTIATE_TEST_SUITE_P( Zekc, FaultySchema,
                           testing::Values( "tokens", "lines", "imports", "unimported", "types",
-                                           "names", "lonely", "values", "records", "machines" ),
+                                           "names", "circles", "lonely", "values", "records",
+                                           "machines" ),
                           []( const auto & info ) { return std::string( info.param ); } );
 
 TEST( ZekcErrors, theCaretStandsUnderTabsAndAtTheEndOfTheFile ) {
@@ -153,6 +154,8 @@ TEST( ZekcAnyInput, everyPrefixIsAcceptedOrRefused ) {
    int accepted = 0;
    for( size_t length = 0; length <= whole.size(); ++length ) {
       schemas.changed[path] = whole.substr( 0, length );
+      // Where it ends inside a comment makes no difference.
+      if( whole.find( "//", whole.rfind( '\n', length ) ) < length ) continue;
       accepted += schemas.accepts( path );
    }
    EXPECT_GT( accepted, 10 );
