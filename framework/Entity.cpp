@@ -37,6 +37,13 @@ Entity::entity( const String & name ) const {
    return held ? findChild( held->members, name.view() ) : nullptr;
 }
 
+Zek::Ptr< const Entity >
+Entity::entityAfter( const String & name ) const {
+   Children * held = children();
+   if( !held ) return nullptr;
+   return static_cast< const Entity * >( held->members.memberAfter( Name( name ) ) );
+}
+
 size_t
 Entity::entityCount() const {
    Children * held = children();
@@ -268,10 +275,7 @@ firstChild( const void * object ) {
 
 const PtrInterface *
 childAfter( const void * object, const void * key ) {
-   for( auto i = entityOf( object ).entityIteratorConst(); i; ++i ) {
-      if( i.key().view() == childName( key ).view() ) return ++i ? i.ptr() : nullptr;
-   }
-   return nullptr;
+   return entityOf( object ).entityAfter( childName( key ) ).ptr();
 }
 
 const PtrInterface *

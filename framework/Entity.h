@@ -73,6 +73,9 @@ class IPSTATE_EXPORT Entity : public Notifier {
    Zek::Ptr< Entity > entity( const String & name ) const;
    bool entityHas( const String & name ) const { return entity( name ) != nullptr; }
    size_t entityCount() const;
+   /// The child after `name` in the directory's order, be that one present or not; null at the
+   /// end.
+   Zek::Ptr< const Entity > entityAfter( const String & name ) const;
    /// Takes `child` into the directory under its name and becomes its parent; replaces another
    /// child of that name. Announces onEntity( name ). Throws RangeException on null or a
    /// nameless child.

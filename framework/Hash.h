@@ -56,13 +56,13 @@ hashNumber( uint64_t v ) {
 }
 
 /// A key that carries its reversed hash, so that no lookup has to compute it.
-template < class Key >
+template< class Key >
 concept HasReversedHash = requires( const Key & key ) {
    { key.reversedHash() } -> std::convertible_to< uint32_t >;
 };
 
 /// The hash of any key: its own hash(), else that of a number, an enumerator or a text.
-template < class Key >
+template< class Key >
 constexpr uint32_t
 hashOf( const Key & key ) {
    if constexpr( std::is_integral_v< Key > || std::is_enum_v< Key > ) {
@@ -76,7 +76,7 @@ hashOf( const Key & key ) {
 }
 
 /// bitReverse( hashOf( key ) ), the major key of every hashed order.
-template < class Key >
+template< class Key >
 constexpr uint32_t
 reversedHashOf( const Key & key ) {
    if constexpr( HasReversedHash< Key > ) {

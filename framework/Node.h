@@ -30,7 +30,7 @@
 
 namespace Zek {
 
-template < class K, class V, class Links = PtrInterface >
+template< class K, class V, class Links = PtrInterface >
 class KeyValueNode : public Links {
  public:
    using KeyType = K;
@@ -51,7 +51,7 @@ class KeyValueNode : public Links {
    V value_;
 };
 
-template < class K, class Links = PtrInterface >
+template< class K, class Links = PtrInterface >
 class KeyNode : public Links {
  public:
    using KeyType = K;
@@ -69,7 +69,7 @@ class KeyNode : public Links {
 };
 
 /// `KeyFunktor()( value )` is the key: a field of the value, by reference or by value.
-template < class V, class KeyFunktor, class Links = PtrInterface >
+template< class V, class KeyFunktor, class Links = PtrInterface >
 class ValueNode : public Links {
  public:
    using KeyType = std::remove_cvref_t< decltype( KeyFunktor()( std::declval< const V & >() ) ) >;
@@ -94,11 +94,11 @@ class ValueNode : public Links {
    V value_;
 };
 
-template < class K, class V >
+template< class K, class V >
 using RbKeyValueNode = KeyValueNode< K, V, RbNode >;
-template < class K >
+template< class K >
 using RbKeyNode = KeyNode< K, RbNode >;
-template < class V, class KeyFunktor >
+template< class V, class KeyFunktor >
 using RbValueNode = ValueNode< V, KeyFunktor, RbNode >;
 
 } // namespace Zek

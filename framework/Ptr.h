@@ -152,7 +152,7 @@ class IPSTATE_EXPORT PtrInterface : public VFPtrInterface {
 /// Owning pointer: a copy takes a reference, destruction or re-assignment drops one. On
 /// re-assignment the new reference is taken before the old one is dropped; re-assigning the
 /// object already held changes nothing. Compares by identity.
-template < class T >
+template< class T >
 class Ptr {
  public:
    using element_type = T;
@@ -162,11 +162,11 @@ class Ptr {
    Ptr( T * object ) : object_( object ) { inc(); }
    Ptr( const Ptr & other ) : object_( other.object_ ) { inc(); }
    Ptr( Ptr && other ) noexcept : object_( std::exchange( other.object_, nullptr ) ) {}
-   template < class U, class = std::enable_if_t< std::is_convertible_v< U *, T * > > >
+   template< class U, class = std::enable_if_t< std::is_convertible_v< U *, T * > > >
    Ptr( const Ptr< U > & other ) : object_( other.ptr() ) {
       inc();
    }
-   template < class U, class = std::enable_if_t< std::is_convertible_v< U *, T * > > >
+   template< class U, class = std::enable_if_t< std::is_convertible_v< U *, T * > > >
    Ptr( Ptr< U > && other ) noexcept : object_( other.release() ) {}
    ~Ptr() {
       if( object_ ) object_->referencesDec();
@@ -217,7 +217,7 @@ class Ptr {
 };
 
 /// Identity across constness and base classes.
-template < class T, class U >
+template< class T, class U >
 requires( !std::is_same_v< T, U > ) bool
 operator==( const Ptr< T > & a, const Ptr< U > & b ) {
    return static_cast< const volatile void * >( a.ptr() ) ==
@@ -225,14 +225,14 @@ operator==( const Ptr< T > & a, const Ptr< U > & b ) {
 }
 
 /// The object as a T, or null when it is of another type.
-template < class T, class U >
+template< class T, class U >
 Ptr< T >
 ptrCast( const Ptr< U > & p ) {
    return Ptr< T >( dynamic_cast< T * >( p.ptr() ) );
 }
 
 /// Drops the constness of the object held.
-template < class T >
+template< class T >
 Ptr< T >
 constCast( const Ptr< const T > & p ) {
    return Ptr< T >( const_cast< T * >( p.ptr() ) );
@@ -244,7 +244,7 @@ IPSTATE_EXPORT void trackDeallocation( AllocTrackTypeInfo & info, size_t bytes )
 /// Makes a T: records the allocation with T::allocTrackTypeInfo_, takes memory, constructs. The
 /// object holds one reference during its own construction. When construction throws, record and
 /// memory are given back and the exception leaves.
-template < class T, class... Args >
+template< class T, class... Args >
 Ptr< T >
 allocate( Args &&... args ) {
    auto & info = std::remove_const_t< T >::allocTrackTypeInfo_;

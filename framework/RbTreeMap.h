@@ -17,7 +17,7 @@
 
 namespace Zek {
 
-template < class Node, class Key, class Value = void >
+template< class Node, class Key, class Value = void >
 class RbTreeMap {
  public:
    using MemberType = Node;
@@ -59,7 +59,7 @@ class RbTreeMap {
 
    /// Nodes of key and value: sets the value under `key`. True when a member was added or its
    /// value changed; allocates one node at most.
-   template < class V >
+   template< class V >
    bool valueIs( const Key & key, const V & value ) {
       Place place = placeOf( key );
       if( place.found ) return change( typed( place.found ), value );
@@ -67,7 +67,7 @@ class RbTreeMap {
       return true;
    }
    /// Nodes keyed by a field of their value: the same.
-   template < class V >
+   template< class V >
    bool valueIs( const V & value ) {
       const Key & key = typename Node::KeyFunktorType()( value );
       Place place = placeOf( key );
@@ -168,7 +168,7 @@ class RbTreeMap {
       tree_.link( place.parent, place.right, member );
    }
    RbNode * after( const Key & key ) const { return tree_.memberAfter( &key, &compare ); }
-   template < class V >
+   template< class V >
    static bool change( Node * member, const V & value ) {
       if( member->value() == value ) return false;
       member->valueIs( value );

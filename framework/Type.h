@@ -81,7 +81,7 @@ struct ValueOps {
    bool ( *less )( const void *, const void * );    // null when unordered
    uint32_t ( *hash )( const void * );              // null when not hashed
    void ( *append )( const void *, std::string & ); // text form, as in a value's field
-   bool ( *read )( std::string_view, void * );      // assigns; false when the text is not one
+   bool ( *read )( std::string_view, void * );      // assigns; false when it is no such text
 };
 
 /// One enumerator: name and number.
@@ -105,7 +105,8 @@ struct CollectionOps {
    const PtrInterface * ( *after )( const void * object, const void * key );
    /// The member under `key`, or null.
    const PtrInterface * ( *find )( const void * object, const void * key );
-   /// Key and value of a member of this collection; the value is null for sets and entities.
+   /// Key and value of a member of this collection; memberValue is null for sets and entities.
+   /// memberKey is null for the `entity` collection alone: the key is the child's name.
    const void * ( *memberKey )( const PtrInterface * member );
    const void * ( *memberValue )( const PtrInterface * member );
    /// The typed mutators. `arguments`: for values the value; for keyed fields, null (the value is
@@ -162,7 +163,7 @@ struct TypeDescriptor {
    /// Makes an object through the type's factory; one address per constructor parameter.
    Ptr< PtrInterface > ( *create )( const void * const * arguments );
    /// Makes a notifiee that forwards every change of `object` to `sink` until destroyed. The
-   /// sink must outlive it.
+   /// sink must outlive it. Null in a derived type that adds no attributes: its base has one.
    Ptr< PtrInterface > ( *relay )( const PtrInterface & object, AttributeSink & sink );
    AllocTrackTypeInfo * allocations;
 

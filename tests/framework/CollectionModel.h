@@ -47,7 +47,7 @@ struct Skewed { // all homes in the last eighth
    uint32_t number;
 };
 
-template < class Key >
+template< class Key >
 requires requires( const Key & key ) {
    key.number;
 }
@@ -56,7 +56,7 @@ operator==( const Key & a, const Key & b ) {
    return a.number == b.number;
 }
 
-template < class Key >
+template< class Key >
 requires requires( const Key & key ) {
    key.number;
 }
@@ -66,14 +66,14 @@ operator<( const Key & a, const Key & b ) {
 }
 
 struct HashedOrder {
-   template < class Key >
+   template< class Key >
    bool operator()( const Key & a, const Key & b ) const {
       uint32_t hashA = Zek::reversedHashOf( a ), hashB = Zek::reversedHashOf( b );
       return hashA != hashB ? hashA < hashB : a < b;
    }
 };
 
-template < class Base >
+template< class Base >
 class Node final : public Base {
  public:
    using Base::Base;
@@ -83,7 +83,7 @@ class Node final : public Base {
    static uint64_t alive() { return allocTrackTypeInfo_.liveObjects(); }
 };
 
-template < class Map, class Key, class Order >
+template< class Map, class Key, class Order >
 class Story {
  public:
    explicit Story( uint32_t seed ) : random_( seed ) {}
