@@ -8,7 +8,6 @@
 
 #include "Ip6/Ip6.h"
 
-#include "platform/Velon/Prefix.h"
 #include "platform/Vistrel/Trace.h"
 
 namespace Ip6 {
@@ -31,101 +30,121 @@ scope( Velon::Ip6Addr addr ) {
    return 2;
 }
 
-namespace {
-
-struct LabelRow {
-   Velon::Ip6Prefix prefix;
-   unsigned label;
-};
-
-// Deliberate: tried in this order, not by prefix length, so that ::/0 decides for every address
-// but the loopback and rule 6 tells no two other addresses apart.
-constexpr LabelRow labelTable[] = {
-   { Velon::Ip6Prefix( Velon::ip6AddrLoopback, 128 ), 0 },
-   { Velon::Ip6Prefix( Velon::ip6AddrZero, 0 ), 1 },
-   { Velon::Ip6Prefix( Velon::Ip6Addr( 0x2002000000000000, 0 ), 16 ), 2 },
-   { Velon::Ip6Prefix( Velon::ip6AddrZero, 96 ), 3 },
-   { Velon::Ip6Prefix( Velon::Ip6Addr( 0, 0x0000ffff00000000 ), 96 ), 4 },
-};
-constexpr unsigned noLabel = 255;
-
-ordering
-decided( ordering decision, const char * function, const char * line ) {
-   Vistrel::trace( traceHandle, traceLevel, function, line );
-   return decision;
+unsigned
+label( Velon::Ip6Addr addr ) {
+   // Deliberate: the table's prefixes are tried in its order, not by length. ::/0 stands second,
+   // so the 6to4 (label 2), IPv4-compatible (3) and IPv4-mapped (4) rows behind it never decide,
+   // and rule 6 tells no two addresses but the loopback and another apart.
+   return addr == Velon::ip6AddrLoopback ? 0 : 1;
 }
 
-void
-traceCandidates( const char * function, const char * prefix, const Velon::Ip6Addr & sa,
-                 const Velon::Ip6Addr & sb, const Velon::Ip6Addr & d ) {
-   Vistrel::trace( traceHandle, traceLevel, function, prefix, sa, " SB: ", sb, " d: ", d );
+namespace {
+
+// Each rule stands once, for a traced and a silent form: whether the trace is on is asked once a
+// choice, and the silent form is nothing but the comparisons.
+
+template< bool traced >
+struct Rules {
+   using Addr = Velon::Ip6Addr;
+
+   static ordering decided( ordering decision, const char * function ) {
+      if constexpr( traced ) {
+         static constexpr const char * names[] = { ": PREFER_SA", ": EQUAL", ": PREFER_SB" };
+         Vistrel::trace( traceHandle, traceLevel, function, function, names[decision] );
+      }
+      return decision;
+   }
+   static void candidates( const char * function, const Addr & sa, const Addr & sb,
+                           const Addr & d ) {
+      if constexpr( traced ) {
+         Vistrel::trace( traceHandle, traceLevel, function, function, ":SA: ", sa, " SB: ", sb,
+                         " d: ", d );
+      }
+   }
+
+   static ordering rule1( const Addr & sa, const Addr & sb, const Addr & d ) {
+      candidates( "sasRule1", sa, sb, d );
+      if( sa == d ) return decided( PREFER_SA, "sasRule1" );
+      if( sb == d ) return decided( PREFER_SB, "sasRule1" );
+      return decided( EQUAL, "sasRule1" );
+   }
+
+   static ordering rule2( const Addr & sa, const Addr & sb, const Addr & d ) {
+      candidates( "sasRule2", sa, sb, d );
+      const unsigned scopeA = scope( sa );
+      const unsigned scopeB = scope( sb );
+      if( scopeA == scopeB ) return decided( EQUAL, "sasRule2" );
+      // The narrower candidate wins only where it still reaches the destination.
+      const unsigned scopeD = scope( d );
+      const bool preferB = scopeA < scopeB ? scopeA < scopeD : scopeB >= scopeD;
+      return decided( preferB ? PREFER_SB : PREFER_SA, "sasRule2" );
+   }
+
+   static ordering rule6( const Addr & sa, const Addr & sb, const Addr & d ) {
+      candidates( "sasRule6", sa, sb, d );
+      const unsigned labelD = label( d );
+      const bool matchesA = label( sa ) == labelD;
+      const bool matchesB = label( sb ) == labelD;
+      if( matchesA == matchesB ) return decided( EQUAL, "sasRule6" );
+      return decided( matchesA ? PREFER_SA : PREFER_SB, "sasRule6" );
+   }
+
+   static ordering rule8( const Addr & sa, const Addr & sb, const Addr & d ) {
+      candidates( "sasRule8", sa, sb, d );
+      // Deliberate: a tie goes to the first candidate, so that the comparison is total and a
+      // fold keeps the first among equals; and all 128 bits count, not the source's prefix
+      // alone.
+      const bool preferB = sa.longestCommonPrefix( d ) < sb.longestCommonPrefix( d );
+      return decided( preferB ? PREFER_SB : PREFER_SA, "sasRule8" );
+   }
+
+   static ordering choose( const Addr & sa, const Addr & sb, const Addr & d ) {
+      ordering decision = rule1( sa, sb, d );
+      if( decision != EQUAL ) return decision;
+      decision = rule2( sa, sb, d );
+      if( decision != EQUAL ) return decision;
+      decision = rule6( sa, sb, d );
+      if( decision != EQUAL ) return decision;
+      decision = rule8( sa, sb, d );
+      Zek::assertThat( decision != EQUAL, "decision != EQUAL", "Ip6" );
+      return decided( decision, "chooseSourceAddress" );
+   }
+};
+
+// The rule in its traced or silent form.
+template<
+   ordering ( *loud )( const Velon::Ip6Addr &, const Velon::Ip6Addr &, const Velon::Ip6Addr & ),
+   ordering ( *silent )( const Velon::Ip6Addr &, const Velon::Ip6Addr &, const Velon::Ip6Addr & ) >
+inline ordering
+applied( const Velon::Ip6Addr & sa, const Velon::Ip6Addr & sb, const Velon::Ip6Addr & d ) {
+   return traceHandle.enabled( traceLevel ) ? loud( sa, sb, d ) : silent( sa, sb, d );
 }
 
 } // namespace
 
-unsigned
-label( Velon::Ip6Addr addr ) {
-   for( const LabelRow & row : labelTable ) {
-      if( row.prefix.contains( addr ) ) return row.label;
-   }
-   return noLabel;
-}
-
 ordering
 sasRule1( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
-   traceCandidates( "sasRule1", "sasRule1:SA: ", sa, sb, d );
-   if( sa == d ) return decided( PREFER_SA, "sasRule1", "sasRule1: PREFER_SA" );
-   if( sb == d ) return decided( PREFER_SB, "sasRule1", "sasRule1: PREFER_SB" );
-   return decided( EQUAL, "sasRule1", "sasRule1: EQUAL" );
+   return applied< Rules< true >::rule1, Rules< false >::rule1 >( sa, sb, d );
 }
 
 ordering
 sasRule2( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
-   traceCandidates( "sasRule2", "sasRule2:SA: ", sa, sb, d );
-   const unsigned scopeA = scope( sa );
-   const unsigned scopeB = scope( sb );
-   if( scopeA == scopeB ) return decided( EQUAL, "sasRule2", "sasRule2: EQUAL" );
-   // The narrower candidate wins only where it still reaches the destination.
-   const unsigned scopeD = scope( d );
-   const bool preferB = scopeA < scopeB ? scopeA < scopeD : scopeB >= scopeD;
-   return preferB ? decided( PREFER_SB, "sasRule2", "sasRule2: PREFER_SB" )
-                  : decided( PREFER_SA, "sasRule2", "sasRule2: PREFER_SA" );
+   return applied< Rules< true >::rule2, Rules< false >::rule2 >( sa, sb, d );
 }
 
 ordering
 sasRule6( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
-   traceCandidates( "sasRule6", "sasRule6:SA: ", sa, sb, d );
-   const unsigned labelD = label( d );
-   const bool matchesA = label( sa ) == labelD;
-   const bool matchesB = label( sb ) == labelD;
-   if( matchesA == matchesB ) return decided( EQUAL, "sasRule6", "sasRule6: EQUAL" );
-   return matchesA ? decided( PREFER_SA, "sasRule6", "sasRule6: PREFER_SA" )
-                   : decided( PREFER_SB, "sasRule6", "sasRule6: PREFER_SB" );
+   return applied< Rules< true >::rule6, Rules< false >::rule6 >( sa, sb, d );
 }
 
 ordering
 sasRule8( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
-   traceCandidates( "sasRule8", "sasRule8:SA: ", sa, sb, d );
-   // Deliberate: a tie goes to the first candidate, so that the comparison is total and a fold
-   // keeps the first among equals; and all 128 bits count, not the source's prefix alone.
-   return sa.longestCommonPrefix( d ) < sb.longestCommonPrefix( d )
-             ? decided( PREFER_SB, "sasRule8", "sasRule8: PREFER_SB" )
-             : decided( PREFER_SA, "sasRule8", "sasRule8: PREFER_SA" );
+   return applied< Rules< true >::rule8, Rules< false >::rule8 >( sa, sb, d );
 }
 
 ordering
 chooseSourceAddress( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
-   ordering decision = sasRule1( sa, sb, d );
-   if( decision != EQUAL ) return decision;
-   decision = sasRule2( sa, sb, d );
-   if( decision != EQUAL ) return decision;
-   decision = sasRule6( sa, sb, d );
-   if( decision != EQUAL ) return decision;
-   decision = sasRule8( sa, sb, d );
-   Zek::assertThat( decision != EQUAL, "decision != EQUAL", "Ip6" );
-   Vistrel::trace( traceHandle, traceLevel, "chooseSourceAddress",
-                   "chooseSourceAddress: ", decision == PREFER_SB ? "PREFER_SB" : "PREFER_SA" );
-   return decision;
+   return applied< Rules< true >::choose, Rules< false >::choose >( sa, sb, d );
 }
 
 namespace {
