@@ -54,22 +54,21 @@ struct Rules {
       }
       return decision;
    }
-   static void candidates( const char * function, const Addr & sa, const Addr & sb,
-                           const Addr & d ) {
+   static void candidates( const char * function, Addr sa, Addr sb, Addr d ) {
       if constexpr( traced ) {
          Vistrel::trace( traceHandle, traceLevel, function, function, ":SA: ", sa, " SB: ", sb,
                          " d: ", d );
       }
    }
 
-   static ordering rule1( const Addr & sa, const Addr & sb, const Addr & d ) {
+   static ordering rule1( Addr sa, Addr sb, Addr d ) {
       candidates( "sasRule1", sa, sb, d );
       if( sa == d ) return decided( PREFER_SA, "sasRule1" );
       if( sb == d ) return decided( PREFER_SB, "sasRule1" );
       return decided( EQUAL, "sasRule1" );
    }
 
-   static ordering rule2( const Addr & sa, const Addr & sb, const Addr & d ) {
+   static ordering rule2( Addr sa, Addr sb, Addr d ) {
       candidates( "sasRule2", sa, sb, d );
       const unsigned scopeA = scope( sa );
       const unsigned scopeB = scope( sb );
@@ -80,16 +79,19 @@ struct Rules {
       return decided( preferB ? PREFER_SB : PREFER_SA, "sasRule2" );
    }
 
-   static ordering rule6( const Addr & sa, const Addr & sb, const Addr & d ) {
+   static ordering rule6( Addr sa, Addr sb, Addr d ) {
       candidates( "sasRule6", sa, sb, d );
-      const unsigned labelD = label( d );
-      const bool matchesA = label( sa ) == labelD;
-      const bool matchesB = label( sb ) == labelD;
-      if( matchesA == matchesB ) return decided( EQUAL, "sasRule6" );
-      return decided( matchesA ? PREFER_SA : PREFER_SB, "sasRule6" );
+      const unsigned labelA = label( sa );
+      const unsigned labelB = label( sb );
+      if( labelA != labelB ) {
+         const unsigned labelD = label( d );
+         if( labelA == labelD ) return decided( PREFER_SA, "sasRule6" );
+         if( labelB == labelD ) return decided( PREFER_SB, "sasRule6" );
+      }
+      return decided( EQUAL, "sasRule6" );
    }
 
-   static ordering rule8( const Addr & sa, const Addr & sb, const Addr & d ) {
+   static ordering rule8( Addr sa, Addr sb, Addr d ) {
       candidates( "sasRule8", sa, sb, d );
       // Deliberate: a tie goes to the first candidate, so that the comparison is total and a
       // fold keeps the first among equals; and all 128 bits count, not the source's prefix
@@ -98,7 +100,7 @@ struct Rules {
       return decided( preferB ? PREFER_SB : PREFER_SA, "sasRule8" );
    }
 
-   static ordering choose( const Addr & sa, const Addr & sb, const Addr & d ) {
+   static ordering choose( Addr sa, Addr sb, Addr d ) {
       ordering decision = rule1( sa, sb, d );
       if( decision != EQUAL ) return decision;
       decision = rule2( sa, sb, d );
@@ -111,12 +113,13 @@ struct Rules {
    }
 };
 
-// The rule in its traced or silent form.
-template<
-   ordering ( *loud )( const Velon::Ip6Addr &, const Velon::Ip6Addr &, const Velon::Ip6Addr & ),
-   ordering ( *silent )( const Velon::Ip6Addr &, const Velon::Ip6Addr &, const Velon::Ip6Addr & ) >
+// The rule in its traced or silent form. By value, so that the silent form need not put the
+// addresses into memory.
+using Rule = ordering ( * )( Velon::Ip6Addr, Velon::Ip6Addr, Velon::Ip6Addr );
+
+template< Rule loud, Rule silent >
 inline ordering
-applied( const Velon::Ip6Addr & sa, const Velon::Ip6Addr & sb, const Velon::Ip6Addr & d ) {
+applied( Velon::Ip6Addr sa, Velon::Ip6Addr sb, Velon::Ip6Addr d ) {
    return traceHandle.enabled( traceLevel ) ? loud( sa, sb, d ) : silent( sa, sb, d );
 }
 
