@@ -150,9 +150,8 @@ plain( const char * name, uint16_t id, unsigned flags = 0 ) {
 template< auto Field >
 constexpr AttributeRow
 counter( const char * name, uint16_t id ) {
-   using V = typename MemberPointer< decltype( Field ) >::Value;
-   AttributeRow row = rowOf< V >( name, id, AttributeKind::plain, isCounter );
-   row.address = &addressOf< Field >;
+   AttributeRow row = parameter< Field >( name, id, isCounter );
+   row.kind = AttributeKind::plain;
    return row;
 }
 
@@ -178,9 +177,8 @@ derived( const char * name, uint16_t id, unsigned flags = 0 ) {
 template< auto Read, auto Write >
 constexpr AttributeRow
 input( const char * name, uint16_t id ) {
-   using V = typename Accessor< decltype( Read ) >::Value;
-   AttributeRow row = rowOf< V >( name, id, AttributeKind::pointer, 0 );
-   row.read = &readBy< Read >;
+   AttributeRow row = derived< Read >( name, id );
+   row.kind = AttributeKind::pointer;
    row.write = &writeBy< Write >;
    return row;
 }
