@@ -41,6 +41,11 @@ class ValueSet {
       return true;
    }
    void clear() { keys_.clear(); }
+   /// There is none: says so on standard error and goes on with the key type's zero.
+   static Key defaultKey() {
+      reportDefaultKeyUnsupported();
+      return Key();
+   }
    size_t size() const { return keys_.size(); }
 
    /// Ascending.

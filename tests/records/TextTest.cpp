@@ -102,6 +102,13 @@ TEST( ValueText, OfAnotherFormIsRefusedWithItsPlace ) {
    }
 }
 
+TEST( ValueText, ASetInsideAValueHasNoDefaultKeyAndSaysSo ) {
+   testing::internal::CaptureStderr();
+   EXPECT_EQ( Zek::ValueSet< Zek::String >::defaultKey(), Zek::String() );
+   EXPECT_EQ( testing::internal::GetCapturedStderr(),
+              "Default key not supported in collection inside nominal\n" );
+}
+
 TEST( EnumerationText, IsTheEnumeratorsName ) {
    EXPECT_EQ( stringValue( Ip::nowhere ), "nowhere" );
    EXPECT_EQ( valueToStrep( Ip6::dadStrict ), "dadStrict" );
