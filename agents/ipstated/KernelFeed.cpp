@@ -143,27 +143,11 @@ class KernelFeed::Applier : public MessageHandler {
    }
 
    void onGroup4( const GroupMessage< RawIp4 > & told ) override {
-      Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
-      if( !interface ) {
-         return;
-      }
-      Difference difference =
-         told.gone ? removeGroup( *interface, told.group ) : addGroup( *interface, told.group );
-      if( difference != Difference::none && live_ && interface->present ) {
-         feed_.observer_.onGroup4( *interface, told.group, difference );
-      }
+      group( told, &KernelObserver::onGroup4 );
    }
 
    void onGroup6( const GroupMessage< RawIp6 > & told ) override {
-      Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
-      if( !interface ) {
-         return;
-      }
-      Difference difference =
-         told.gone ? removeGroup( *interface, told.group ) : addGroup( *interface, told.group );
-      if( difference != Difference::none && live_ && interface->present ) {
-         feed_.observer_.onGroup6( *interface, told.group, difference );
-      }
+      group( told, &KernelObserver::onGroup6 );
    }
 
    void onOverrun() override { feed_.eventsLost( "the kernel tells of an overrun" ); }
@@ -187,6 +171,19 @@ class KernelFeed::Applier : public MessageHandler {
    }
 
  private:
+   template< class Group, class Tell >
+   void group( const GroupMessage< Group > & told, Tell tell ) {
+      Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
+      if( !interface ) {
+         return;
+      }
+      Difference difference =
+         told.gone ? removeGroup( *interface, told.group ) : addGroup( *interface, told.group );
+      if( difference != Difference::none && live_ && interface->present ) {
+         ( feed_.observer_.*tell )( *interface, told.group, difference );
+      }
+   }
+
    void removeLink( int index ) {
       Interface * interface = state_.find( index );
       if( !interface ) {
