@@ -72,7 +72,7 @@ constructorFields( const Type & value ) {
 bool
 Schema::foreignOnly() const {
    for( const Type & type : types ) {
-      if( type.kind != TypeKind::foreign && type.kind != TypeKind::foreignEnum ) return false;
+      if( !type.isForeign() ) return false;
    }
    return functions.empty();
 }

@@ -33,6 +33,7 @@ enum class TypeKind {
    builtin,       // bool, U8 .. U64, S8 .. S64, double; Zek.String, Zek.Name, Zek.Entity
    foreign,       // a value type written by hand in C++, declared by `foreign value`
    foreignEnum,   // an enumeration written by hand in C++, declared by `foreign enum`
+   foreignObject, // a counted class written by hand in C++, declared by `foreign object`
    enumeration,   // enum
    value,         // value
    boundedString, // string
@@ -223,7 +224,12 @@ struct Type {
 
    bool isCounted() const {
       return kind == TypeKind::entity || kind == TypeKind::object || kind == TypeKind::machine ||
-             kind == TypeKind::view || kind == TypeKind::binding;
+             kind == TypeKind::view || kind == TypeKind::binding || kind == TypeKind::foreignObject;
+   }
+   /// Written by hand in C++: the schema lends it a name and a descriptor.
+   bool isForeign() const {
+      return kind == TypeKind::foreign || kind == TypeKind::foreignEnum ||
+             kind == TypeKind::foreignObject;
    }
    bool isEnum() const { return kind == TypeKind::enumeration || kind == TypeKind::foreignEnum; }
    const Member * find( const std::string & memberName ) const;

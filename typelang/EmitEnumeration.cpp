@@ -12,6 +12,7 @@ emitType( const Type & type ) {
       return {};
    case TypeKind::foreign:
    case TypeKind::foreignEnum:
+   case TypeKind::foreignObject:
       return emitForeign( type );
    case TypeKind::enumeration:
       return emitEnumeration( type );
@@ -42,7 +43,10 @@ describe( const Type & type, Emission & out ) {
    Holes holes{ { "name", name },
                 { "full", type.fullName() },
                 { "id", id },
-                { "kind", type.isEnum() ? "enumeration" : "opaque" },
+                { "kind", type.isEnum()      ? "enumeration"
+                          : type.isCounted() ? "object"
+                                             : "opaque" },
+                { "values", type.isCounted() ? "nullptr" : "&Zek::valueOps< " + name + " >" },
                 { "record", type.kind == TypeKind::enumeration ? "true" : "false" },
                 { "rows", rows },
                 { "enumerators", rows.empty() ? "{}" : id + "_enumerators" } };
@@ -63,7 +67,7 @@ $rows$
    .hasNotifier = false,
    .hasAttrLog = false,
    .base = nullptr,
-   .values = &Zek::valueOps< $name$ >,
+   .values = $values$,
    .attributes = {},
    .enumerators = $enumerators$,
    .constructorParameters = {},

@@ -79,7 +79,7 @@ header( const Schema & schema, const std::vector< Emission > & emissions ) {
    for( const Type & type : schema.types ) {
       bool isClass =
          type.isCounted() || type.kind == TypeKind::value || type.kind == TypeKind::boundedString;
-      if( !isClass ) continue;
+      if( !isClass || type.isForeign() ) continue;
       if( type.scope != last ) {
          if( !forward.empty() ) out += forward + "\n";
          forward.clear();

@@ -341,7 +341,7 @@ class Names {
          take( t.span, scope, t.name + "Instance", "generated for '" + t.dottedName() + "'",
                t.name );
       }
-      if( t.isCounted() ) {
+      if( t.isCounted() && !t.isForeign() ) {
          take( t.span, scope, factoryOf( t ), "generated for '" + t.dottedName() + "'", t.name );
       }
       static const Words stringNames{ "maxBytes", "lengthError", "string",   "view",

@@ -282,8 +282,13 @@ class Parser {
 
    void foreign( Type & t ) {
       bool isEnum = accept( "enum" );
-      if( !isEnum ) expect( "value", "or 'enum' after 'foreign'" );
-      t.kind = isEnum ? TypeKind::foreignEnum : TypeKind::foreign;
+      bool isObject = !isEnum && accept( "object" );
+      if( !isEnum && !isObject && !accept( "value" ) ) {
+         fail( "'value', 'enum' or 'object' after 'foreign'" );
+      }
+      t.kind = isEnum     ? TypeKind::foreignEnum
+               : isObject ? TypeKind::foreignObject
+                          : TypeKind::foreign;
       named( t, "the type's name" );
       expect( "from", "and the header that declares it" );
       if( lineOver() || token().kind != TokenKind::string ) fail( "a header in quotes" );
@@ -292,6 +297,11 @@ class Parser {
       if( isEnum ) {
          t.byValue = t.isHashed = t.isOrderedType = true;
          t.enumerators = enumerators();
+         return;
+      }
+      if( isObject ) {
+         t.hasNotifier = t.hasLog = false;
+         if( !lineOver() ) unknownOption( token(), "a foreign object" );
          return;
       }
       while( !lineOver() ) {

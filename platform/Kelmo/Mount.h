@@ -1,0 +1,36 @@
+// A request for one entity of another process.
+
+#pragma once
+
+#include "framework/String.h"
+#include "platform/Kelmo/MountFilter.h"
+
+#include <utility>
+
+namespace Kelmo {
+
+class Mount {
+ public:
+   /// Tests nothing: what cannot be mounted is the mount group's to report.
+   Mount( Zek::String path, Zek::String typeName, Zek::String mode, MountFilter filter )
+      : path_( std::move( path ) ),
+        typeName_( std::move( typeName ) ),
+        mode_( std::move( mode ) ),
+        filter_( filter ) {}
+
+   /// Names from below the root, joined by "/": "ip/input/status".
+   const Zek::String & path() const { return path_; }
+   /// Full name of the entity's type: "Ip::Status".
+   const Zek::String & typeName() const { return typeName_; }
+   /// "r": read-only, with all below it. "ri": read-only, a directory with its direct entries.
+   const Zek::String & mode() const { return mode_; }
+   const MountFilter & filter() const { return filter_; }
+
+ private:
+   Zek::String path_;
+   Zek::String typeName_;
+   Zek::String mode_;
+   MountFilter filter_;
+};
+
+} // namespace Kelmo
