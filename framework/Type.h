@@ -17,6 +17,7 @@
 #include "framework/Name.h"
 #include "framework/Ptr.h"
 #include "framework/String.h"
+#include "framework/Wire.h"
 
 #include <bit>
 #include <concepts>
@@ -82,6 +83,11 @@ struct ValueOps {
    uint32_t ( *hash )( const void * );              // null when not hashed
    void ( *append )( const void *, std::string & ); // text form, as in a value's field
    bool ( *read )( std::string_view, void * );      // assigns; false when it is no such text
+   /// As in streams (framework/Wire.h); null for pointers, which travel as paths.
+   void ( *encode )( const void *, Wire::Encoder & );
+   /// Assigns; false, and the decoder says why, when there is no such value. Throws the type's
+   /// own RangeException for a value that is one but out of bounds.
+   bool ( *decode )( Wire::Decoder &, void * );
 };
 
 /// One enumerator: name and number.
@@ -356,6 +362,66 @@ hashCombine( uint32_t first, uint32_t second ) {
 }
 
 template< class T >
+void
+encodeField( const T & value, Wire::Encoder & out ) {
+   if constexpr( std::is_enum_v< T > ) {
+      out.u32( static_cast< uint32_t >( value ) );
+   } else if constexpr( std::is_same_v< T, bool > ) {
+      out.u8( value );
+   } else if constexpr( std::is_same_v< T, double > ) {
+      out.u64( std::bit_cast< uint64_t >( value ) );
+   } else if constexpr( std::is_integral_v< T > ) {
+      out.number( static_cast< std::make_unsigned_t< T > >( value ) );
+   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      out.text( value.view() );
+   } else if constexpr( requires { value.encodeTo( out ); } ) {
+      value.encodeTo( out );
+   } else {
+      Wire::encodeValue( TypeOf< T >::descriptor, &value, out );
+   }
+}
+
+template< class T >
+bool
+decodeField( Wire::Decoder & in, T & value ) {
+   if constexpr( std::is_enum_v< T > ) {
+      uint32_t number;
+      if( !in.u32( number ) ) return false;
+      auto signedNumber = static_cast< int32_t >( number );
+      if( !Wire::isEnumerator( TypeOf< T >::descriptor, signedNumber ) ) {
+         return in.fail( "an enumerator's number" );
+      }
+      value = static_cast< T >( signedNumber );
+      return true;
+   } else if constexpr( std::is_same_v< T, bool > ) {
+      uint8_t byte;
+      if( !in.u8( byte ) ) return false;
+      if( byte > 1 ) return in.fail( "0 or 1" );
+      value = byte != 0;
+      return true;
+   } else if constexpr( std::is_same_v< T, double > ) {
+      uint64_t bits;
+      if( !in.u64( bits ) ) return false;
+      value = std::bit_cast< double >( bits );
+      return true;
+   } else if constexpr( std::is_integral_v< T > ) {
+      std::make_unsigned_t< T > number;
+      if( !in.number( number, "a number" ) ) return false;
+      value = static_cast< T >( number );
+      return true;
+   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      std::string_view text;
+      if( !in.text( text ) ) return false;
+      if( value.view() != text ) value = T( text );
+      return true;
+   } else if constexpr( requires { T::decodeFrom( in, value ); } ) {
+      return T::decodeFrom( in, value );
+   } else {
+      return Wire::decodeValue( TypeOf< T >::descriptor, in, &value );
+   }
+}
+
+template< class T >
 struct ValueThunks {
    static const T & at( const void * p ) { return *static_cast< const T * >( p ); }
    static void construct( void * p ) { new( p ) T(); }
@@ -380,6 +446,13 @@ struct ValueThunks {
    static bool read( std::string_view text, void * p ) {
       return readField( text, *static_cast< T * >( p ) );
    }
+   static void encode( const void * p, Wire::Encoder & out ) {
+      if constexpr( !isPtr< T > ) encodeField( at( p ), out );
+   }
+   static bool decode( Wire::Decoder & in, void * p ) {
+      if constexpr( !isPtr< T > ) return decodeField( in, *static_cast< T * >( p ) );
+      return false;
+   }
 };
 
 /// The operations of T as a value.
@@ -395,6 +468,8 @@ inline constexpr ValueOps valueOps = {
    Hashed< T > ? &ValueThunks< T >::hash : nullptr,
    &ValueThunks< T >::append,
    &ValueThunks< T >::read,
+   isPtr< T > ? nullptr : &ValueThunks< T >::encode,
+   isPtr< T > ? nullptr : &ValueThunks< T >::decode,
 };
 
 } // namespace Zek

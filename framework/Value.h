@@ -58,6 +58,14 @@ class BoundedString {
       out = Derived( string );
       return true;
    }
+   void encodeTo( Wire::Encoder & out ) const { out.text( text_.view() ); }
+   /// Throws the length error for a text that is too long.
+   static bool decodeFrom( Wire::Decoder & in, Derived & out ) {
+      std::string_view text;
+      if( !in.text( text ) ) return false;
+      if( out.view() != text ) out = Derived( Zek::String( text ) );
+      return true;
+   }
 
  protected:
    BoundedString() = default;

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Zek {
@@ -71,6 +72,25 @@ class ValueSet {
    }
    /// Deliberate: a value with a collection has no text that reads back.
    static bool fromText( std::string_view, ValueSet & ) { return false; }
+   void encodeTo( Wire::Encoder & out ) const {
+      out.u32( static_cast< uint32_t >( keys_.size() ) );
+      for( const Key & key : keys_ ) encodeField( key, out );
+   }
+   static bool decodeFrom( Wire::Decoder & in, ValueSet & out ) {
+      uint32_t count;
+      if( !in.u32( count, "a count of keys" ) ) return false;
+      // Every key takes a byte at least.
+      if( count > in.left() ) return in.fail( "as many keys as were counted" );
+      std::vector< Key > keys;
+      for( ; count; --count ) {
+         Key key;
+         if( !decodeField( in, key ) ) return false;
+         if( !keys.empty() && !( keys.back() < key ) ) return in.fail( "keys in ascending order" );
+         keys.push_back( std::move( key ) );
+      }
+      out.keys_ = std::move( keys );
+      return true;
+   }
 
  private:
    std::vector< Key > keys_;

@@ -9,6 +9,7 @@
 #include "framework/Export.h"
 #include "framework/Name.h"
 #include "framework/String.h"
+#include "framework/Wire.h"
 
 #include <compare>
 #include <cstdint>
@@ -56,6 +57,9 @@ class IPSTATE_EXPORT IntfId {
       out = IntfId( text );
       return true;
    }
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, IntfId & out );
 
  private:
    Zek::Name name_;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Wire.h"
 #include "platform/Velon/IpAddr.h"
 #include "platform/Velon/Mix.h"
 
@@ -99,6 +100,9 @@ class IPSTATE_EXPORT Ip6Addr {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, Ip6Addr & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, Ip6Addr & out );
 
  private:
    using Bytes = std::array< uint8_t, 16 >;
@@ -156,6 +160,9 @@ class IPSTATE_EXPORT Ip6AddrWithMask {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, Ip6AddrWithMask & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, Ip6AddrWithMask & out );
 
  private:
    [[noreturn]] static void throwBadLength();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Wire.h"
 #include "platform/Velon/Mix.h"
 
 #include <array>
@@ -75,6 +76,9 @@ class IPSTATE_EXPORT IpAddr {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, IpAddr & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, IpAddr & out );
 
  private:
    static constexpr uint32_t swapped( uint32_t word ) {
@@ -119,6 +123,9 @@ class IPSTATE_EXPORT IpAddrWithMask {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, IpAddrWithMask & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, IpAddrWithMask & out );
 
  private:
    [[noreturn]] static void throwBadLength();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Wire.h"
 #include "platform/Velon/AddressFamily.h"
 #include "platform/Velon/Ip6Addr.h"
 #include "platform/Velon/IpAddr.h"
@@ -53,6 +54,9 @@ class IPSTATE_EXPORT IpGenAddr {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, IpGenAddr & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, IpGenAddr & out );
 
  private:
    AddressFamily af_ = AddressFamily::none;
@@ -111,6 +115,9 @@ class IPSTATE_EXPORT IpGenAddrWithMask {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, IpGenAddrWithMask & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, IpGenAddrWithMask & out );
 
  private:
    constexpr IpGenAddrWithMask( AddressFamily af, const Ip6Addr & addr, unsigned len )

@@ -7,6 +7,7 @@
 #include "framework/Exception.h"
 #include "framework/Export.h"
 #include "framework/String.h"
+#include "framework/Wire.h"
 
 #include <compare>
 #include <concepts>
@@ -57,6 +58,9 @@ class IPSTATE_EXPORT NamespaceName {
       out = NamespaceName( text );
       return true;
    }
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, NamespaceName & out );
 
  private:
    Zek::String name_;

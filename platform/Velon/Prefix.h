@@ -7,6 +7,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Wire.h"
 #include "platform/Velon/Ip6Addr.h"
 #include "platform/Velon/IpAddr.h"
 
@@ -53,6 +54,9 @@ class IPSTATE_EXPORT PrefixOf {
    void appendTo( std::string & out ) const { prefix_.appendTo( out ); }
    std::string toString() const { return prefix_.toString(); }
    static bool fromText( std::string_view text, PrefixOf & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, PrefixOf & out );
 
  private:
    WithMask prefix_;

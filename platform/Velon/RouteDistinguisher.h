@@ -10,6 +10,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/Wire.h"
 #include "platform/Velon/IpAddr.h"
 #include "platform/Velon/Mix.h"
 
@@ -52,6 +53,9 @@ class IPSTATE_EXPORT RouteDistinguisher {
    void appendTo( std::string & out ) const;
    std::string toString() const;
    static bool fromText( std::string_view text, RouteDistinguisher & out );
+   /// As in streams.
+   void encodeTo( Zek::Wire::Encoder & out ) const;
+   static bool decodeFrom( Zek::Wire::Decoder & in, RouteDistinguisher & out );
 
  private:
    uint64_t value_ = 0;

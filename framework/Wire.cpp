@@ -1,0 +1,140 @@
+#include "framework/Wire.h"
+
+#include "framework/Assert.h"
+#include "framework/Type.h"
+
+#include <array>
+#include <cstdlib>
+#include <new>
+
+namespace Zek::Wire {
+
+// -- Buffers ----------------------------------------------------------------------------------
+
+Buffer::~Buffer() {
+   std::free( data_ );
+}
+
+void
+Buffer::grow( size_t bytes ) {
+   size_t held = size();
+   if( begin_ >= capacity_ / 2 && held + bytes <= capacity_ ) {
+      std::memmove( data_, data_ + begin_, held );
+   } else {
+      size_t wanted = capacity_ * 2 + 256;
+      if( wanted < held + bytes ) wanted = held + bytes;
+      auto * grown = static_cast< uint8_t * >( std::malloc( wanted ) );
+      if( !grown ) throw std::bad_alloc();
+      if( held ) std::memcpy( grown, data_ + begin_, held );
+      std::free( data_ );
+      data_ = grown;
+      capacity_ = wanted;
+   }
+   begin_ = 0;
+   end_ = held;
+}
+
+bool
+Decoder::fail( const char * expected ) {
+   if( !expected_ ) {
+      expected_ = expected;
+      failedAt_ = offset();
+   }
+   at_ = end_;
+   return false;
+}
+
+// -- Value types ------------------------------------------------------------------------------
+
+void
+encodeValue( const TypeDescriptor & type, const void * value, Encoder & out ) {
+   for( const AttributeRow & field : type.attributes ) {
+      if( field.address ) field.stored->encode( field.address( value ), out );
+   }
+}
+
+bool
+decodeValue( const TypeDescriptor & type, Decoder & in, void * value ) {
+   for( const AttributeRow & field : type.attributes ) {
+      // Deliberate: the value is the caller's own, its fields are only reached by const rows.
+      if( field.address &&
+          !field.stored->decode( in, const_cast< void * >( field.address( value ) ) ) ) {
+         return false;
+      }
+   }
+   return true;
+}
+
+bool
+isEnumerator( const TypeDescriptor & type, int64_t value ) {
+   // Mostly they count from zero.
+   auto rows = type.enumerators;
+   if( value >= 0 && static_cast< size_t >( value ) < rows.size() &&
+       rows[static_cast< size_t >( value )].value == value ) {
+      return true;
+   }
+   for( const EnumeratorRow & row : rows ) {
+      if( row.value == value ) return true;
+   }
+   return false;
+}
+
+// -- Checksum ---------------------------------------------------------------------------------
+
+namespace {
+
+constexpr uint32_t polynomial = 0x82f63b78; // Castagnoli's, bits reflected
+
+constexpr std::array< uint32_t, 256 >
+makeTable() {
+   std::array< uint32_t, 256 > table{};
+   for( uint32_t i = 0; i < 256; ++i ) {
+      uint32_t crc = i;
+      for( int bit = 0; bit < 8; ++bit ) crc = crc >> 1 ^ ( crc & 1 ? polynomial : 0 );
+      table[i] = crc;
+   }
+   return table;
+}
+
+constexpr auto table = makeTable();
+
+uint32_t
+checksumByTable( const uint8_t * bytes, size_t count ) {
+   uint32_t crc = ~uint32_t( 0 );
+   for( ; count; --count ) crc = crc >> 8 ^ table[( crc ^ *bytes++ ) & 0xff];
+   return ~crc;
+}
+
+#ifdef __x86_64__
+
+__attribute__( ( target( "sse4.2" ) ) ) uint32_t
+checksumByInstruction( const uint8_t * bytes, size_t count ) {
+   uint64_t crc = ~uint32_t( 0 );
+   for( ; count >= 8; count -= 8, bytes += 8 ) {
+      uint64_t word;
+      std::memcpy( &word, bytes, sizeof word );
+      crc = __builtin_ia32_crc32di( crc, word );
+   }
+   auto last = static_cast< uint32_t >( crc );
+   for( ; count; --count ) last = __builtin_ia32_crc32qi( last, *bytes++ );
+   return ~last;
+}
+
+const bool hasInstruction = __builtin_cpu_supports( "sse4.2" );
+
+#endif
+
+} // namespace
+
+uint32_t
+checksum( const void * bytes, size_t count ) {
+   auto * at = static_cast< const uint8_t * >( bytes );
+#ifdef __x86_64__
+   if( hasInstruction ) [[likely]] {
+      return checksumByInstruction( at, count );
+   }
+#endif
+   return checksumByTable( at, count );
+}
+
+} // namespace Zek::Wire

@@ -1,0 +1,193 @@
+// Values as bytes, for streams between processes.
+//
+// Numbers stand in network byte order. bool: one byte, 0 or 1. double: its IEEE 754 bits.
+// Strings and names: a 32-bit count of bytes, then the bytes. Enumerations: their number in 32
+// bits. Value types: their fields in declaration order; sets: a 32-bit count, then the keys
+// ascending. Types written by hand say for themselves (encodeTo, decodeFrom).
+//
+// What is read may come from anyone: a Decoder never reads behind its end, and says what it
+// expected at which offset when it fails.
+
+#pragma once
+
+#include "framework/Export.h"
+#include "framework/Name.h"
+#include "framework/String.h"
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace Zek {
+
+struct TypeDescriptor;
+
+namespace Wire {
+
+template< class U >
+constexpr U
+networkOrder( U value ) {
+   if constexpr( sizeof( U ) == 1 || std::endian::native == std::endian::big ) {
+      return value;
+   } else if constexpr( sizeof( U ) == 2 ) {
+      return __builtin_bswap16( value );
+   } else if constexpr( sizeof( U ) == 4 ) {
+      return __builtin_bswap32( value );
+   } else {
+      return __builtin_bswap64( value );
+   }
+}
+
+/// Bytes in one piece: written at the end, taken from the front.
+class IPSTATE_EXPORT Buffer {
+ public:
+   Buffer() = default;
+   Buffer( const Buffer & ) = delete;
+   Buffer & operator=( const Buffer & ) = delete;
+   ~Buffer();
+
+   const uint8_t * data() const { return data_ + begin_; }
+   size_t size() const { return end_ - begin_; }
+   bool empty() const { return begin_ == end_; }
+   std::string_view view() const { return { reinterpret_cast< const char * >( data() ), size() }; }
+
+   /// Room for `bytes` more; where they go. They count once written() says so.
+   uint8_t * room( size_t bytes ) {
+      if( capacity_ - end_ < bytes ) [[unlikely]] {
+         grow( bytes );
+      }
+      return data_ + end_;
+   }
+   void written( size_t bytes ) { end_ += bytes; }
+   void append( const void * bytes, size_t count ) {
+      if( count == 0 ) return;
+      std::memcpy( room( count ), bytes, count );
+      written( count );
+   }
+   /// Gives up the first bytes.
+   void consume( size_t bytes ) {
+      begin_ += bytes;
+      if( begin_ == end_ ) begin_ = end_ = 0;
+   }
+   /// Gives up the bytes behind the first `size`.
+   void truncate( size_t size ) { end_ = begin_ + size; }
+   void clear() { begin_ = end_ = 0; }
+   /// A byte written earlier, counted from the front.
+   uint8_t * at( size_t offset ) { return data_ + begin_ + offset; }
+
+ private:
+   void grow( size_t bytes );
+
+   uint8_t * data_ = nullptr;
+   size_t begin_ = 0;
+   size_t end_ = 0;
+   size_t capacity_ = 0;
+};
+
+/// Writes to a buffer.
+class Encoder {
+ public:
+   explicit Encoder( Buffer & buffer ) : buffer_( buffer ) {}
+
+   template< class U >
+   void number( U value ) {
+      static_assert( std::is_unsigned_v< U > );
+      value = networkOrder( value );
+      std::memcpy( buffer_.room( sizeof value ), &value, sizeof value );
+      buffer_.written( sizeof value );
+   }
+   void u8( uint8_t value ) { number( value ); }
+   void u16( uint16_t value ) { number( value ); }
+   void u32( uint32_t value ) { number( value ); }
+   void u64( uint64_t value ) { number( value ); }
+   void bytes( const void * bytes, size_t count ) { buffer_.append( bytes, count ); }
+   void text( std::string_view text ) {
+      u32( static_cast< uint32_t >( text.size() ) );
+      bytes( text.data(), text.size() );
+   }
+   Buffer & buffer() const { return buffer_; }
+
+ private:
+   Buffer & buffer_;
+};
+
+/// Reads a range of bytes that must outlive it. After a failure every read fails.
+class IPSTATE_EXPORT Decoder {
+ public:
+   Decoder( const void * bytes, size_t count )
+      : begin_( static_cast< const uint8_t * >( bytes ) ),
+        at_( begin_ ),
+        end_( begin_ + count ) {}
+
+   size_t left() const { return static_cast< size_t >( end_ - at_ ); }
+   size_t offset() const { return static_cast< size_t >( at_ - begin_ ); }
+   const uint8_t * at() const { return at_; }
+
+   template< class U >
+   bool number( U & value, const char * expected ) {
+      static_assert( std::is_unsigned_v< U > );
+      if( left() < sizeof value ) [[unlikely]] {
+         return fail( expected );
+      }
+      std::memcpy( &value, at_, sizeof value );
+      value = networkOrder( value );
+      at_ += sizeof value;
+      return true;
+   }
+   bool u8( uint8_t & value, const char * expected = "a byte" ) {
+      return number( value, expected );
+   }
+   bool u16( uint16_t & value, const char * expected = "a 16-bit number" ) {
+      return number( value, expected );
+   }
+   bool u32( uint32_t & value, const char * expected = "a 32-bit number" ) {
+      return number( value, expected );
+   }
+   bool u64( uint64_t & value, const char * expected = "a 64-bit number" ) {
+      return number( value, expected );
+   }
+   /// The next `count` bytes.
+   bool bytes( const uint8_t *& bytes, size_t count, const char * expected = "more bytes" ) {
+      if( left() < count ) return fail( expected );
+      bytes = at_;
+      at_ += count;
+      return true;
+   }
+   bool text( std::string_view & text, const char * expected = "a text" ) {
+      uint32_t size;
+      const uint8_t * first;
+      if( !u32( size, expected ) || !bytes( first, size, expected ) ) return false;
+      text = { reinterpret_cast< const char * >( first ), size };
+      return true;
+   }
+   /// Passes over bytes that the caller knows to be there.
+   void skip( size_t count ) { at_ += count; }
+
+   /// Fails here; false. `expected` must live as long as the decoder.
+   bool fail( const char * expected );
+   bool failed() const { return expected_ != nullptr; }
+   const char * expected() const { return expected_; }
+   size_t failedAt() const { return failedAt_; }
+
+ private:
+   const uint8_t * begin_;
+   const uint8_t * at_;
+   const uint8_t * end_;
+   const char * expected_ = nullptr;
+   size_t failedAt_ = 0;
+};
+
+IPSTATE_EXPORT void encodeValue( const TypeDescriptor & type, const void * value, Encoder & out );
+/// Assigns all fields or, when false, some.
+IPSTATE_EXPORT bool decodeValue( const TypeDescriptor & type, Decoder & in, void * value );
+/// True for an enumerator's number.
+IPSTATE_EXPORT bool isEnumerator( const TypeDescriptor & type, int64_t value );
+
+/// CRC-32C (RFC 3720, 12.1) of the bytes.
+IPSTATE_EXPORT uint32_t checksum( const void * bytes, size_t count );
+
+} // namespace Wire
+} // namespace Zek
