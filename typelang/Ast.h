@@ -254,6 +254,7 @@ struct Function {
    std::vector< std::string > scope;
    std::vector< Argument > arguments;
    TypeRef result; // empty: void
+   Expr init;      // `const`: the value it returns; without one it is written by hand
 };
 
 /// One line of a schema file outside the types, in order, so that output follows the file.

@@ -242,6 +242,16 @@ class Checker {
       for( Argument & a : f.arguments ) {
          resolve( schema, f.scope, a.type );
       }
+      if( f.init ) constantValue( f.init, f.result, nullptr, f.name );
+   }
+
+   void constantValue( const Expr & init, const TypeRef & type, const Type * within,
+                       const std::string & name ) {
+      if( type.type && type.type->isCounted() ) {
+         error( type.span, "a constant is a value" );
+      } else {
+         fits( init, type, within, "'" + name + "'" );
+      }
    }
 
    // -- Bases ---------------------------------------------------------------------------------
@@ -402,12 +412,8 @@ class Checker {
          attribute( t, m );
          break;
       case MemberKind::constant:
-         if( m.type.type->isCounted() ) {
-            error( m.type.span, "a constant is a value" );
-         } else {
-            fits( m.init, m.type, &t, "'" + m.name + "'" );
-            earlier( t, m );
-         }
+         constantValue( m.init, m.type, &t, m.name );
+         if( !m.type.type->isCounted() ) earlier( t, m );
          break;
       case MemberKind::derived:
          derived( t, m );

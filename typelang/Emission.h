@@ -15,6 +15,7 @@ struct Emission {
    std::string globalDeclaration;         // header, outside all namespaces
    std::string definition;                // source, inside the scope
    std::string globalDefinition;          // source, outside all namespaces
+   std::string constant;                  // function that makes a constant of the model
    std::vector< std::string > registered; // descriptors to register, in order
 };
 

@@ -119,8 +119,9 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
 
 )";
    Scopes scopes( out );
-   std::string registrations;
+   std::string constants, registrations;
    for( const Emission & emission : emissions ) {
+      if( !emission.constant.empty() ) constants += "      " + emission.constant + "();\n";
       if( !emission.definition.empty() ) {
          scopes.enter( emission.scope );
          out += emission.definition + "\n";
@@ -134,11 +135,10 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
       }
    }
    scopes.leave();
-   if( !registrations.empty() ) {
-      out += "// Registers the types of this file when the library is loaded.\nnamespace {\n\n"
-             "struct Initialiser {\n   Initialiser() {\n" +
-             registrations + "   }\n} initialiser;\n\n} // namespace\n";
-   }
+   out +=
+      "// Makes the constants and registers the types of this file when the library is loaded.\n"
+      "namespace {\n\nstruct Initialiser {\n   Initialiser() {\n" +
+      constants + registrations + "   }\n} initialiser;\n\n} // namespace\n";
    while( out.size() > 1 && out[out.size() - 2] == '\n' && out.back() == '\n' ) out.pop_back();
    return out;
 }
@@ -158,6 +158,14 @@ emitFunction( const Function & function ) {
       call( "IPSTATE_EXPORT " + ( function.result ? cppStored( function.result ) : "void" ) + " " +
                function.name,
             arguments, ";\n", 0 );
+   if( function.init ) {
+      // Inside a function, for the initialisers of other files: theirs may run before this one's.
+      const std::string type = cppStored( function.result );
+      out.constant = joined( function.scope, "::" ) + "::" + function.name;
+      out.definition = type + "\n" + function.name + "() {\n   static const " + type + " value{ " +
+                       cppExpression( function.init, function.result, nullptr ) +
+                       " };\n   return value;\n}\n";
+   }
    return out;
 }
 

@@ -184,6 +184,7 @@ class Parser {
       }
       if( word.text == "scope" ) return scope();
       if( word.text == "function" ) return function( doc );
+      if( word.text == "const" ) return constant( doc );
       static const std::set< std::string > kinds{ "enum",    "value", "string",  "entity", "object",
                                                   "machine", "view",  "binding", "foreign" };
       if( !kinds.count( word.text ) ) {
@@ -240,6 +241,24 @@ class Parser {
       f.span = name.span;
       f.arguments = arguments();
       if( !lineOver() ) f.result = typeRef();
+      functionIs( std::move( f ) );
+   }
+
+   /// A constant of the model: a function that returns it.
+   void constant( const std::string & doc ) {
+      Function f;
+      f.doc = doc;
+      f.scope = scope_;
+      Token name = newName( "the constant's name" );
+      f.name = name.text;
+      f.span = name.span;
+      f.result = typeRef();
+      expect( "=", "and the constant's value" );
+      f.init = expression();
+      functionIs( std::move( f ) );
+   }
+
+   void functionIs( Function f ) {
       endOfLine();
       schema_.functions.push_back( std::move( f ) );
       schema_.items.push_back( { nullptr, &schema_.functions.back() } );

@@ -207,6 +207,7 @@ TEST( SampleValues, enumerationsGoOnFromTheLastNumber ) {
    EXPECT_EQ( printed( Plain::Phase::busy ), "busy" );
    EXPECT_EQ( static_cast< int >( Plain::busy ), 300 );
    EXPECT_EQ( rankOf( green ), high );
+   EXPECT_EQ( greeting(), "hello" );
    EXPECT_EQ( high, -1 );
 }
 

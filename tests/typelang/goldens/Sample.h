@@ -1278,4 +1278,8 @@ IPSTATE_EXPORT Zek::Ptr< Follower > followerFactory(
    const Zek::Ptr< Sample::Counts > & counts,
    const Zek::Ptr< const Sample::Owner > & owner );
 
+// tests/typelang/Sample/Sample.zek:154
+/// A constant of the model.
+IPSTATE_EXPORT Zek::String greeting();
+
 } // namespace Sample
