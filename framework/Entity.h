@@ -16,6 +16,7 @@
 #include "framework/Notifier.h"
 #include "framework/Ptr.h"
 #include "framework/String.h"
+#include "framework/Text.h"
 #include "framework/Type.h"
 
 namespace Zek {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "framework/String.h"
+#include "framework/Text.h"
 #include "framework/Type.h"
 
 namespace Zek {

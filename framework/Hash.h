@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -84,6 +85,25 @@ reversedHashOf( const Key & key ) {
    } else {
       return bitReverse( hashOf( key ) );
    }
+}
+
+/// The hash of a field of a value.
+template< class T >
+uint32_t
+hashField( const T & value ) {
+   if constexpr( std::is_floating_point_v< T > ) {
+      static_assert( sizeof( T ) == sizeof( uint64_t ) );
+      // Equal values hash alike: 0.0 and -0.0 compare equal.
+      return hashNumber( std::bit_cast< uint64_t >( value == 0 ? T( 0 ) : value ) );
+   } else {
+      return hashOf( value );
+   }
+}
+
+/// The hash of two fields, in their order.
+inline uint32_t
+hashCombine( uint32_t first, uint32_t second ) {
+   return hashNumber( static_cast< uint64_t >( first ) << 32 | second );
 }
 
 } // namespace Zek

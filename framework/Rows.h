@@ -6,6 +6,7 @@
 #pragma once
 
 #include "framework/Type.h"
+#include "framework/ValueOps.h"
 
 #include <type_traits>
 #include <utility>

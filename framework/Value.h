@@ -4,6 +4,7 @@
 
 #include "framework/Exception.h"
 #include "framework/String.h"
+#include "framework/Text.h"
 #include "framework/Type.h"
 #include "framework/ValueSet.h"
 

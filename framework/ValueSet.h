@@ -6,7 +6,9 @@
 #pragma once
 
 #include "framework/Export.h"
-#include "framework/Type.h"
+#include "framework/Hash.h"
+#include "framework/Text.h"
+#include "framework/ValueOps.h"
 
 #include <algorithm>
 #include <string>

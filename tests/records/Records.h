@@ -7,6 +7,7 @@
 #include "framework/Exception.h"
 #include "framework/Relay.h"
 #include "framework/Type.h"
+#include "framework/ValueOps.h"
 
 #include <gtest/gtest.h>
 

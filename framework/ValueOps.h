@@ -1,0 +1,141 @@
+// The operations of a C++ type as a value, for its descriptor.
+
+#pragma once
+
+#include "framework/Hash.h"
+#include "framework/Text.h"
+#include "framework/Type.h"
+#include "framework/Wire.h"
+
+#include <bit>
+#include <concepts>
+#include <cstdint>
+#include <new>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Zek {
+
+template< class T >
+concept Ordered = requires( const T & a ) {
+   { a < a } -> std::convertible_to< bool >;
+};
+
+template< class T >
+concept Hashed = std::is_arithmetic_v< T > || std::is_enum_v< T > || requires( const T & a ) {
+   { a.hash() } -> std::convertible_to< uint32_t >;
+};
+
+template< class T >
+void
+encodeField( const T & value, Wire::Encoder & out ) {
+   if constexpr( std::is_enum_v< T > ) {
+      out.u32( static_cast< uint32_t >( value ) );
+   } else if constexpr( std::is_same_v< T, bool > ) {
+      out.u8( value );
+   } else if constexpr( std::is_same_v< T, double > ) {
+      out.u64( std::bit_cast< uint64_t >( value ) );
+   } else if constexpr( std::is_integral_v< T > ) {
+      out.number( static_cast< std::make_unsigned_t< T > >( value ) );
+   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      out.text( value.view() );
+   } else if constexpr( requires { value.encodeTo( out ); } ) {
+      value.encodeTo( out );
+   } else {
+      Wire::encodeValue( TypeOf< T >::descriptor, &value, out );
+   }
+}
+
+template< class T >
+bool
+decodeField( Wire::Decoder & in, T & value ) {
+   if constexpr( std::is_enum_v< T > ) {
+      uint32_t number;
+      if( !in.u32( number ) ) return false;
+      auto signedNumber = static_cast< int32_t >( number );
+      if( !Wire::isEnumerator( TypeOf< T >::descriptor, signedNumber ) ) {
+         return in.fail( "an enumerator's number" );
+      }
+      value = static_cast< T >( signedNumber );
+      return true;
+   } else if constexpr( std::is_same_v< T, bool > ) {
+      uint8_t byte;
+      if( !in.u8( byte ) ) return false;
+      if( byte > 1 ) return in.fail( "0 or 1" );
+      value = byte != 0;
+      return true;
+   } else if constexpr( std::is_same_v< T, double > ) {
+      uint64_t bits;
+      if( !in.u64( bits ) ) return false;
+      value = std::bit_cast< double >( bits );
+      return true;
+   } else if constexpr( std::is_integral_v< T > ) {
+      std::make_unsigned_t< T > number;
+      if( !in.number( number, "a number" ) ) return false;
+      value = static_cast< T >( number );
+      return true;
+   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+      std::string_view text;
+      if( !in.text( text ) ) return false;
+      if( value.view() != text ) value = T( text );
+      return true;
+   } else if constexpr( requires { T::decodeFrom( in, value ); } ) {
+      return T::decodeFrom( in, value );
+   } else {
+      return Wire::decodeValue( TypeOf< T >::descriptor, in, &value );
+   }
+}
+
+template< class T >
+struct ValueThunks {
+   static const T & at( const void * p ) { return *static_cast< const T * >( p ); }
+   static void construct( void * p ) { new( p ) T(); }
+   static void copy( void * p, const void * from ) { new( p ) T( at( from ) ); }
+   static void destroy( void * p ) { static_cast< T * >( p )->~T(); }
+   static bool equal( const void * a, const void * b ) { return at( a ) == at( b ); }
+   static bool less( const void * a, const void * b ) {
+      if constexpr( Ordered< T > ) {
+         return at( a ) < at( b );
+      } else {
+         return false;
+      }
+   }
+   static uint32_t hash( const void * p ) {
+      if constexpr( Hashed< T > ) {
+         return hashField( at( p ) );
+      } else {
+         return 0;
+      }
+   }
+   static void append( const void * p, std::string & out ) { appendField( at( p ), out ); }
+   static bool read( std::string_view text, void * p ) {
+      return readField( text, *static_cast< T * >( p ) );
+   }
+   static void encode( const void * p, Wire::Encoder & out ) {
+      if constexpr( !isPtr< T > ) encodeField( at( p ), out );
+   }
+   static bool decode( Wire::Decoder & in, void * p ) {
+      if constexpr( !isPtr< T > ) return decodeField( in, *static_cast< T * >( p ) );
+      return false;
+   }
+};
+
+/// The operations of T as a value.
+template< class T >
+inline constexpr ValueOps valueOps = {
+   sizeof( T ),
+   alignof( T ),
+   &ValueThunks< T >::construct,
+   &ValueThunks< T >::copy,
+   &ValueThunks< T >::destroy,
+   &ValueThunks< T >::equal,
+   Ordered< T > ? &ValueThunks< T >::less : nullptr,
+   Hashed< T > ? &ValueThunks< T >::hash : nullptr,
+   &ValueThunks< T >::append,
+   &ValueThunks< T >::read,
+   isPtr< T > ? nullptr : &ValueThunks< T >::encode,
+   isPtr< T > ? nullptr : &ValueThunks< T >::decode,
+};
+
+} // namespace Zek
