@@ -1,5 +1,5 @@
 #include "agents/ipstated/Explain.h"
-#include "agents/ipstated/Watch.h"
+#include "agents/ipstated/Reflect.h"
 
 #include "framework/Assert.h"
 

@@ -1,5 +1,5 @@
 #include "agents/ipstated/Sources.h"
-#include "agents/ipstated/Watch.h"
+#include "agents/ipstated/Reflect.h"
 
 #include "Ip/SrcIntf.h"
 #include "IpGen/IpGenIntfSm.h"

@@ -1,5 +1,5 @@
 #include "agents/ipstated/Table.h"
-#include "agents/ipstated/Watch.h"
+#include "agents/ipstated/Reflect.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,7 @@
 #include "agents/ipstated/Watch.h"
 
+#include "agents/ipstated/Reflect.h"
+
 #include <utility>
 
 namespace Ipstated {
@@ -8,38 +10,6 @@ namespace {
 
 const std::string absent = "-";
 const std::string present = "+";
-
-template< class Visit >
-void
-forEachRow( const Zek::TypeDescriptor & type, Visit visit ) {
-   for( const Zek::TypeDescriptor * part = &type; part; part = part->base ) {
-      for( const Zek::AttributeRow & row : part->attributes ) {
-         visit( row );
-      }
-   }
-}
-
-std::string
-memberName( const Zek::AttributeRow & row, const void * key ) {
-   std::string name = row.name;
-   name += '[';
-   row.keyType->values->append( key, name );
-   name += ']';
-   return name;
-}
-
-/// Calls `use` with the address of the member's key.
-template< class Use >
-void
-withKey( const Zek::AttributeRow & row, const Zek::PtrInterface & member, Use use ) {
-   if( row.collection->memberKey ) {
-      use( row.collection->memberKey( &member ) );
-   } else {
-      // A child of a directory, whose key is its name.
-      const Zek::String name( dynamic_cast< const Zek::Entity & >( member ).name().view() );
-      use( &name );
-   }
-}
 
 /// Whether the collection's members belong to the record, as the children of a directory do.
 bool
@@ -53,22 +23,6 @@ isStored( const Zek::AttributeRow & row ) {
 }
 
 } // namespace
-
-std::string
-printable( std::string_view text ) {
-   static const char digits[] = "0123456789abcdef";
-   std::string result;
-   for( char each : text ) {
-      if( each >= 0x20 && each < 0x7f ) {
-         result += each;
-      } else {
-         result += "\\x";
-         result += digits[uint8_t( each ) >> 4];
-         result += digits[uint8_t( each ) & 15];
-      }
-   }
-   return result;
-}
 
 Watch::Watch( const Zek::Entity & record, Sink sink )
    : Watch( record, std::make_shared< Sink >( std::move( sink ) ) ) {}
@@ -85,19 +39,15 @@ Watch::~Watch() = default;
 void
 Watch::attach() {
    const Zek::TypeDescriptor & type = *record_.fwkType();
-   forEachRow( type, [&]( const Zek::AttributeRow & row ) {
-      if( isStored( row ) ) {
-         values_[row.id] = textOf( row );
-      } else if( row.collection ) {
-         const Zek::PtrInterface * member = row.collection->first( &record_ );
-         while( member ) {
-            withKey( row, *member, [&]( const void * key ) {
-               members_[memberName( row, key )] = memberOf( row, *member );
-               member = row.collection->after( &record_, key );
-            } );
-         }
+   for( const Zek::AttributeRow * row : rowsOf( type ) ) {
+      if( isStored( *row ) ) {
+         values_[row->id] = textOf( *row );
+      } else if( row->collection ) {
+         forEachMember( record_, *row, [&]( const Zek::PtrInterface & member, const void * key ) {
+            members_[memberName( *row, key )] = memberOf( *row, member );
+         } );
       }
-   } );
+   }
    if( type.relay ) {
       relay_ = type.relay( record_, *this );
    }
@@ -115,8 +65,7 @@ Watch::memberOf( const Zek::AttributeRow & row, const Zek::PtrInterface & member
    Member known;
    known.object = &member;
    known.text = present;
-   const void * value =
-      row.collection->memberValue ? row.collection->memberValue( &member ) : nullptr;
+   const void * value = valueOf( row, member );
    if( value && !row.has( Zek::keyIsField ) ) {
       known.text.clear();
       row.type->values->append( value, known.text );

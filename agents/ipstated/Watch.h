@@ -19,14 +19,9 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 namespace Ipstated {
-
-/// `text` with everything that is not printable ASCII written as \xNN: names come from whoever
-/// may make interfaces, and a terminal obeys some bytes.
-std::string printable( std::string_view text );
 
 class Watch : private Zek::AttributeSink {
  public:

@@ -3,11 +3,14 @@
 // Prints the table of all interfaces, then, if asked, why each would send from which address to a
 // destination, then the addresses of registered source interfaces, then a line for every
 // notification until interrupted. Ends before the last with --once, and where standard output is
-// no terminal unless --follow is given.
+// no terminal unless --follow is given. With --dump, prints a part of the tree instead; with
+// --types, the types that it is made of.
 
+#include "agents/ipstated/Dump.h"
 #include "agents/ipstated/Explain.h"
 #include "agents/ipstated/KernelFeed.h"
 #include "agents/ipstated/Mirror.h"
+#include "agents/ipstated/Reflect.h"
 #include "agents/ipstated/Sources.h"
 #include "agents/ipstated/Table.h"
 #include "agents/ipstated/Watch.h"
@@ -153,6 +156,9 @@ timeoutOf( const KernelFeed & feed ) {
 
 struct Options {
    bool follow = false;
+   bool types = false;
+   std::optional< std::string > dumped; ///< full name of a record
+   bool json = false;
    std::vector< std::string > sourceIntfs;
    std::optional< Velon::Ip6Addr > explained; ///< destination
    NetlinkSource::Options source;
@@ -164,6 +170,11 @@ run( const Options & options ) {
    EndSignals signals;
    Output output( signals );
    auto writeLine = [&]( const std::string & line ) { output.write( line + "\n" ); };
+   if( options.types ) {
+      output.write( typeNames() );
+      output.check();
+      return;
+   }
    Mirror mirror( Cell::cellId(), []( const std::string & text ) {
       fprintf( stderr, "ipstated: %s\n", printable( text ).c_str() );
    } );
@@ -172,9 +183,20 @@ run( const Options & options ) {
    std::unique_ptr< Watch > watch;
    std::unique_ptr< Sources > sources;
    bool shown = false;
+   std::exception_ptr fault; // of what is called by the feed, which nothing must be thrown through
    mirror.onFullDump = [&] {
       if( std::exchange( shown, true ) ) {
          return; // what later dumps bring to light is told as notifications
+      }
+      if( options.dumped ) {
+         try {
+            const Zek::Entity::PtrConst record = recordAt( *mirror.root(), *options.dumped );
+            output.write( options.json ? dumpJson( *record ) : dumpText( *record ) );
+         } catch( ... ) {
+            fault = std::current_exception();
+         }
+         output.close();
+         return;
       }
       output.write( table( mirror.ipStatus(), mirror.ip6Status() ) );
       if( options.explained ) {
@@ -216,6 +238,9 @@ run( const Options & options ) {
       if( feed.deadline() && *feed.deadline() <= now ) {
          feed.onDeadline( now );
       }
+   }
+   if( fault ) {
+      std::rethrow_exception( fault );
    }
    output.check();
 }
@@ -271,6 +296,21 @@ main( int argc, char ** argv ) {
                    "Show from which address each interface would send to this IPv6 one, and why" )
       ->check( CLI::Validator( faultOfDestination, "" ) )
       ->type_name( "DEST" );
+   std::string dumped;
+   bool wantsDump = false;
+   auto types = app.add_flag( "--types", options.types, "Show the names of all record types" );
+   auto dump = app.add_flag( "--dump", wantsDump,
+                             "Show the record of the full name PATH and what is below "
+                             "it; all records without PATH" );
+   app.add_flag( "--json", options.json, "Show it as JSON" )->needs( dump );
+   app.add_option( "PATH", dumped, "Full name of a record, as ip/status" )
+      ->needs( dump )
+      ->type_name( "" );
+   for( const char * other : { "--once", "--follow", "--source-intf", "--explain-source" } ) {
+      types->excludes( other );
+      dump->excludes( other );
+   }
+   types->excludes( dump );
    app.add_option( "--poll-interval", poll, "Between reading what the kernel tells no event of" )
       ->check( CLI::Range( 0.05, 86400.0 ) )
       ->type_name( "SECONDS" )
@@ -286,6 +326,9 @@ main( int argc, char ** argv ) {
       return app.exit( error ) == 0 ? 0 : badUsage;
    }
 
+   if( wantsDump ) {
+      options.dumped = dumped;
+   }
    options.follow = follow || ( !once && isatty( STDOUT_FILENO ) );
    if( !explained.empty() ) {
       options.explained = Velon::Ip6Addr( explained );

@@ -10,6 +10,7 @@
 #include "IpGen/SrcGenIntf.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -170,8 +171,11 @@ TEST( ProgramTest, BadOptionsAreRefusedWithTheReason ) {
       { "--source-intf ''", "--source-intf: '' cannot be an interface's name" },
       { "--source-intf abcdefghijklmnop",
         "--source-intf: 'abcdefghijklmnop' cannot be an interface's name" },
-      { "eth0", "The following argument was not expected: eth0" },
+      { "eth0", "PATH requires --dump" },
+      { "--dump ip ip6", "The following argument was not expected: ip6" },
       { "--once --follow", "--once excludes --follow" },
+      { "--json", "--json requires --dump" },
+      { "--dump --follow", "--follow excludes --dump" },
    };
    for( const auto & each : cases ) {
       SCOPED_TRACE( each.options );
@@ -179,6 +183,87 @@ TEST( ProgramTest, BadOptionsAreRefusedWithTheReason ) {
       EXPECT_EQ( program.status(), 2 );
       EXPECT_EQ( program.allErrors(),
                  std::string( "ipstated: " ) + each.text + "\nTry 'ipstated --help'.\n" );
+      EXPECT_EQ( program.allOutput(), "" );
+   }
+}
+
+TEST( ProgramTest, NamesTheTypes ) {
+   Program program( "--types" );
+   Lines names;
+   while( const auto name = program.line() ) {
+      names.push_back( *name );
+   }
+   EXPECT_EQ( program.status(), 0 );
+   EXPECT_EQ( names.size(), 101u );
+   EXPECT_TRUE( std::is_sorted( names.begin(), names.end() ) );
+   EXPECT_EQ( names.front(), "Ip6::AcceptDad" );
+}
+
+using DumpTest = NamespaceTest;
+
+std::string
+dump( const std::string & options ) {
+   Program program( "--dump " + options );
+   const std::string output = program.allOutput();
+   EXPECT_EQ( program.status(), 0 ) << program.allErrors();
+   return output;
+}
+
+TEST_F( DumpTest, ShowsAnyPartAsText ) {
+   ip( { "addr add 10.0.0.1/24 dev v0", "addr add 10.0.0.2/24 dev v0" } );
+   const std::string path = "cell/1/ip/input/status-1/ipIntfStatus[v0]";
+   const std::string text = dump( "'" + path + "'" );
+   EXPECT_EQ( text.rfind( path + "  Ip::IpIntfStatus\n   intfId = v0\n"
+                                 "   activeAddrWithMask = 10.0.0.1/24\n"
+                                 "   activeSecondaryWithMask[10.0.0.2/24] = true\n",
+                          0 ),
+              0u )
+      << text;
+   EXPECT_NE( text.find( "\n   l3Status = cell/1/l3/intf/input/status-1/intfStatus[v0]\n" ),
+              std::string::npos )
+      << text;
+   EXPECT_EQ( text.find( "Default" ), std::string::npos ) << "constants:\n" << text;
+   const std::string vrf = dump( "ip/status" );
+   EXPECT_NE( vrf.find( "\n   vrfIpIntfStatus[default]  Ip::VrfIpIntfStatus\n"
+                        "      vrfName = default\n      ipIntfStatus[lo] = cell/1/" ),
+              std::string::npos )
+      << vrf;
+   // The whole has each record once.
+   const std::string all = dump( "" );
+   EXPECT_EQ( all.find( "[v0]  Ip::IpIntfStatus" ), all.rfind( "[v0]  Ip::IpIntfStatus" ) );
+   EXPECT_EQ( all.rfind( "Zek::Dir\n   cell  Zek::Dir\n", 0 ), 0u ) << all;
+}
+
+TEST_F( DumpTest, ShowsJsonWhateverTheNames ) {
+   const std::string odd = "a]\xff\xc3"; // no UTF-8
+   ASSERT_TRUE( ip(
+      { "link add " + odd + " type veth peer name \u00fc", "addr add 10.0.0.1/24 dev " + odd } ) );
+   const std::string text = dump( "--json" );
+   EXPECT_EQ( text, dump( "--json" ) );
+   const auto root = nlohmann::json::parse( text ); // refuses bad UTF-8
+   EXPECT_EQ( root["fwkType"], "Zek::Dir" );
+   const auto & status = root["entity"]["ip"]["entity"]["status"];
+   const std::string path = "cell/1/ip/input/status-1/ipIntfStatus[\u00fc]";
+   EXPECT_EQ( status["ipIntfStatus"]["\u00fc"], path );
+   EXPECT_EQ( nlohmann::json::parse( dump( "--json '" + path + "'" ) )["intfId"], "\u00fc" );
+   const auto & inputs = root["entity"]["cell"]["entity"]["1"]["entity"];
+   const auto & record =
+      inputs["ip"]["entity"]["input"]["entity"]["status-1"]["ipIntfStatus"]["a]\\xff\\xc3"];
+   EXPECT_EQ( record["activeAddrWithMask"], "10.0.0.1/24" );
+   EXPECT_EQ( record["maxMssEgress"], 0 );
+   EXPECT_EQ( record["attachedRoutes"], true );
+   EXPECT_EQ( record["urpf"], ( nlohmann::json{ { "mode", "disable" }, { "acl", "" } } ) );
+   EXPECT_TRUE( record["mcaddr"].is_object() );
+}
+
+TEST_F( DumpTest, NamesTheNearestRecordOfAnUnknownPath ) {
+   for( const auto & [path, nearest] :
+        { std::pair( "ip/state", "'ip'" ), std::pair( "nowhere", "the root" ),
+          std::pair( "ip/status/a/b", "'ip/status'" ) } ) {
+      Program program( std::string( "--dump " ) + path );
+      EXPECT_EQ( program.status(), 1 );
+      EXPECT_EQ( program.allErrors(), std::string( "ipstated: no record '" ) + path +
+                                         "'; the nearest above it is " + nearest + "\n" );
       EXPECT_EQ( program.allOutput(), "" );
    }
 }
