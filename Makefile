@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 export JOBS
 
-.PHONY: run build test bench format tidy install clean
+.PHONY: run build test bench reference format tidy install clean
 
 # Mirrors this machine's kernel. Where standard output is no terminal, ipstated ends after the
 # table; so that only the table is there, the build speaks on standard error.
@@ -29,6 +29,12 @@ bench:
 ifndef BENCH
 	@sh bench/instructions.sh build/release/bench/bench_Notify || [ $$? = 77 ]
 endif
+
+# docs/reference, from the schemas
+reference:
+	@scripts/install-packages build
+	@cmake --preset release >&2
+	@cmake --build --preset release --target reference >&2
 
 format:
 	@scripts/check-format --fix

@@ -59,6 +59,19 @@ parametersOf( const Type & type ) {
    return out;
 }
 
+Member
+heldBy( const Type & binding ) {
+   Member held;
+   held.kind = MemberKind::param;
+   held.name = binding.holdsName;
+   held.doc = "The record that answers.";
+   held.span = binding.holdsSpan;
+   held.type = binding.holds;
+   const auto & asked = binding.base.type->members;
+   held.number = asked.empty() ? 258 : static_cast< uint16_t >( asked.back().number + 1 );
+   return held;
+}
+
 std::vector< const Member * >
 constructorFields( const Type & value ) {
    if( const Member * key = value.keyMember() ) return { key };

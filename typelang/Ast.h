@@ -244,6 +244,9 @@ bool isParameter( const Member & m );
 /// one it fixes, then the type's own. The name of a named type precedes them.
 std::vector< const Member * > parametersOf( const Type & type );
 
+/// The record that a binding holds, as a line of its own: numbered after those of its view.
+Member heldBy( const Type & binding );
+
 /// The fields that a value is made of: its key alone, or all of them.
 std::vector< const Member * > constructorFields( const Type & value );
 

@@ -826,13 +826,11 @@ class Checker {
 } // namespace
 
 void
-compile( const std::string & path, const Reader & read, Compilation & out ) {
+compile( const std::vector< std::string > & paths, const Reader & read, Compilation & out ) {
    addBuiltins( out.program );
    Loader loader( read, out );
-   const Schema * main = loader.load( path, {} );
+   for( const std::string & path : paths ) out.program.main = loader.load( path, {} );
    out.program.schemas = loader.release();
-   out.program.main = main;
-   if( !main ) return;
    for( const Schema * s : loader.order ) {
       if( s->model.empty() ) return; // nothing has a full name
    }

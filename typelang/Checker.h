@@ -23,7 +23,8 @@ struct Compilation {
    Errors errors;
 };
 
-/// Compiles the schema at `path`. The program may be emitted when `errors` is empty.
-void compile( const std::string & path, const Reader & read, Compilation & out );
+/// Compiles the schemas at `paths` as one program, whose main one is the last. It may be emitted
+/// when `errors` is empty.
+void compile( const std::vector< std::string > & paths, const Reader & read, Compilation & out );
 
 } // namespace Zek::TypeLang

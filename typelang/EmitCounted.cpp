@@ -379,14 +379,7 @@ operation( const Type & type, const Member & m ) {
 Pieces
 binding( const Type & type ) {
    const Type & view = *type.base.type;
-   Member held;
-   held.kind = MemberKind::param;
-   held.name = type.holdsName;
-   held.type = type.holds;
-   held.doc = "The record that answers.";
-   held.number =
-      view.members.empty() ? 258 : static_cast< uint16_t >( view.members.back().number + 1 );
-   Pieces out = parameter( type, held );
+   Pieces out = parameter( type, heldBy( type ) );
    out.declaration += "\n";
    if( view.hasNotifier ) {
       out.declaration += fill( "   const std::type_info & zekCallbackType() const override {\n"

@@ -5,6 +5,8 @@
 
 #include "typelang/Checker.h"
 #include "typelang/Emitter.h"
+#include "typelang/Explain.h"
+#include "typelang/Graph.h"
 #include "typelang/Lexer.h"
 
 #include <gtest/gtest.h>
@@ -64,7 +66,7 @@ class Schemas {
    }
    void compileInto( Compilation & out, const std::string & path ) {
       compile(
-         path, [this]( const std::string & p ) { return read( p ); }, out );
+         { path }, [this]( const std::string & p ) { return read( p ); }, out );
    }
    std::string errorsOf( const std::string & path ) {
       Compilation compilation;
@@ -232,6 +234,21 @@ TEST( ZekcOutput, theSampleGivesTheGoldens ) {
    expectGolden( here + "/goldens/Sample.numbers", numbers );
 }
 
+TEST( ZekcOutput, theSampleIsExplainedAndDrawn ) {
+   Schemas schemas( tree );
+   Compilation sample;
+   schemas.compileInto( sample, samplePath );
+   std::string explained;
+   for( const Type * type : declaredTypes( sample.program ) ) {
+      explained +=
+         ( explained.empty() ? "" : "\n\n" ) + explanationText( explain( sample.program, *type ) );
+   }
+   expectGolden( here + "/goldens/Sample.explained", explained );
+   expectGolden( here + "/goldens/Sample.dot", graphText( sample.program ) );
+   EXPECT_EQ( std::system( ( "dot -Tsvg -o /dev/null " + here + "/goldens/Sample.dot" ).c_str() ),
+              0 );
+}
+
 TEST( ZekcOutput, generatedCodeReadsLikeWrittenCode ) {
    int files = 0;
    for( const auto & entry : fs::recursive_directory_iterator( tree ) ) {
@@ -321,6 +338,32 @@ TEST_F( ZekcCommand, checksWithoutWriting ) {
                     "zekc: 1 error in 'Room/Main.zek'\n" );
    EXPECT_EQ( zekc( roots + "--out-dir out Room/Main.zek" ), 1 );
    EXPECT_FALSE( fs::exists( folder + "/out" ) );
+}
+
+TEST_F( ZekcCommand, explainsATypeByItsFullName ) {
+   EXPECT_EQ( zekc( roots + "--explain Far.F Far/Far.zek Room/Main.zek" ), 0 );
+   EXPECT_EQ( said, "Far::F  (Far/Far.zek:2)\nEntity.\n\nMade by: Far::fFactory( id U32 )\n\n"
+                    " 258  id  U32\n      key\n" );
+   EXPECT_EQ( zekc( roots + "--explain F Room/Main.zek" ), 1 );
+   EXPECT_EQ( said, "zekc: no type 'F'\n   there is 'Far::F'\n" );
+}
+
+TEST_F( ZekcCommand, keepsTheReferenceToWhatTheSchemasSay ) {
+   const std::string command = roots + "--reference pages Room/Main.zek";
+   ASSERT_EQ( zekc( command ), 0 );
+   EXPECT_EQ( zekc( command + " --check" ), 0 ) << said;
+   write( "a/Room/Main.zek", "model Room\nimport Far/Far\n/// F's.\nentity G { attr f Far.F }\n" );
+   write( "pages/Room/Mine.md", "# Not generated\n" );
+   EXPECT_EQ( zekc( command + " --check" ), 1 );
+   EXPECT_EQ( said, "zekc: 'pages/README.md' is not what the schemas say\n"
+                    "zekc: 'pages/Room/G.md' is not what the schemas say\n"
+                    "zekc: 'pages/Far/F.md' is not what the schemas say\n"
+                    "zekc: 'pages/Room/E.md' is about a type that is gone\n" );
+   EXPECT_EQ( zekc( command ), 0 );
+   EXPECT_FALSE( fs::exists( folder + "/pages/Room/E.md" ) );
+   EXPECT_TRUE( fs::exists( folder + "/pages/Room/Mine.md" ) );
+   EXPECT_NE( contents( folder + "/pages/Far/F.md" )->find( "| Pointed to by | [Room::G]" ),
+              std::string::npos );
 }
 
 TEST_F( ZekcCommand, tellsFaultsOfTheCallFromFaultsOfTheSchema ) {
