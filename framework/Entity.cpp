@@ -1,6 +1,7 @@
 #include "framework/Entity.h"
 
 #include "framework/Exception.h"
+#include "framework/Generic.h"
 #include "framework/Relay.h"
 #include "framework/Rows.h"
 
@@ -74,6 +75,25 @@ Entity::entityIs( const Zek::Ptr< Entity > & child ) {
    added->parentAttrIdIs( entityAttr );
    added->parentIs( this );
    entityNotify( String( key.view() ) );
+}
+
+Zek::Ptr< Entity >
+Entity::entityIs( std::string_view typeName, const Name & name ) {
+   const TypeDescriptor * type = typeNode( typeName );
+   if( !type || !type->isEntity() || !type->isNamed || !type->create ||
+       type->constructorParameters.size() != 1 ) {
+      throw RejectedException( "'" + std::string( typeName ) +
+                               "' is no type of entities that are made of their name alone" );
+   }
+   if( Zek::Ptr< Entity > present = entity( String( name.view() ) ) ) {
+      if( present->fwkType() == type ) return present;
+      throwNameInUseException( "'" + std::string( present->fullName().view() ) + "' is " +
+                               present->fwkType()->fullName + ", not " + type->fullName );
+   }
+   const void * const arguments[] = { &name };
+   Zek::Ptr< Entity > child = ptrCast< Entity >( type->create( arguments ) );
+   entityIs( child );
+   return child;
 }
 
 Zek::Ptr< Entity >
@@ -342,6 +362,9 @@ constexpr AttributeRow frameworkRows[] = {
 
 constexpr ParameterRow dirParameters[] = { Rows::argument< Name >( "name" ) };
 
+constexpr GenericIf entityGenericIf( Entity::zekTypeDescriptor_ );
+constexpr GenericIf dirGenericIf( Dir::zekTypeDescriptor_ );
+
 class DirRelay final : public Relay< Entity::NotifieeConst > {
  public:
    using Relay::Relay;
@@ -365,6 +388,7 @@ constinit const TypeDescriptor Entity::zekTypeDescriptor_ = {
    .create = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
+   .genericIf = &entityGenericIf,
 };
 
 constinit const TypeDescriptor Dir::zekTypeDescriptor_ = {
@@ -382,6 +406,7 @@ constinit const TypeDescriptor Dir::zekTypeDescriptor_ = {
    .create = &Rows::createBy< &dirFactory >,
    .relay = &makeRelay< DirRelay, Dir >,
    .allocations = &Dir::allocTrackTypeInfo_,
+   .genericIf = &dirGenericIf,
 };
 
 namespace {

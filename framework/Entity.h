@@ -81,6 +81,10 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// child of that name. Announces onEntity( name ). Throws RangeException on null or a
    /// nameless child.
    void entityIs( const Zek::Ptr< Entity > & child );
+   /// The child of that name, made and announced when there is none. `typeName` is the full name of
+   /// a named entity type that is made of its name alone; RejectedException for others,
+   /// NameInUseException when the child exists with another type.
+   Zek::Ptr< Entity > entityIs( std::string_view typeName, const Name & name );
    /// Removes and returns the child, its parent cleared, or returns null. Announces.
    Zek::Ptr< Entity > entityDel( const String & name );
    void entityDelAll();

@@ -11,6 +11,7 @@ Exception::~Exception() = default;
 RangeException::~RangeException() = default;
 NameInUseException::~NameInUseException() = default;
 ReadOnlyException::~ReadOnlyException() = default;
+RejectedException::~RejectedException() = default;
 
 void
 throwRangeException( std::string_view text ) {

@@ -41,6 +41,14 @@ class IPSTATE_EXPORT ReadOnlyException : public Exception {
    ~ReadOnlyException() override;
 };
 
+/// A request by name or number that the attribute, type or value does not support; nothing has
+/// changed. The text names type and attribute and says why.
+class IPSTATE_EXPORT RejectedException : public Exception {
+ public:
+   using Exception::Exception;
+   ~RejectedException() override;
+};
+
 [[noreturn]] IPSTATE_EXPORT void throwRangeException( std::string_view text );
 [[noreturn]] IPSTATE_EXPORT void throwNameInUseException( std::string_view text );
 

@@ -5,9 +5,12 @@
 
 #pragma once
 
+#include "framework/Generic.h"
 #include "framework/Type.h"
 #include "framework/ValueOps.h"
 
+#include <algorithm>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -110,6 +113,125 @@ createBy( const void * const * arguments ) {
    return Creating< Factory >::call( arguments, Creating< Factory >::indices );
 }
 
+/// Makes a value of its constructor's arguments.
+template< class V, class... Arguments >
+void
+assembleBy( void * at, const void * const * arguments ) {
+   [&]< size_t... I >( std::index_sequence< I... > ) {
+      new( at ) V( *static_cast< const Arguments * >( arguments[I] )... );
+   }
+   ( std::index_sequence_for< Arguments... >() );
+}
+
+/// One step of a counter; by one when `by` is null.
+template< auto Step >
+void
+stepBy( void * object, const void * by, void * result ) {
+   using M = Mutator< decltype( Step ) >;
+   using V = typename M::Value;
+   *static_cast< V * >( result ) = ( static_cast< typename M::Object * >( object )->*Step )(
+      by ? *static_cast< const V * >( by ) : V( 1 ) );
+}
+
+template< auto Step >
+constexpr auto
+stepThunk() -> void ( * )( void *, const void *, void * ) {
+   if constexpr( Step == nullptr ) {
+      return nullptr;
+   } else {
+      return &stepBy< Step >;
+   }
+}
+
+template< auto Increment, auto Decrement >
+inline constexpr CounterOps counterOps = { stepThunk< Increment >(), stepThunk< Decrement >() };
+
+// -- Callables --------------------------------------------------------------------------------
+
+/// An operation's type taken apart. What returns a reference returns its own object: no result.
+template< class R, class O, unsigned rowFlags, class... A >
+struct CallableOf {
+   using Object = O;
+   using Value = R;
+   using Arguments = std::index_sequence_for< A... >;
+   template< size_t I >
+   using Argument = std::remove_cvref_t< std::tuple_element_t< I, std::tuple< A... > > >;
+   static constexpr bool hasResult = !std::is_void_v< R > && !std::is_reference_v< R >;
+   static constexpr unsigned flags = rowFlags;
+};
+
+template< class F >
+struct Callable;
+template< class R, class O, class... A >
+struct Callable< R ( O::* )( A... ) > : CallableOf< R, O, 0, A... > {};
+template< class R, class O, class... A >
+struct Callable< R ( O::* )( A... ) const > : CallableOf< R, const O, isConstCall, A... > {};
+template< class R, class... A >
+struct Callable< R ( * )( A... ) > : CallableOf< R, void, isStaticCall, A... > {};
+
+/// Unwraps the arguments, which are of the types of the row's parameters, calls, and wraps the
+/// result.
+template< auto Function, size_t... I >
+void
+callWith( void * object, const GenericValue * arguments, GenericValue * result,
+          std::index_sequence< I... > ) {
+   using F = Callable< decltype( Function ) >;
+   auto invoke = [&]() -> decltype( auto ) {
+      if constexpr( std::is_member_function_pointer_v< decltype( Function ) > ) {
+         return ( static_cast< typename F::Object * >( object )->*Function )(
+            *static_cast< const typename F::template Argument< I > * >(
+               arguments[I].address() )... );
+      } else {
+         return Function( *static_cast< const typename F::template Argument< I > * >(
+            arguments[I].address() )... );
+      }
+   };
+   if constexpr( F::hasResult ) {
+      *result = GenericValue( invoke() );
+   } else {
+      invoke();
+   }
+}
+
+template< auto Function >
+void
+callBy( void * object, const GenericValue * arguments, GenericValue * result ) {
+   callWith< Function >( object, arguments, result,
+                         typename Callable< decltype( Function ) >::Arguments() );
+}
+
+// -- Sets inside values -----------------------------------------------------------------------
+
+template< auto Field, class Key >
+struct ValueSetThunks {
+   using Object = typename MemberPointer< decltype( Field ) >::Object;
+   static auto & at( const void * object ) {
+      return static_cast< const Object * >( object )->*Field;
+   }
+   static auto & at( void * object ) { return static_cast< Object * >( object )->*Field; }
+   static const Key & key( const void * k ) { return *static_cast< const Key * >( k ); }
+   static size_t count( const void * object ) { return at( object ).size(); }
+   static bool has( const void * object, const void * k ) { return at( object ).has( key( k ) ); }
+   static const void * first( const void * object ) {
+      return at( object ).size() ? &*at( object ).begin() : nullptr;
+   }
+   static const void * after( const void * object, const void * k ) {
+      auto next = std::upper_bound( at( object ).begin(), at( object ).end(), key( k ) );
+      return next != at( object ).end() ? &*next : nullptr;
+   }
+   static void add( void * object, const void * k ) { at( object ).insert( key( k ) ); }
+   static void remove( void * object, const void * k ) { at( object ).remove( key( k ) ); }
+   static void removeAll( void * object ) { at( object ).clear(); }
+};
+
+template< auto Field, class Key >
+inline constexpr ValueSetOps valueSetOps = {
+   &ValueSetThunks< Field, Key >::count,     &ValueSetThunks< Field, Key >::has,
+   &ValueSetThunks< Field, Key >::first,     &ValueSetThunks< Field, Key >::after,
+   &ValueSetThunks< Field, Key >::add,       &ValueSetThunks< Field, Key >::remove,
+   &ValueSetThunks< Field, Key >::removeAll,
+};
+
 // -- Rows -------------------------------------------------------------------------------------
 
 template< class V >
@@ -147,12 +269,14 @@ plain( const char * name, uint16_t id, unsigned flags = 0 ) {
    return row;
 }
 
-/// A counter without `Is`: changed by its own operations only.
-template< auto Field >
+/// A counter: `Write`, `Increment` and `Decrement` are its operations, null where it has none.
+template< auto Field, auto Write, auto Increment, auto Decrement >
 constexpr AttributeRow
 counter( const char * name, uint16_t id ) {
    AttributeRow row = parameter< Field >( name, id, isCounter );
    row.kind = AttributeKind::plain;
+   if constexpr( Write != nullptr ) row.write = &writeBy< Write >;
+   row.counter = &counterOps< Increment, Decrement >;
    return row;
 }
 
@@ -198,6 +322,7 @@ valueSet( const char * name, uint16_t id ) {
    row.keyType = &TypeOf< Key >::descriptor;
    row.stored = &valueOps< V >;
    row.address = &addressOf< Field >;
+   row.valueSet = &valueSetOps< Field, Key >;
    return row;
 }
 
@@ -217,22 +342,20 @@ collection( const char * name, uint16_t id, unsigned flags, const CollectionOps 
    return row;
 }
 
-/// An operation reachable by name. `Result` is void for none.
-template< class Result >
+/// An operation reachable by name.
+template< auto Function >
 constexpr AttributeRow
-callable( const char * name, uint16_t id,
-          void ( *call )( void *, const GenericValue *, GenericValue * ),
-          std::span< const ParameterRow > parameters, unsigned flags = 0 ) {
+callable( const char * name, uint16_t id, std::span< const ParameterRow > parameters ) {
+   using F = Callable< decltype( Function ) >;
    AttributeRow row{};
-   if constexpr( !std::is_void_v< Result > ) {
-      row = rowOf< Result >( name, id, AttributeKind::callable, flags );
-      row.stored = &valueOps< Result >;
+   if constexpr( F::hasResult ) {
+      row = rowOf< typename F::Value >( name, id, AttributeKind::callable, 0 );
    }
    row.name = name;
    row.id = id;
    row.kind = AttributeKind::callable;
-   row.flags = static_cast< uint16_t >( row.flags | flags );
-   row.call = call;
+   row.flags = static_cast< uint16_t >( row.flags | F::flags );
+   row.call = &callBy< Function >;
    row.parameters = parameters;
    return row;
 }
@@ -241,7 +364,8 @@ callable( const char * name, uint16_t id,
 template< class V >
 constexpr ParameterRow
 argument( const char * name ) {
-   return { name, &TypeOf< typename Target< V >::Type >::descriptor, Target< V >::isPointer };
+   using T = Target< V >;
+   return { name, &TypeOf< typename T::Type >::descriptor, T::isPointer, T::isConst };
 }
 
 // -- Collections ------------------------------------------------------------------------------

@@ -27,6 +27,7 @@ namespace Zek {
 
 struct TypeDescriptor;
 class AttributeSink;
+class GenericIf;
 class GenericValue;
 
 enum class TypeKind : uint8_t {
@@ -63,6 +64,7 @@ enum AttributeFlag : uint16_t {
    pointsToConst = 256,  // pointer or member that may not be changed through it
    keyIsField = 512,     // the key is one of the member value's fields
    isStaticCall = 1024,  // callable without an object
+   isConstCall = 2048,   // callable on an object that may not be changed
 };
 
 /// A value type's operations, for code that knows it by its descriptor only. Addresses are of
@@ -70,6 +72,7 @@ enum AttributeFlag : uint16_t {
 struct ValueOps {
    uint32_t size;
    uint32_t alignment;
+   bool isTrivial;                                  // copied byte by byte, nothing to destroy
    void ( *construct )( void * );                   // the type's zero value
    void ( *copy )( void *, const void * );          // copy-constructs
    void ( *destroy )( void * );                     //
@@ -96,6 +99,7 @@ struct ParameterRow {
    const char * name;
    const TypeDescriptor * type;
    bool isPointer;
+   bool isConst; // pointer: the object may not be changed through it
 };
 
 /// A collection, for code that knows it by its row only. Keys and values by untyped address.
@@ -119,6 +123,24 @@ struct CollectionOps {
    void ( *notify )( void * object, const void * key );
 };
 
+/// A set inside a value, for code that knows it by its row only. Keys by untyped address.
+struct ValueSetOps {
+   size_t ( *count )( const void * object );
+   bool ( *has )( const void * object, const void * key );
+   /// The least key, and the one after `key`, be that one present or not; null at the end.
+   const void * ( *first )( const void * object );
+   const void * ( *after )( const void * object, const void * key );
+   void ( *add )( void * object, const void * key );
+   void ( *remove )( void * object, const void * key );
+   void ( *removeAll )( void * object );
+};
+
+/// The steps of a counter, each null where the type has none. They construct the new value.
+struct CounterOps {
+   void ( *increment )( void * object, const void * by, void * result );
+   void ( *decrement )( void * object, const void * by, void * result );
+};
+
 /// One attribute of a type.
 struct AttributeRow {
    const char * name;
@@ -131,7 +153,9 @@ struct AttributeRow {
    const void * ( *address )( const void * object );     // of the stored value; null: none
    void ( *read )( const void * object, void * result ); // constructs the computed value in it
    void ( *write )( void * object, const void * value ); // the typed mutator
-   const CollectionOps * collection;
+   const CollectionOps * collection;                     // of an entity or counted object
+   const ValueSetOps * valueSet;                         // of a value
+   const CounterOps * counter;
    void ( *call )( void * object, const GenericValue * arguments, GenericValue * result );
    std::span< const ParameterRow > parameters; // of a callable
 
@@ -167,6 +191,11 @@ struct TypeDescriptor {
    /// sink must outlive it. Null in a derived type that adds no attributes: its base has one.
    Ptr< PtrInterface > ( *relay )( const PtrInterface & object, AttributeSink & sink );
    AllocTrackTypeInfo * allocations;
+   /// Makes a value in `at` from the addresses of its constructor's arguments. Null for others.
+   void ( *assemble )( void * at, const void * const * arguments ) = nullptr;
+   /// Its companion, which serves requests by attribute number; null for builtins and values
+   /// written by hand, which have no attributes.
+   const GenericIf * genericIf = nullptr;
 
    mutable const TypeDescriptor * next = nullptr; // registry's
    mutable uint32_t nameHash = 0;                 // registry's

@@ -126,6 +126,7 @@ template< class T >
 inline constexpr ValueOps valueOps = {
    sizeof( T ),
    alignof( T ),
+   std::is_trivially_copyable_v< T > && std::is_trivially_destructible_v< T >,
    &ValueThunks< T >::construct,
    &ValueThunks< T >::copy,
    &ValueThunks< T >::destroy,

@@ -34,4 +34,17 @@ std::string enumClass( const Type & type );
 /// The enumeration's descriptor and its registration, for enumerations and foreign types.
 void describe( const Type & type, Emission & out );
 
+/// The row of an operation, and the table of its arguments that stands before the rows.
+struct CallableRow {
+   std::string table;
+   std::string row;
+};
+CallableRow callableRow( const Type & type, const Member & m ); // EmitGeneric.cpp
+/// A type's generic companion in an unnamed namespace; the descriptor names it
+/// <id>_GenericIf, `id` being genericId( type ).
+std::string companion( const Type & type, const std::string & descriptor );
+std::string genericId( const Type & type );
+/// Whether an operation leaves its object unchanged.
+bool isConstOperation( const Member & m );
+
 } // namespace Zek::TypeLang

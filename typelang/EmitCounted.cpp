@@ -242,11 +242,6 @@ $announce$
 
 )",
                               h );
-      out.row = fill( "   Zek::Rows::plain< &$Self$::$x$_, &$Self$::$x$Is >( \"$x$\", $n$, "
-                      "Zek::isCounter ),\n",
-                      h );
-   } else {
-      out.row = fill( "   Zek::Rows::counter< &$Self$::$x$_ >( \"$x$\", $n$ ),\n", h );
    }
    for( auto [has, name, op] : { std::tuple( m.hasInc, "Inc", "+" ), { m.hasDec, "Dec", "-" } } ) {
       if( !has ) continue;
@@ -264,6 +259,12 @@ $announce$
 )",
                               h );
    }
+   auto orNull = [&]( bool has, const char * name ) {
+      return has ? fill( std::string( "&$Self$::$x$" ) + name, h ) : "nullptr";
+   };
+   h["operations"] = joined(
+      { orNull( m.hasIs, "Is" ), orNull( m.hasInc, "Inc" ), orNull( m.hasDec, "Dec" ) }, ", " );
+   out.row = fill( "   Zek::Rows::counter< &$Self$::$x$_, $operations$ >( \"$x$\", $n$ ),\n", h );
    out.relay = fill( "   void on$X$() override { changed( $n$ ); }\n", h );
    return out;
 }
@@ -329,12 +330,6 @@ declaredArguments( const Member & m ) {
    return out;
 }
 
-// A view's question changes nothing; what returns nothing is a request to change.
-bool
-isConstOperation( const Member & m ) {
-   return m.kind == MemberKind::ask ? !m.isVoid : m.isConst;
-}
-
 Pieces
 operation( const Type & type, const Member & m ) {
    Pieces out;
@@ -348,17 +343,9 @@ operation( const Type & type, const Member & m ) {
                                         : "" ) +
                               result + " " + m.name,
                            declaredArguments( m ), tail + ";\n", 3 );
-   std::string parameters;
-   for( const Argument & a : m.arguments ) {
-      parameters +=
-         "   Zek::Rows::argument< " + cppStored( a.type ) + " >( \"" + a.name + "\" ),\n";
-   }
-   std::string list = "{}";
-   if( !parameters.empty() ) {
-      list = "zekParameters_" + type.name + "_" + std::to_string( m.number ); // overloads
-      out.definition =
-         "static constexpr Zek::ParameterRow " + list + "[] = {\n" + parameters + "};\n\n";
-   }
+   CallableRow callable = callableRow( type, m );
+   out.definition = callable.table;
+   out.row = callable.row;
    if( asked ) {
       std::vector< std::string > unnamed;
       for( const Argument & a : m.arguments ) unnamed.push_back( cppParameter( a.type ) );
@@ -367,9 +354,6 @@ operation( const Type & type, const Member & m ) {
                         "   Zek::assertionFailed( \"Must override in derived class\", \"" +
                         type.schema->stem + "\" );\n}\n\n";
    }
-   out.row = "   Zek::Rows::callable< " + result + " >( \"" + m.name + "\", " +
-             std::to_string( m.number ) + ", nullptr, " + list +
-             ( m.isStatic ? ", Zek::isStaticCall" : "" ) + " ),\n";
    if( m.atConstruction ) out.construction = "   " + m.name + "();\n";
    return out;
 }
@@ -769,7 +753,7 @@ emitCounted( const Type & type ) {
    std::vector< std::string > withDefaults = parameters;
    if( type.isNamed && parameters.size() == 1 ) withDefaults[0] += " = Zek::Name()";
 
-   std::string id = joined( type.scope, "_" ) + "_" + type.name;
+   std::string id = genericId( type );
    std::string factory = factoryOf( type );
    Holes h{ { "doc", docComment( type.doc, 0 ) },
             { "Self", type.name },
@@ -902,6 +886,7 @@ $relayLines$
       type.kind == TypeKind::machine
          ? "void\n" + type.name + "::zekDoZombieReactors( bool zombie ) {\n" + zombie + "}\n\n"
          : "";
+   h["companion"] = companion( type, type.name + "::zekTypeDescriptor_" );
    h["fieldsBlock"] = fields.empty() ? "" : "\n" + fields;
 
    out.declaration = fill( R"($doc$
@@ -965,6 +950,7 @@ $zombieDefinition$
                           h ) +
                     definitions +
                     fill( R"($relay$
+$companion$
 $parameterTable$
 $rowsDefinition$
 constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
@@ -982,6 +968,7 @@ constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .create = &Zek::Rows::createBy< &$factory$ >,
    .relay = $relayThunk$,
    .allocations = &allocTrackTypeInfo_,
+   .genericIf = &$id$_GenericIf,
 };
 )",
                           h );

@@ -39,7 +39,7 @@ describe( const Type & type, Emission & out ) {
    for( const Enumerator & e : type.enumerators ) {
       rows += "   { \"" + e.name + "\", " + std::to_string( e.value ) + " },\n";
    }
-   std::string id = joined( type.scope, "_" ) + "_" + type.name;
+   std::string id = genericId( type );
    Holes holes{ { "name", name },
                 { "full", type.fullName() },
                 { "id", id },
@@ -49,7 +49,12 @@ describe( const Type & type, Emission & out ) {
                 { "values", type.isCounted() ? "nullptr" : "&Zek::valueOps< " + name + " >" },
                 { "record", type.kind == TypeKind::enumeration ? "true" : "false" },
                 { "rows", rows },
-                { "enumerators", rows.empty() ? "{}" : id + "_enumerators" } };
+                { "enumerators", rows.empty() ? "{}" : id + "_enumerators" },
+                { "genericIf", "" } };
+   if( type.kind == TypeKind::enumeration ) {
+      holes["genericIf"] = "   .genericIf = &" + id + "_GenericIf,\n";
+      out.globalDefinition += companion( type, "Zek::TypeOf< " + name + " >::descriptor" );
+   }
    if( !rows.empty() ) {
       out.globalDefinition += fill( R"(static constexpr Zek::EnumeratorRow $id$_enumerators[] = {
 $rows$
@@ -74,6 +79,7 @@ $rows$
    .create = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
+$genericIf$
 };
 )",
             holes );

@@ -235,16 +235,30 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
 }
 )",
               h );
-   std::string callRows;
-
+   std::string tables;
+   std::string parameterRows;
+   std::vector< std::string > made{ type.name };
+   for( const Member * m : constructorFields( type ) ) {
+      made.push_back( cppStored( m->type ) );
+      parameterRows += "   Zek::Rows::argument< " + made.back() + " >( \"" + m->name + "\" ),\n";
+   }
+   h["made"] = joined( made, ", " );
+   h["parameters"] = "{}";
+   h["id"] = genericId( type );
+   if( !parameterRows.empty() ) {
+      h["parameters"] = h["id"] + "_parameters";
+      tables += "static constexpr Zek::ParameterRow " + h["parameters"] + "[] = {\n" +
+                parameterRows + "};\n\n";
+   }
    for( const Member & m : type.members ) {
       if( m.kind != MemberKind::call ) continue;
-      callRows += "   Zek::Rows::callable< " +
-                  ( m.isVoid || m.returnsSelf ? std::string( "void" ) : cppStored( m.type ) ) +
-                  " >( \"" + m.name + "\", " + std::to_string( m.number ) + ", nullptr, {}" +
-                  ( m.isStatic ? ", Zek::isStaticCall" : "" ) + " ),\n";
+      CallableRow callable = callableRow( type, m );
+      tables += callable.table;
+      rows += callable.row;
    }
-   h["callRows"] = callRows;
+   h["rows"] = rows;
+   h["tables"] = tables;
+   h["companion"] = companion( type, type.name + "::zekTypeDescriptor_" );
    out.definition = fill( R"($constructFromText$
 
 $namedDefinitions$
@@ -290,9 +304,10 @@ sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst en
    value = $Self$( begin, end );
 }
 
+$companion$
+$tables$
 constinit const Zek::AttributeRow $Self$::zekAttributes_[] = {
 $rows$
-$callRows$
 };
 
 constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
@@ -306,10 +321,12 @@ constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .values = &Zek::valueOps< $Self$ >,
    .attributes = zekAttributes_,
    .enumerators = {},
-   .constructorParameters = {},
+   .constructorParameters = $parameters$,
    .create = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
+   .assemble = &Zek::Rows::assembleBy< $made$ >,
+   .genericIf = &$id$_GenericIf,
 };
 )",
                           h );
