@@ -182,8 +182,9 @@ writeReference( const Program & program, const Options & options ) {
       if( current ) continue;
       if( options.check ) {
          differs( path, "is about a type that is gone" );
-      } else {
-         std::filesystem::remove( path );
+      } else if( std::error_code error; !std::filesystem::remove( path, error ) ) {
+         std::fprintf( stderr, "zekc: cannot remove '%s'\n", path.c_str() );
+         return 2;
       }
    }
    return faults > 0 ? 1 : 0;

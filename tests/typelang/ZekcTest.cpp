@@ -8,6 +8,7 @@
 #include "typelang/Explain.h"
 #include "typelang/Graph.h"
 #include "typelang/Lexer.h"
+#include "typelang/Reference.h"
 
 #include <gtest/gtest.h>
 
@@ -73,13 +74,16 @@ class Schemas {
       compileInto( compilation, path );
       return compilation.errors.text();
    }
-   /// Compiles, and emits what was accepted. True when it was.
+   /// Compiles; emits, explains and draws what was accepted. True when it was.
    bool accepts( const std::string & path ) {
       Compilation compilation;
       compileInto( compilation, path );
       EXPECT_EQ( compilation.errors.empty(), compilation.errors.text().empty() );
       if( !compilation.errors.empty() ) return false;
       EXPECT_EQ( emitSchema( compilation.program ).size(), 2u );
+      EXPECT_EQ( referencePages( compilation.program ).size(),
+                 declaredTypes( compilation.program ).size() + 1 );
+      EXPECT_NE( graphText( compilation.program ), "" );
       return true;
    }
 
