@@ -5,7 +5,7 @@
 #include "typelang/Text.h"
 
 #include <algorithm>
-#include <set>
+#include <map>
 
 namespace Zek::TypeLang {
 
@@ -152,24 +152,27 @@ factory( const Type & type ) {
 
 // -- What refers to a type --------------------------------------------------------------------
 
-/// The other ends of one kind of relation, each once, in the order found.
+/// The other ends of one kind of relation, each once, by name: in whatever order schemas are given.
 class Relation {
  public:
    explicit Relation( const char * name ) : name_( name ) {}
    void add( const Type & type, const std::string & member ) {
-      if( !seen_.insert( { &type, member } ).second ) return;
-      if( !phrase_.empty() ) phrase_ += ", ";
-      phrase_ += nameOf( type );
-      if( !member.empty() ) phrase_ += "::" + member;
+      const std::string end = member.empty() ? "" : "::" + member;
+      ends_[type.fullName() + end] = { &type, end };
    }
    void putInto( Explanation & out ) const {
-      if( !phrase_.empty() ) out.facts.push_back( { name_, phrase_ } );
+      Phrase phrase;
+      for( const auto & [name, end] : ends_ ) {
+         if( !phrase.empty() ) phrase += ", ";
+         phrase += nameOf( *end.first );
+         phrase += end.second;
+      }
+      if( !phrase.empty() ) out.facts.push_back( { name_, std::move( phrase ) } );
    }
 
  private:
    std::string name_;
-   Phrase phrase_;
-   std::set< std::pair< const Type *, std::string > > seen_;
+   std::map< std::string, std::pair< const Type *, std::string > > ends_;
 };
 
 void

@@ -131,8 +131,8 @@ type's notifiees; `zero value` is what the type's default constructor makes.
 )";
    std::vector< const Schema * > schemas;
    for( const auto & schema : program.schemas ) schemas.push_back( schema.get() );
-   std::stable_sort( schemas.begin(), schemas.end(), []( const Schema * a, const Schema * b ) {
-      return modelOf( *a ) < modelOf( *b );
+   std::sort( schemas.begin(), schemas.end(), []( const Schema * a, const Schema * b ) {
+      return std::pair( modelOf( *a ), a->path ) < std::pair( modelOf( *b ), b->path );
    } );
    const std::vector< const Type * > all = declaredTypes( program );
    for( const Schema * schema : schemas ) {
