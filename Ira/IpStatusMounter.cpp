@@ -1,5 +1,6 @@
 #include "Ira/IpStatusMounter.h"
 
+#include "framework/Exception.h"
 #include "framework/System.h"
 #include "platform/Cell/Cell.h"
 #include "platform/Kelmo/MountGroup.h"
@@ -21,6 +22,10 @@ IraIpStatusMounter::doMountEntities( const Zek::Ptr< Kelmo::MountGroup > & mg, b
                    "static void Ira::IraIpStatusMounter::doMountEntities(const Ptr&, bool, bool)",
                    " mountV4 ", mountV4, " mountV6 ", mountV6 );
    Zek::assertThat( mountV4 || mountV6, "mountV4 || mountV6", "IpStatusMounter" );
+   if( !mg ) {
+      Zek::throwRangeException(
+         "null mount group for Ira::IraIpStatusMounter::doMountEntities not allowed" );
+   }
    const unsigned cell = Cell::cellId();
    const auto mount = [&mg]( const Zek::String & path, const char * type, const char * mode ) {
       mg->doMount( Kelmo::Mount( path, type, mode, Kelmo::MountFilter( false ) ) );

@@ -1,6 +1,7 @@
 // Which mounts a routing agent asks for, seen by a mount group that writes them down.
 
 #include "Ira/IpStatusMounter.h"
+#include "framework/Generic.h"
 #include "platform/Kelmo/MountGroup.h"
 #include "platform/Vistrel/Trace.h"
 #include "tests/records/Records.h"
@@ -69,6 +70,8 @@ TEST_F( Mounter, HandsOnWhatTheGroupThrowsAfterEarlierRequests ) {
    EXPECT_THROW( Ira::IraIpStatusMounter::doMountEntities( group, true, true ),
                  Zek::RangeException );
    EXPECT_EQ( group->seen, l3 + "ip/input/status Zek::Dir ri\n" );
+   EXPECT_THROW( Ira::IraIpStatusMounter::doMountEntities( nullptr, true, true ),
+                 Zek::RangeException );
 }
 
 TEST_F( Mounter, TracesToRingAndSink ) {
@@ -91,17 +94,27 @@ TEST_F( Mounter, TracesToRingAndSink ) {
    EXPECT_EQ( Vistrel::TraceHandle::find( "IraIpStatusMounter" )->records().back().text, text );
 }
 
-TEST_F( Mounter, NamesTheGroupByItsType ) {
-   const Zek::TypeDescriptor * group = Zek::typeNode( "Kelmo::MountGroup" );
-   ASSERT_TRUE( group );
-   EXPECT_EQ( group->kind, Zek::TypeKind::object );
-   EXPECT_FALSE( group->isRecord );
-   EXPECT_EQ( Zek::allocate< RecordingGroup >()->fwkType(), group );
-   auto call = Ira::iraIpStatusMounterFactory()->fwkType()->attribute( "doMountEntities" );
-   ASSERT_TRUE( call );
-   EXPECT_EQ( call->parameters[0].type, group );
-   EXPECT_TRUE( call->parameters[0].isPointer );
+TEST_F( Mounter, IsReachedByName ) {
+   const Zek::TypeDescriptor * type = Zek::typeNode( "Kelmo::MountGroup" );
+   ASSERT_TRUE( type );
+   EXPECT_EQ( type->kind, Zek::TypeKind::object );
+   EXPECT_FALSE( type->isRecord );
    EXPECT_EQ( Records::recordTypes().size(), 101u );
+
+   auto group = Zek::allocate< RecordingGroup >();
+   EXPECT_EQ( group->fwkType(), type );
+   const Zek::GenericIf & mounter = *Zek::typeNode( "Ira::IraIpStatusMounter" )->genericIf;
+   Zek::GenericValue made = mounter.genericIfFromCtorArgs( {} );
+   auto mount = [&]( const Zek::GenericValue & mg ) {
+      mounter.genericIfAttributeOp( made, Zek::GenericOperation::call, "doMountEntities",
+                                    { mg, false, true } );
+   };
+   mount( Kelmo::MountGroup::Ptr( group ) );
+   EXPECT_EQ( group->seen, l3 + ipv6 );
+   EXPECT_THROW( mount( made ), Zek::RejectedException ) << "no mount group";
+   EXPECT_THROW(
+      mounter.genericIfAttributeOp( made, Zek::GenericOperation::read, "doMountEntities" ),
+      Zek::RejectedException );
 }
 
 } // namespace
