@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 export JOBS
 
-.PHONY: run build test bench reference format tidy install clean
+.PHONY: run build test bench fuzz reference format tidy install clean
 
 # Mirrors this machine's kernel. Where standard output is no terminal, ipstated ends after the
 # table; so that only the table is there, the build speaks on standard error.
@@ -35,6 +35,17 @@ reference:
 	@scripts/install-packages build
 	@cmake --preset release >&2
 	@cmake --build --preset release --target reference >&2
+
+# One fuzzer for a while, under the sanitizers: make fuzz FUZZ=fuzz_Text SECONDS=60
+FUZZ ?= fuzz_Text
+SECONDS ?= 60
+fuzz:
+	@scripts/install-packages build fuzz
+	@cmake --preset fuzz -D IPSTATE_PROGRAMS=OFF >&2
+	@cmake --build --preset fuzz --target $(FUZZ) -j $(JOBS) >&2
+	@mkdir -p build/fuzz/corpus/$(FUZZ)
+	@build/fuzz/fuzz/$(FUZZ) -max_total_time=$(SECONDS) -max_len=400 -print_final_stats=1 \
+	   $(ARGS) build/fuzz/corpus/$(FUZZ)
 
 format:
 	@scripts/check-format --fix

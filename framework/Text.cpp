@@ -2,9 +2,10 @@
 
 #include "framework/Exception.h"
 
+#include <array>
 #include <charconv>
-#include <cstring>
 #include <memory>
+#include <vector>
 
 namespace Zek {
 
@@ -20,13 +21,22 @@ appendNumber( T value, std::string & out ) {
    out.append( digits, end );
 }
 
+// The bytes that end or disguise a string which stands bare.
+constexpr std::array< bool, 256 > needsQuotes = [] {
+   std::array< bool, 256 > table{};
+   for( unsigned c = 0; c < 0x20; ++c ) table[c] = true;
+   table[0x7f] = true;
+   for( unsigned char c : std::string_view( "'\",{}[]()\\" ) ) table[c] = true;
+   return table;
+}();
+
 // A string may stand bare where a reader is certain of its end.
 bool
 standsBare( std::string_view text ) {
    if( text.empty() ) return true;
    if( text.front() == ' ' || text.back() == ' ' ) return false;
    for( unsigned char c : text ) {
-      if( c < 0x20 || c == 0x7f || std::strchr( "'\",{}[]()\\", c ) ) return false;
+      if( needsQuotes[c] ) return false;
    }
    return true;
 }
@@ -180,6 +190,19 @@ appendPointerText( const PtrInterface * object, std::string & out ) {
    out.append( digits, end );
 }
 
+String
+valueToStrepOfRawPtr( const PtrInterface * object ) {
+   std::string out;
+   appendPointerText( object, out );
+   return String( out );
+}
+
+void
+throwNotRead( const TypeDescriptor & type, std::string_view text ) {
+   throwRangeException( std::string( type.fullName ) + " expected at offset 0 of \"" +
+                        std::string( text ) + "\"" );
+}
+
 bool
 readText( std::string_view text, bool & value ) {
    if( text != "true" && text != "false" ) return false;
@@ -265,9 +288,16 @@ appendValueText( const TypeDescriptor & type, const void * value, std::string & 
 
 namespace {
 
-// Where a field's text ends: at the first of , } ] that stands outside quotes and brackets.
+// Where the text of a field ends that starts at `from`. `label` follows it.
 size_t
-fieldEnd( std::string_view text, size_t from ) {
+fieldEnd( std::string_view text, size_t from, bool isBare, std::string_view label ) {
+   // A bare text may hold anything, even what looks like the label. What stands behind the real
+   // one does not, so that is the last.
+   if( isBare ) {
+      size_t end = text.rfind( label );
+      if( end != text.npos && end >= from ) return end;
+   }
+   // At the first of , } ] that stands outside quotes and brackets.
    int depth = 0;
    bool quoted = false;
    for( size_t i = from; i < text.size(); ++i ) {
@@ -332,22 +362,30 @@ readValueText( const TypeDescriptor & type, std::string_view text, void * value,
       return true;
    };
 
-   std::string opening = std::string( "Value('" ) + type.fullName + "', ** {";
-   if( !take( opening ) ) return fail( "\"" + opening + "\"" );
-   bool first = true;
+   const std::string opening = std::string( "Value('" ) + type.fullName + "', ** {";
+   if( !take( opening ) ) return fail( '"' + opening + '"' );
+   std::vector< const AttributeRow * > fields;
    for( const AttributeRow & row : type.attributes ) {
-      if( !isField( row ) ) continue;
-      std::string label = std::string( first ? "'" : ", '" ) + row.name + "': ";
-      first = false;
-      if( !take( label ) ) return fail( "\"" + label + "\"" );
-      size_t end = fieldEnd( text, at );
+      if( isField( row ) ) fields.push_back( &row );
+   }
+   // What stands before a field, and behind the last one.
+   auto labelOf = [&]( size_t i ) -> std::string {
+      if( i == fields.size() ) return "})";
+      return std::string( i ? ", '" : "'" ) + fields[i]->name + "': ";
+   };
+   std::string label = labelOf( 0 );
+   for( size_t i = 0; i < fields.size(); ) {
+      if( !take( label ) ) return fail( '"' + label + '"' );
+      const AttributeRow & row = *fields[i];
+      label = labelOf( ++i );
+      size_t end = fieldEnd( text, at, row.stored->isBare, label );
       void * field = const_cast< void * >( row.address( scratch.at ) );
       if( !row.stored->read( text.substr( at, end - at ), field ) ) {
          return fail( row.type->fullName );
       }
       at = end;
    }
-   if( !take( "})" ) ) return fail( "\"})\"" );
+   if( !take( label ) ) return fail( '"' + label + '"' );
    if( at != text.size() ) return fail( "end of text" );
    ops.destroy( value );
    ops.copy( value, scratch.at );

@@ -11,6 +11,7 @@
 #include "framework/String.h"
 #include "framework/Type.h"
 
+#include <concepts>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -124,6 +125,45 @@ readField( std::string_view text, T & value ) {
    } else {
       return T::fromText( text, value );
    }
+}
+
+/// Throws RangeException "<type> expected at offset 0 of "<text>"".
+[[noreturn]] IPSTATE_EXPORT void throwNotRead( const TypeDescriptor & type, std::string_view text );
+
+// -- Companions -------------------------------------------------------------------------------
+//
+// Every value type and enumeration has these beside it; here they are for the builtin types.
+
+template< class T >
+concept Builtin = std::is_arithmetic_v< T > || std::same_as< T, String > || std::same_as< T, Name >;
+
+/// The value's text alone: strings and names as they are.
+template< Builtin T >
+String
+stringValue( const T & value ) {
+   std::string out;
+   appendPlain( value, out );
+   return String( out );
+}
+
+/// The value's text as in the text of a value: strings in quotes where they could not stand bare.
+template< Builtin T >
+String
+valueToStrep( const T & value ) {
+   std::string out;
+   appendField( value, out );
+   return String( out );
+}
+
+/// The text of a pointer: the object's address as 0x and hex digits, null as "null".
+IPSTATE_EXPORT String valueToStrepOfRawPtr( const PtrInterface * object );
+
+/// Reads that form; RangeException, and `value` unchanged, when [begin, end) is not exactly one.
+template< Builtin T >
+void
+sequenceToValue( String::IteratorConst begin, String::IteratorConst end, T & value ) {
+   std::string_view text = String::IteratorConst::view( begin, end );
+   if( !readField( text, value ) ) throwNotRead( TypeOf< T >::descriptor, text );
 }
 
 } // namespace Zek

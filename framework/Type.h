@@ -86,6 +86,7 @@ struct ValueOps {
    /// Assigns; false, and the decoder says why, when there is no such value. Throws the type's
    /// own RangeException for a value that is one but out of bounds.
    bool ( *decode )( Wire::Decoder &, void * );
+   bool isBare; // its text is its bytes, whatever they are: commas, quotes and all
 };
 
 /// One enumerator: name and number.

@@ -27,6 +27,12 @@ concept Hashed = std::is_arithmetic_v< T > || std::is_enum_v< T > || requires( c
    { a.hash() } -> std::convertible_to< uint32_t >;
 };
 
+/// A type written by hand whose text is its bytes, whatever they are.
+template< class T >
+concept HasBareText = requires {
+   typename T::BareText;
+};
+
 template< class T >
 void
 encodeField( const T & value, Wire::Encoder & out ) {
@@ -137,6 +143,7 @@ inline constexpr ValueOps valueOps = {
    &ValueThunks< T >::read,
    isPtr< T > ? nullptr : &ValueThunks< T >::encode,
    isPtr< T > ? nullptr : &ValueThunks< T >::decode,
+   HasBareText< T >,
 };
 
 } // namespace Zek

@@ -114,17 +114,29 @@ enumHoles( const Type & type ) {
             { "enumerators", enumerators } };
 }
 
+// The functions from a number and from a name.
+std::string
+instances( const Type & type, const char * prefix ) {
+   return fill( R"(/// The $name$ of that number or name; RangeException when there is none.
+$prefix$$name$ $name$Instance( int64_t number );
+$prefix$$name$ $name$Instance( std::string_view name );
+)",
+                { { "name", type.name }, { "prefix", prefix } } );
+}
+
 } // namespace
 
 std::string
 enumClass( const Type & type ) {
-   return fill( R"($doc$
+   std::string declared = fill( R"($doc$
 enum class $name$ : $storage$ {
 $enumerators$
 };
 using enum $name$;
 )",
-                enumHoles( type ) );
+                                enumHoles( type ) );
+   if( type.enclosing ) declared += instances( type, "static " );
+   return declared;
 }
 
 Emission
@@ -136,21 +148,17 @@ emitEnumeration( const Type & type ) {
       out.declaration = fill( "$doc$\nenum $name$ {\n$enumerators$\n};\n", holes );
       return out;
    }
-   // An enumeration inside an entity is declared by the entity's class; its companions and
-   // descriptor stand beside it.
+   // An enumeration inside an entity is declared by the entity's class with its functions from
+   // number and name; its other companions and its descriptor stand beside it.
    if( !type.enclosing ) {
-      out.declaration = enumClass( type ) + "\n";
+      out.declaration = enumClass( type ) + "\n" + instances( type, "IPSTATE_EXPORT " );
    } else {
       out.scope.pop_back();
    }
-   std::string own = type.enclosing ? type.enclosing->name + "::" + type.name : type.name;
-   holes["own"] = own;
-   holes["cpp"] = type.fullName();
-   out.declaration +=
-      fill( R"(/// The $own$ of that number or name; RangeException when there is none.
-IPSTATE_EXPORT $own$ $name$Instance( int64_t number );
-IPSTATE_EXPORT $own$ $name$Instance( std::string_view name );
-/// The enumerator's name.
+   std::string within = type.enclosing ? type.enclosing->name + "::" : "";
+   holes["within"] = within;
+   holes["own"] = within + type.name;
+   out.declaration += fill( R"(/// The enumerator's name; for a number that is none, the number.
 IPSTATE_EXPORT Zek::String stringValue( $own$ value );
 IPSTATE_EXPORT Zek::String valueToStrep( $own$ value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, $own$ value );
@@ -158,14 +166,14 @@ IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, $own$ value );
 IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
                                      Zek::String::IteratorConst end, $own$ & value );
 )",
-            holes );
+                            holes );
    out.definition = fill( R"($own$
-$name$Instance( int64_t number ) {
+$within$$name$Instance( int64_t number ) {
    return Zek::EnumType< $own$ >::instance( number );
 }
 
 $own$
-$name$Instance( std::string_view name ) {
+$within$$name$Instance( std::string_view name ) {
    return Zek::EnumType< $own$ >::instance( name );
 }
 
@@ -187,7 +195,7 @@ operator<<( std::ostream & out, $own$ value ) {
 void
 sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst end,
                  $own$ & value ) {
-   value = Zek::EnumType< $own$ >::instance( Zek::String( begin, end ).view() );
+   value = Zek::EnumType< $own$ >::instance( Zek::String::IteratorConst::view( begin, end ) );
 }
 )",
                           holes );

@@ -215,6 +215,7 @@ $storage$
 IPSTATE_EXPORT Zek::String stringValue( const $Self$ & value );
 IPSTATE_EXPORT Zek::String valueToStrep( const $Self$ & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const $Self$ & value );
+/// As the constructor from text.
 IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
                                      Zek::String::IteratorConst end, $Self$ & value );
 )",
@@ -231,7 +232,8 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
          : fill(
               R"($Self$::$Self$( Zek::String::IteratorConst begin,
                  Zek::String::IteratorConst end ) {
-   Zek::readValueOrThrow( zekTypeDescriptor_, Zek::String( begin, end ).view(), this );
+   Zek::readValueOrThrow( zekTypeDescriptor_, Zek::String::IteratorConst::view( begin, end ),
+                          this );
 }
 )",
               h );
@@ -361,8 +363,14 @@ class IPSTATE_EXPORT $Self$ : public Zek::BoundedString< $Self$ > {
       : BoundedString( Zek::String( begin, end ) ) {}
 };
 
+/// The string as it is.
 IPSTATE_EXPORT Zek::String stringValue( const $Self$ & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const $Self$ & value );
+/// As in the text of a value: in quotes where it could not stand bare.
+IPSTATE_EXPORT Zek::String valueToStrep( const $Self$ & value );
+/// Reads either form; RangeException, and `value` unchanged, for another text or a longer string.
+IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
+                                     Zek::String::IteratorConst end, $Self$ & value );
 )",
                            h );
    out.definition = fill( R"(Zek::String
@@ -373,6 +381,19 @@ stringValue( const $Self$ & value ) {
 std::ostream &
 operator<<( std::ostream & out, const $Self$ & value ) {
    return out << value.string();
+}
+
+Zek::String
+valueToStrep( const $Self$ & value ) {
+   return Zek::valueText( value );
+}
+
+void
+sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst end,
+                 $Self$ & value ) {
+   Zek::String string;
+   Zek::sequenceToValue( begin, end, string );
+   value = $Self$( string );
 }
 )",
                           h );

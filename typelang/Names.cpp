@@ -337,7 +337,7 @@ class Names {
             take( e.span, scope, e.name, "an enumerator of '" + t.name + "'", e.name );
          }
       }
-      if( t.kind == TypeKind::enumeration && t.isRegistered ) {
+      if( t.kind == TypeKind::enumeration && t.isRegistered && !t.enclosing ) {
          take( t.span, scope, t.name + "Instance", "generated for '" + t.dottedName() + "'",
                t.name );
       }
@@ -383,6 +383,7 @@ class Names {
       }
       for( const auto & e : t.nested ) {
          nestedName( e->span, e->name, own );
+         nestedName( e->span, e->name + "Instance", own );
          for( const Enumerator & enumerator : e->enumerators ) {
             nestedName( enumerator.span, enumerator.name, own );
          }

@@ -52,6 +52,22 @@ operator<<( std::ostream & out, AddressFamily af ) {
    return out << toString( af );
 }
 
+Zek::String
+stringValue( AddressFamily af ) {
+   return Zek::String( toString( af ) );
+}
+
+Zek::String
+valueToStrep( AddressFamily af ) {
+   return stringValue( af );
+}
+
+void
+sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst end,
+                 AddressFamily & value ) {
+   value = AddressFamilyInstance( Zek::String::IteratorConst::view( begin, end ) );
+}
+
 bool
 fromText( std::string_view text, AddressFamily & out ) {
    for( size_t number = 0; number < std::size( names ); ++number ) {

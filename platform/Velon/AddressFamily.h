@@ -3,6 +3,7 @@
 #pragma once
 
 #include "framework/Export.h"
+#include "framework/String.h"
 
 #include <cstdint>
 #include <iosfwd>
@@ -27,6 +28,11 @@ IPSTATE_EXPORT AddressFamily AddressFamilyInstance( std::string_view name );
 IPSTATE_EXPORT void appendTo( AddressFamily af, std::string & out );
 IPSTATE_EXPORT std::string toString( AddressFamily af );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, AddressFamily af );
+IPSTATE_EXPORT Zek::String stringValue( AddressFamily af );
+IPSTATE_EXPORT Zek::String valueToStrep( AddressFamily af );
+/// Reads the whole of [begin, end); throws Zek::RangeException when it is no enumerator's name.
+IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
+                                     Zek::String::IteratorConst end, AddressFamily & value );
 /// True with the enumerator if `text` is exactly its name.
 IPSTATE_EXPORT bool fromText( std::string_view text, AddressFamily & out );
 

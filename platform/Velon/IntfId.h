@@ -10,6 +10,7 @@
 #include "framework/Name.h"
 #include "framework/String.h"
 #include "framework/Wire.h"
+#include "platform/Velon/Companions.h"
 
 #include <compare>
 #include <cstdint>
@@ -49,7 +50,8 @@ class IPSTATE_EXPORT IntfId {
    /// only, by bytes. Equal exactly for equal texts.
    static std::strong_ordering naturalOrder( std::string_view a, std::string_view b );
 
-   /// The interface name as it is.
+   /// The interface name as it is, also in the text of a value.
+   using BareText = void;
    void appendTo( std::string & out ) const { out.append( view() ); }
    std::string toString() const { return std::string( view() ); }
    /// Any text is an id; the empty text is the empty id.

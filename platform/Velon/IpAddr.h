@@ -8,6 +8,7 @@
 
 #include "framework/Export.h"
 #include "framework/Wire.h"
+#include "platform/Velon/Companions.h"
 #include "platform/Velon/Mix.h"
 
 #include <array>

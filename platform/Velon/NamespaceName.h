@@ -8,6 +8,7 @@
 #include "framework/Export.h"
 #include "framework/String.h"
 #include "framework/Wire.h"
+#include "platform/Velon/Companions.h"
 
 #include <compare>
 #include <concepts>
@@ -49,7 +50,8 @@ class IPSTATE_EXPORT NamespaceName {
    friend std::strong_ordering operator<=>( const NamespaceName &,
                                             const NamespaceName & ) = default;
 
-   /// The bytes as they are.
+   /// The bytes as they are, also in the text of a value.
+   using BareText = void;
    void appendTo( std::string & out ) const { name_.appendTo( out ); }
    std::string toString() const { return name_.toString(); }
    /// False for a text that is too long.
