@@ -71,7 +71,7 @@ using enum Colour;
 /// The Colour of that number or name; RangeException when there is none.
 IPSTATE_EXPORT Colour ColourInstance( int64_t number );
 IPSTATE_EXPORT Colour ColourInstance( std::string_view name );
-/// The enumerator's name.
+/// The enumerator's name; for a number that is none, the number.
 IPSTATE_EXPORT Zek::String stringValue( Colour value );
 IPSTATE_EXPORT Zek::String valueToStrep( Colour value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, Colour value );
@@ -117,8 +117,14 @@ class IPSTATE_EXPORT Tag : public Zek::BoundedString< Tag > {
       : BoundedString( Zek::String( begin, end ) ) {}
 };
 
+/// The string as it is.
 IPSTATE_EXPORT Zek::String stringValue( const Tag & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const Tag & value );
+/// As in the text of a value: in quotes where it could not stand bare.
+IPSTATE_EXPORT Zek::String valueToStrep( const Tag & value );
+/// Reads either form; RangeException, and `value` unchanged, for another text or a longer string.
+IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
+                                     Zek::String::IteratorConst end, Tag & value );
 
 } // namespace Sample
 
@@ -176,6 +182,7 @@ class IPSTATE_EXPORT Pair {
 IPSTATE_EXPORT Zek::String stringValue( const Pair & value );
 IPSTATE_EXPORT Zek::String valueToStrep( const Pair & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const Pair & value );
+/// As the constructor from text.
 IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
                                      Zek::String::IteratorConst end, Pair & value );
 
@@ -238,6 +245,7 @@ class IPSTATE_EXPORT Group {
 IPSTATE_EXPORT Zek::String stringValue( const Group & value );
 IPSTATE_EXPORT Zek::String valueToStrep( const Group & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const Group & value );
+/// As the constructor from text.
 IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
                                      Zek::String::IteratorConst end, Group & value );
 
@@ -283,6 +291,7 @@ class IPSTATE_EXPORT Cursor {
 IPSTATE_EXPORT Zek::String stringValue( const Cursor & value );
 IPSTATE_EXPORT Zek::String valueToStrep( const Cursor & value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, const Cursor & value );
+/// As the constructor from text.
 IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
                                      Zek::String::IteratorConst end, Cursor & value );
 
@@ -298,6 +307,9 @@ class IPSTATE_EXPORT Plain : public Zek::Entity {
       busy = 300,
    };
    using enum Phase;
+   /// The Phase of that number or name; RangeException when there is none.
+   static Phase PhaseInstance( int64_t number );
+   static Phase PhaseInstance( std::string_view name );
 
    /// Told of every change of the record it is attached to and registered with.
    class IPSTATE_EXPORT NotifieeConst : public Zek::Entity::NotifieeConst {
@@ -453,10 +465,7 @@ IPSTATE_EXPORT Zek::Ptr< Plain > plainFactory(
    const Sample::Tag & given );
 
 // tests/typelang/Sample/Sample.zek:72
-/// The Plain::Phase of that number or name; RangeException when there is none.
-IPSTATE_EXPORT Plain::Phase PhaseInstance( int64_t number );
-IPSTATE_EXPORT Plain::Phase PhaseInstance( std::string_view name );
-/// The enumerator's name.
+/// The enumerator's name; for a number that is none, the number.
 IPSTATE_EXPORT Zek::String stringValue( Plain::Phase value );
 IPSTATE_EXPORT Zek::String valueToStrep( Plain::Phase value );
 IPSTATE_EXPORT std::ostream & operator<<( std::ostream & out, Plain::Phase value );
