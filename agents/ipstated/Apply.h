@@ -1,0 +1,149 @@
+// Keeps the kernel's addresses in agreement with the configuration records.
+//
+// What the configuration of an interface wants: of IPv4, `addrWithMask`, the virtual address, and
+// the secondary and virtual secondary ones whose flag is set; a single address of the interface
+// named by `unnumberedIntfId` where it has no primary one of its own; of IPv6, `addr` and
+// `linkLocalAddrWithMask`. An interface that is not in the VRF of its configuration gets none.
+//
+// What is wanted is installed, and becomes Apply's own by that, even where the kernel had it
+// before. What is its own and not wanted any more is removed. All else in the kernel is left alone.
+//
+// Requests are believed no further than their answer: only the kernel's events say that an address
+// is there or gone. One that is wanted and goes (removing a primary takes the secondaries of its
+// subnet along) is installed again. The kernel decides by its own order which one of a subnet is
+// the primary; of those installed together, the configured primary comes first.
+//
+// Callbacks of records and of the feed only note which address may be in disagreement; serve()
+// works that off, a bounded number at a time, and costs the same for each, however many addresses
+// the interface has. What cannot be done is told in words, by interface, in Ip::IpConfigError,
+// those of IPv6 too.
+
+#pragma once
+
+#include "agents/ipstated/AddressWriter.h"
+#include "agents/ipstated/KernelFeed.h"
+
+#include "Ip/Ip.h"
+#include "Ip6/Ip6.h"
+#include "framework/Ptr.h"
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace Ipstated {
+
+class Apply : public KernelObserver {
+ public:
+   using Time = KernelFeed::Time;
+
+   struct Options {
+      /// Addresses looked at in one call of serve(), lest events wait too long to be read.
+      size_t mostPerTurn = 256;
+      /// Before trying again what the kernel refused or never told of.
+      KernelFeed::Duration retryDelay = std::chrono::seconds( 10 );
+   };
+
+   /// Make it before the feed starts, which must tell it everything. `state` is the feed's.
+   Apply( Ip::Config::PtrConst config4, Ip6::Config::PtrConst config6,
+          Ip::IpConfigError::Ptr errors, const KernelState & state );
+   Apply( Ip::Config::PtrConst config4, Ip6::Config::PtrConst config6,
+          Ip::IpConfigError::Ptr errors, const KernelState & state, const Options & options );
+   /// Removes nothing from the kernel.
+   ~Apply() override;
+   Apply( const Apply & ) = delete;
+   Apply & operator=( const Apply & ) = delete;
+
+   /// Brings some of what disagrees into agreement.
+   void serve( Time now );
+   /// When serve() wants to be called; none while all is at rest.
+   std::optional< Time > deadline() const;
+
+   void onInterface( const Interface & interface ) override;
+   void onInterfaceGone( const Interface & interface ) override;
+   void onVrf( const Interface & interface, const std::string & before ) override;
+   void onFlags( const Interface & interface ) override;
+   void onAddress4( const Interface & interface, const Ip4Address & address,
+                    Difference difference ) override;
+   void onAddress6( const Interface & interface, const Ip6Address & address,
+                    Difference difference ) override;
+   void onPrimary4( const Interface & interface ) override;
+   void onSynchronized() override;
+
+ private:
+   template< class Key >
+   struct Book;
+   struct Intf;
+   struct ConfigWatch4;
+   struct ConfigWatch6;
+   struct DirectoryWatch4;
+   struct DirectoryWatch6;
+   struct Hash {
+      size_t operator()( Velon::IntfId id ) const { return id.hash(); }
+   };
+
+   using Key4 = Velon::IpAddrWithMask;
+   using Key6 = Velon::Ip6AddrWithMask;
+
+   Intf & intf( Velon::IntfId id );
+   Intf * known( Velon::IntfId id );
+
+   void directoryChanged( const Ip::Config & directory, Velon::IntfId id );
+   void directoryChanged( const Ip6::Config & directory, Velon::IntfId id );
+   void lenderIs( Intf & borrower, Velon::IntfId lender );
+   template< class Key >
+   void told( Intf & intf, const Key & key, Difference difference, bool dadFailed );
+
+   void queue( Intf & intf );
+   template< class Key >
+   void touch( Intf & intf, Book< Key > & book, const Key & key );
+   template< class Key >
+   void touchAll( Intf & intf, Book< Key > & book );
+   void touchAll( Intf & intf );
+   template< class Key >
+   void touchUnsettled( Intf & intf, Book< Key > & book );
+   void touchBorrowers( const Intf & lender );
+   void touchRivals( Intf & intf, const Key4 & key );
+   void touchRivals( Intf & intf, const Key6 & key );
+   void touchWanted( Intf & intf, Book< Key4 > & book );
+   void touchWanted( Intf & intf, Book< Key6 > & book );
+
+   std::optional< Key4 > borrowed( const Intf & intf );
+   bool isWanted( const Intf & intf, const Key4 & key );
+   bool isWanted( const Intf & intf, const Key6 & key );
+   static std::string rivalOf( const Intf & intf, const Key4 & key );
+   static std::string rivalOf( const Intf & intf, const Key6 & key );
+
+   template< class Key >
+   size_t work( Intf & intf, Book< Key > & book, size_t most, Time now );
+   template< class Key >
+   void removeIfUnwanted( Intf & intf, Book< Key > & book, unsigned index, const Key & key,
+                          Time now );
+   template< class Key >
+   void installIfWanted( Intf & intf, Book< Key > & book, unsigned index, const Key & key,
+                         Time now );
+   std::string install( unsigned index, const Key4 & key, Ip::IpAddrScope scope );
+   std::string install( unsigned index, const Key6 & key, Ip::IpAddrScope scope );
+   void retry( Time now );
+
+   std::vector< std::string > conditionsOf( const Intf & intf );
+   void writeErrors( const Intf & intf );
+
+   const Ip::IpConfigError::Ptr errors_;
+   const KernelState & state_;
+   const Options options_;
+   AddressWriter writer_;
+   std::unordered_map< Velon::IntfId, std::unique_ptr< Intf >, Hash > intfs_;
+   std::unordered_map< Velon::IntfId, std::set< Velon::IntfId >, Hash > borrowers_; ///< by lender
+   std::deque< Intf * > queue_;
+   std::optional< Time > retryAt_;
+   Zek::Ptr< DirectoryWatch4 > watch4_;
+   Zek::Ptr< DirectoryWatch6 > watch6_;
+};
+
+} // namespace Ipstated
