@@ -2,14 +2,13 @@
 
 #include "agents/ipstated/Reflect.h"
 
+#include "framework/Generic.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <set>
 #include <stdexcept>
-#include <type_traits>
 #include <vector>
 
 namespace Ipstated {
@@ -34,34 +33,10 @@ isShown( const Zek::AttributeRow & row ) {
    }
 }
 
-/// Calls `use` with the address of the attribute's value, stored or computed.
-template< class Use >
-void
-withValue( const void * object, const Zek::AttributeRow & row, Use use ) {
-   if( row.address ) {
-      use( row.address( object ) );
-      return;
-   }
-   struct Free {
-      const Zek::ValueOps & ops;
-      void operator()( void * at ) const {
-         ops.destroy( at );
-         ::operator delete( at, std::align_val_t( ops.alignment ) );
-      }
-   };
-   const Zek::ValueOps & ops = *row.stored;
-   void * place = ::operator new( ops.size, std::align_val_t( ops.alignment ) );
-   row.read( object, place );
-   use( std::unique_ptr< void, Free >( place, Free{ ops } ).get() );
-}
-
-/// What the counted pointer at that address points to: every one is a pointer inside, to an object
-/// that begins with its PtrInterface.
-const Zek::PtrInterface *
-pointeeOf( const void * pointer ) {
-   const Zek::PtrInterface * object;
-   std::memcpy( &object, pointer, sizeof object );
-   return object;
+Zek::GenericValue
+read( const Zek::GenericTarget & object, const Zek::AttributeRow & row ) {
+   return object.type()->genericIf->genericIfAttributeOp( object, Zek::GenericOperation::read,
+                                                          row.id );
 }
 
 /// How what is not owned is shown: its path, or its type when it stands in no tree.
@@ -112,16 +87,11 @@ appendRecord( const Zek::Entity & record, const std::string & name, int columns,
          continue;
       }
       if( !row->collection ) {
-         withValue( &record, *row, [&]( const void * value ) {
-            std::string text;
-            if( row->type->isCounted() ) {
-               const Zek::PtrInterface * object = pointeeOf( value );
-               text = object ? reference( *object ) : "null";
-            } else {
-               row->stored->append( value, text );
-            }
-            line( columns, std::string( row->name ) + " = " + text );
-         } );
+         const Zek::GenericValue value = read( record, *row );
+         const std::string text = !value.isPointer() ? value.text()
+                                  : value.object()   ? reference( *value.object() )
+                                                     : "null";
+         line( columns, std::string( row->name ) + " = " + text );
          continue;
       }
       for( const Member & member : membersOf( record, *row ) ) {
@@ -164,49 +134,37 @@ unquoted( const std::string & text ) {
 
 template< class... Numbers >
 bool
-readNumber( const Zek::TypeDescriptor & type, const void * value, Json & out ) {
-   return ( ( &type == &Zek::TypeOf< Numbers >::descriptor &&
-              ( out = *static_cast< const Numbers * >( value ), true ) ) ||
-            ... );
+readNumber( const Zek::GenericValue & value, Json & out ) {
+   return ( ( value.is< Numbers >() && ( out = value.as< Numbers >(), true ) ) || ... );
 }
 
-Json jsonOfRow( const void * object, const Zek::AttributeRow & row );
-
 Json
-jsonOf( const Zek::TypeDescriptor & type, const void * value ) {
+jsonOf( const Zek::GenericValue & value ) {
    Json json;
+   if( value.isPointer() ) {
+      return value.object() ? Json( utf8( reference( *value.object() ) ) ) : json;
+   }
    if( readNumber< bool, uint8_t, uint16_t, uint32_t, uint64_t, int8_t, int16_t, int32_t, int64_t,
-                   double >( type, value, json ) ) {
+                   double >( value, json ) ) {
       return json;
    }
+   const Zek::TypeDescriptor & type = *value.type();
    if( type.kind != Zek::TypeKind::value || type.attributes.empty() ) {
-      std::string text;
-      type.values->append( value, text );
-      return unquoted( text );
+      return unquoted( value.text() );
    }
    for( const Zek::AttributeRow * field : rowsOf( type ) ) {
-      if( field->address ) {
-         json[field->name] = jsonOfRow( value, *field );
+      if( !field->address ) {
+         continue;
+      }
+      if( field->kind == Zek::AttributeKind::collection ) {
+         Json & members = json[field->name] = Json::array();
+         for( auto i = type.genericIf->genericIfIterator( value, field->id ); i; ++i ) {
+            members.push_back( jsonOf( i.key() ) );
+         }
+      } else {
+         json[field->name] = jsonOf( read( value, *field ) );
       }
    }
-   return json;
-}
-
-/// Of an attribute or field that is no collection of a record.
-Json
-jsonOfRow( const void * object, const Zek::AttributeRow & row ) {
-   Json json;
-   withValue( object, row, [&]( const void * value ) {
-      if( row.kind == Zek::AttributeKind::collection ) {
-         std::string text; // a set inside a value
-         row.stored->append( value, text );
-         json = utf8( text );
-      } else if( !row.type->isCounted() ) {
-         json = jsonOf( *row.type, value );
-      } else if( const Zek::PtrInterface * target = pointeeOf( value ) ) {
-         json = utf8( reference( *target ) );
-      }
-   } );
    return json;
 }
 
@@ -219,7 +177,7 @@ jsonOf( const Zek::Entity & record ) {
          continue;
       }
       if( !row->collection ) {
-         json[row->name] = jsonOfRow( &record, *row );
+         json[row->name] = jsonOf( read( record, *row ) );
          continue;
       }
       Json members = row->has( Zek::isSet ) ? Json::array() : Json::object();
@@ -231,7 +189,7 @@ jsonOf( const Zek::Entity & record ) {
          } else if( row->has( Zek::refersToMembers ) ) {
             members[key] = utf8( reference( *member.object ) );
          } else if( value ) {
-            members[key] = jsonOf( *row->type, value );
+            members[key] = jsonOf( Zek::GenericValue( *row->type, value ) );
          } else {
             members.push_back( key );
          }

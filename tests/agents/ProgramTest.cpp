@@ -253,7 +253,11 @@ TEST_F( DumpTest, ShowsJsonWhateverTheNames ) {
    EXPECT_EQ( record["maxMssEgress"], 0 );
    EXPECT_EQ( record["attachedRoutes"], true );
    EXPECT_EQ( record["urpf"], ( nlohmann::json{ { "mode", "disable" }, { "acl", "" } } ) );
-   EXPECT_TRUE( record["mcaddr"].is_object() );
+   const auto & group =
+      inputs["ip"]["entity"]["input"]["entity"]["status-1"]["ipIntfStatus"]["v0"]["mcaddr"];
+   EXPECT_EQ( group["224.0.0.1"],
+              ( nlohmann::json{ { "address", "224.0.0.1" },
+                                { "application", nlohmann::json::array() } } ) );
 }
 
 TEST_F( DumpTest, NamesTheNearestRecordOfAnUnknownPath ) {
