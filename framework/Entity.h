@@ -21,6 +21,10 @@
 
 namespace Zek {
 
+namespace NboAttrLog {
+class Out;
+}
+
 /// Numbers of the framework attributes, the same in every entity type.
 enum FrameworkAttribute : uint16_t {
    nameAttr = 1,
@@ -95,6 +99,19 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// any step is missing. The empty path is this entity.
    Zek::Ptr< Entity > entityAt( std::string_view path ) const;
 
+   /// Streams the changes of this entity to other processes (framework/AttrLog.h).
+   class ZekNboAttrLogSa;
+   /// The adaptor that streams this entity to `out`, made if there is none: one per entity and
+   /// stream. Null for a type without attribute log. `flags`: of ZekNboAttrLogSa::Flag; `id`: of
+   /// the mount it belongs to.
+   Zek::Ptr< ZekNboAttrLogSa > zekNboAttrLogSaIs( uint32_t flags, uint32_t id,
+                                                  NboAttrLog::Out & out );
+   /// Whether entities of this type can be streamed.
+   bool zekHasAttrLogInterface() const { return fwkType()->hasAttrLog; }
+   /// While not logged, no change of the entity is streamed; afterwards all of it is sent again.
+   bool zekIsLogged() const { return !notLogged_; }
+   void zekIsLoggedIs( bool logged );
+
    const TypeDescriptor * fwkType() const override = 0;
 
    static const TypeDescriptor zekTypeDescriptor_;
@@ -165,6 +182,7 @@ adoptMember( Map & members, Member & member, Entity & parent, uint16_t attribute
 /// What a member that has left its collection keeps of its parent: nothing.
 inline void
 disownMember( Entity & member ) {
+   if( !member.notifieeList().idle() ) member.notifieeList().tellLeaving();
    member.parentIs( nullptr );
    member.parentAttrIdIs( 0 );
 }

@@ -55,6 +55,14 @@ NotifieeConst::onNotificationException() {
 }
 
 void
+NotifieeConst::zekEntityLeaves() {}
+
+AttributeSink *
+NotifieeConst::zekSink() const {
+   return nullptr;
+}
+
+void
 NotifieeConst::zekDoZombieReactors( bool zombie ) {
    if( zombie == zekMarkedForDeletion() ) return;
    if( notifier_ ) hasNotificationActiveIs( !zombie );

@@ -24,6 +24,7 @@
 
 namespace Zek {
 
+class AttributeSink;
 class Notifier;
 class NotifieeList;
 
@@ -59,6 +60,11 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    /// Marks attribute-log adaptors, which are called even when an earlier notifiee threw.
    bool zekIsLogAdaptor() const { return flags_ & logAdaptorFlag; }
    void zekIsLogAdaptorIs( bool logAdaptor );
+   /// To attribute-log adaptors only: the entity is about to lose its parent, or dies. The
+   /// notifiee may detach in it.
+   virtual void zekEntityLeaves();
+   /// Where a relay forwards to (framework/Relay.h); null for all other notifiees.
+   virtual AttributeSink * zekSink() const;
 
  protected:
    NotifieeConst() = default;

@@ -198,6 +198,28 @@ NotifieeList::keep( const Notifier * notifier ) {
    b->unsettled = true;
 }
 
+NotifieeList::NotifieeConst *
+NotifieeList::logAdaptor( uint32_t n ) const {
+   if( !word_ ) return nullptr;
+   NotifieeConst * single = holdsBlock() ? nullptr : inPlace();
+   NotifieeConst ** at = single ? &single : block()->members();
+   NotifieeConst ** end = single ? at + 1 : block()->passives();
+   for( ; at != end; ++at ) {
+      if( ( *at )->zekIsLogAdaptor() && n-- == 0 ) return *at;
+   }
+   return nullptr;
+}
+
+void
+NotifieeList::tellLeaving() {
+   // One that stays in the list is passed over, one that leaves it makes room for the next.
+   uint32_t stayed = 0;
+   while( NotifieeConst * adaptor = logAdaptor( stayed ) ) {
+      adaptor->zekEntityLeaves();
+      if( logAdaptor( stayed ) == adaptor ) ++stayed;
+   }
+}
+
 void
 NotifieeList::detachAll() {
    auto forget = []( NotifieeConst * notifiee ) {

@@ -76,6 +76,11 @@ class IPSTATE_EXPORT NotifieeList {
       if( word_ ) visitMembers( callback, key );
    }
 
+   /// The attribute-log adaptor number `n` in order of registration, or null.
+   NotifieeConst * logAdaptor( uint32_t n ) const;
+   /// Tells every attribute-log adaptor that the notifier leaves its parent or dies.
+   void tellLeaving();
+
    /// The optional parts, or null. The list owns them; other parts replace (and delete) them.
    Extras * extras() const;
    void extrasIs( Extras * extras );

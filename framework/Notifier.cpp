@@ -14,6 +14,7 @@ Notifier::handleZeroRef() {
    if( notifieeList_.visitInProgress() ) {
       notifieeList_.keep( this );
    } else if( lastReferenceGone() ) {
+      if( !notifieeList_.idle() ) notifieeList_.tellLeaving();
       notifieeList_.detachAll();
       destroy();
    }

@@ -51,6 +51,8 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    /// Number of the parent's collection that holds this entity. It belongs to Entity and stands
    /// here because four bytes beside the count are free.
    uint16_t parentAttrId_ = 0;
+   /// The entity is not streamed; here for the same reason.
+   bool notLogged_ = false;
 
  private:
    /// The list, as a pointer of which the compiler knows nothing: else it would share registers

@@ -19,6 +19,10 @@ class Relay : public N {
    AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline constinit AllocTrackTypeInfo allocTrackTypeInfo_{ "Zek::Relay", sizeof( N ) + 16 };
 
+   AttributeSink * zekSink() const override { return &sink_; }
+   void zekEntityLeaves() override { sink_.onEntityLeaves(); }
+   void onNotificationException() override { sink_.onNotificationException(); }
+
  protected:
    ~Relay() override = default;
 

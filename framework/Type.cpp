@@ -8,6 +8,14 @@ namespace Zek {
 
 AttributeSink::~AttributeSink() = default;
 
+void
+AttributeSink::onEntityLeaves() {}
+
+void
+AttributeSink::onNotificationException() {
+   throw;
+}
+
 // -- Builtin types ----------------------------------------------------------------------------
 
 namespace {

@@ -171,6 +171,10 @@ class IPSTATE_EXPORT AttributeSink {
    virtual void onAttribute( const AttributeRow & row ) = 0;
    /// A member of a collection was added, changed or removed. `key` is valid during the call.
    virtual void onMember( const AttributeRow & row, const void * key ) = 0;
+   /// Of a relay that is an attribute-log adaptor: the entity is about to lose its parent, or dies.
+   virtual void onEntityLeaves();
+   /// In the catch block of what one of these threw; what leaves it leaves the mutator.
+   virtual void onNotificationException();
 };
 
 /// One registered type.

@@ -36,9 +36,14 @@ Buffer::grow( size_t bytes ) {
 
 bool
 Decoder::fail( const char * expected ) {
+   return failAt( expected, offset() );
+}
+
+bool
+Decoder::failAt( const char * expected, size_t offset ) {
    if( !expected_ ) {
       expected_ = expected;
-      failedAt_ = offset();
+      failedAt_ = offset;
    }
    at_ = end_;
    return false;

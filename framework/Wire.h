@@ -168,6 +168,8 @@ class IPSTATE_EXPORT Decoder {
 
    /// Fails here; false. `expected` must live as long as the decoder.
    bool fail( const char * expected );
+   /// The same at another offset: a part of the range was read by another decoder.
+   bool failAt( const char * expected, size_t offset );
    bool failed() const { return expected_ != nullptr; }
    const char * expected() const { return expected_; }
    size_t failedAt() const { return failedAt_; }

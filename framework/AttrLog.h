@@ -1,0 +1,415 @@
+// The attribute log: every change of an entity as a record in a stream to another process.
+//
+// A StreamAdapter is one end of a connection: an Out, an In, and the adaptors of all entities
+// that are streamed over it. An adaptor (Entity::ZekNboAttrLogSa) watches one entity through its
+// notifiee. A change is written at once while the stream has room; else the attribute, or the key
+// of the collection's member, is marked dirty in the entity's FlowOut and written when there is
+// room again, with the value it has then. So a stalled reader costs memory for what is dirty,
+// never for what happened.
+//
+//    mutator ─> notifiee ─> adaptor ─┬─ room ──> Out ─> bytes ─> In ─> the copy's mutator
+//                                    └─ none ──> FlowOut: dirty ─┘ drain()
+//
+// Nothing here knows sockets or loops: bytes are taken from Out and given to In by the owner of
+// the connection (platform/Kelmo). docs/attribute-log.md describes the bytes.
+//
+// Threads: one thread owns a tree, its adapters, and everything here.
+
+#pragma once
+
+#include "framework/AnyKey.h"
+#include "framework/Entity.h"
+#include "framework/EntityUriPath.h"
+#include "framework/Relay.h"
+#include "framework/Wire.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace Zek {
+
+class StreamAdapter;
+
+namespace NboAttrLog {
+
+class Out;
+class In;
+class FlowOut;
+
+constexpr uint32_t firstSequence = 0;
+constexpr uint32_t lastSequence = 2147483647;
+
+/// First and last byte of a record's body.
+constexpr uint8_t openToken = 0;
+constexpr uint8_t closeToken = 2;
+
+/// What a record does.
+enum class Kind : uint8_t {
+   value,       // an attribute's value, or a member that is present
+   removal,     // a member is absent
+   instantiate, // a new instance, whatever was under its key
+   adopt,       // an instance; one of the same type and constructor arguments is the same
+   beginWhole,  // all members of a collection follow
+   endWhole,    // what was not mentioned since is absent
+   state,       // all plain attributes
+};
+
+/// Flag of a record: its sequence number starts anew.
+constexpr uint8_t restartsSequence = 1;
+
+/// Flow 0 carries what belongs to no entity; the attribute number says what.
+enum Control : uint16_t {
+   typeControl = 1, // a type's number, name, fingerprint and attributes
+   ackControl,      // count of records received, where the peer may write
+   againControl,    // a flow is wanted from its instantiation on
+   bindControl,     // the writer's flow for an instance of the peer's flow
+   rootControl,     // the root of an export: its flow, type and constructor arguments
+   noRootControl,   // nothing stands at the export's path
+   beginControl,    // an export's dump begins
+   endControl,      // and ends: what it did not mention is absent
+   firstUserControl = 64,
+};
+
+struct FrameHeader {
+   static constexpr size_t size = 20;
+   uint32_t length;
+   uint32_t checksum; // of all that follows it
+   uint32_t flow;
+   uint16_t attribute;
+   Kind kind;
+   uint8_t flags;
+   uint32_t sequence;
+};
+
+/// Bounds of what a peer may send; checked for every record in one place.
+struct Quota {
+   uint32_t recordBytes = 16 << 20;
+   uint32_t flows = 1 << 24;
+   uint32_t types = 1024;
+   uint32_t held = 1 << 20; // references and instances that wait for their target
+};
+
+/// How the attributes of a type are streamed; made once per type and adapter.
+struct IPSTATE_EXPORT Plan {
+   explicit Plan( const TypeDescriptor & type );
+
+   const TypeDescriptor & type;
+   std::vector< const AttributeRow * > plain;       // stored, with a mutator
+   std::vector< const AttributeRow * > collections; // the children directory last
+   std::vector< const AttributeRow * > parameters;  // behind the key: rows that hold them
+   std::vector< uint16_t > attrIdsReqSync;          // ascending
+   uint64_t fingerprint;
+   uint32_t wireType = 0; // its number on the stream, 0 until declared
+
+   /// Row of a synchronised attribute, or null.
+   const AttributeRow * row( uint16_t attrId ) const;
+   /// Hash of what both ends must agree on to exchange the attribute.
+   static uint32_t signature( const AttributeRow & row );
+};
+
+/// What is still to be sent of one collection.
+struct DirtyCollection {
+   const AttributeRow * row;
+   /// By key; true when a removal must go before the member that is there now.
+   DirtyKeys keys;
+   /// All of it is to be sent again, between marks.
+   bool whole = false;
+   /// Where sending all of it stands: set while it is under way.
+   struct ResyncState {
+      AnyKey bookmark; // last member sent; empty at the start
+      bool hasBookmark() const { return bookmark.get() != nullptr; }
+   };
+   std::unique_ptr< ResyncState > resync;
+};
+
+/// What one entity still has to send. Exists once the entity was announced.
+class IPSTATE_EXPORT FlowOut {
+ public:
+   FlowOut( Entity::ZekNboAttrLogSa & sa, uint32_t id, uint32_t first, uint32_t last )
+      : sa_( sa ),
+        id_( id ),
+        sequence_( first ),
+        firstSequence_( first ),
+        lastSequence_( last ) {}
+   FlowOut( const FlowOut & ) = delete;
+   FlowOut & operator=( const FlowOut & ) = delete;
+   ~FlowOut();
+
+   uint32_t id() const { return id_; }
+   /// Number of the next record.
+   uint32_t sequence() const { return sequence_; }
+
+   /// Names the attribute that is worked on.
+   void attrIdIs( uint16_t attrId ) { attrId_ = attrId; }
+   uint16_t attrId() const { return attrId_; }
+   bool zekIsDirty( uint16_t attrId ) const { return dirty_ & bit( attrId ); }
+   void zekIsDirtyIs( uint16_t attrId, bool dirty );
+   /// Whether members of any collection are to be sent.
+   bool hasDirtyCollKeys() const;
+   bool zekIsKeyDirty( uint16_t attrId, const void * key ) const;
+   /// `removal`: the member that was there must go first.
+   void zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal );
+   void zekKeyDirtyDel( uint16_t attrId, const void * key );
+   const DirtyKeys * dirtyKeys( uint16_t attrId ) const;
+   bool isDirty() const { return dirty_ != 0 || !collections_.empty(); }
+
+   /// Whether a change of the attribute may go out now, ahead of what is dirty. False while the
+   /// collection is being sent as a whole, and where the sequence is at its end.
+   bool prepareImmediateTransmission( uint16_t attrId );
+   /// Marks everything that the adaptor sends.
+   void allDirty();
+   /// Marks all of one collection.
+   void wholeIs( const AttributeRow & row );
+   /// Forgets where whole collections stand; they start again.
+   void freeResyncState();
+   /// Starts the sequence, and everything with it, again.
+   void resynchronise();
+
+ private:
+   friend class Out;
+   friend class Zek::Entity::ZekNboAttrLogSa;
+
+   static uint64_t bit( uint16_t attrId ) {
+      // The children directory has the last bit.
+      return uint64_t( 1 ) << ( attrId == entityAttr ? 63 : ( attrId - 258u ) & 63 );
+   }
+   DirtyCollection * collection( uint16_t attrId ) const;
+   DirtyCollection & collectionIs( const AttributeRow & row );
+   void collectionDone( DirtyCollection & done );
+
+   Entity::ZekNboAttrLogSa & sa_;
+   uint32_t id_;
+   uint32_t sequence_;
+   uint32_t firstSequence_;
+   uint32_t lastSequence_;
+   uint16_t attrId_ = 0;
+   bool restarts_ = false;
+   bool stateDirty_ = false; // all plain attributes in one record
+   uint64_t dirty_ = 0;
+   std::vector< std::unique_ptr< DirtyCollection > > collections_;
+   // The queue of flows with something to send.
+   bool queued_ = false;
+   FlowOut * previous_ = nullptr;
+   FlowOut * next_ = nullptr;
+};
+
+} // namespace NboAttrLog
+
+/// The adaptor of one entity and one stream. Its hold on the entity is weak; the adapter holds
+/// the adaptor until the entity leaves its parent or dies, or the connection goes.
+class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public AttributeSink {
+ public:
+   using Ptr = Zek::Ptr< ZekNboAttrLogSa >;
+   enum Flag : uint32_t {
+      sends = 1,       // changes go out
+      withContent = 2, // attributes, values and references
+      withMembers = 4, // members that it owns
+      deep = 8,        // and the members' own, with the same flags
+      readOnly = 16,   // a local change is an error
+      toOwner = 32,    // the peer owns it: changes go there, and its answer counts
+      fromPeer = 64,   // the peer may write it
+   };
+
+   /// The notifiee through which it watches; null once detached.
+   NotifieeConst * zekReactor() const { return reactor_.ptr(); }
+   Entity * entity() const { return entity_; }
+   StreamAdapter & adapter() const { return adapter_; }
+   /// The outbound flow, or null before the first need of it.
+   NboAttrLog::FlowOut * flowOut() const { return flow_.get(); }
+   /// Numbers of the attributes that are synchronised: the stored ones with a mutator.
+   const std::vector< uint16_t > & attrIdsReqSync() const { return plan_.attrIdsReqSync; }
+   const NboAttrLog::Plan & plan() const { return plan_; }
+   uint32_t flags() const { return flags_; }
+   bool is( Flag flag ) const { return flags_ & flag; }
+   void flagsAdd( uint32_t flags );
+
+   /// True while a record of this attribute is being applied to the entity.
+   bool handlingFlowInFor( uint16_t attrId ) const { return handling_.attrId == attrId; }
+   /// Makes a read-only entity writable where that is possible: while a record is applied to it.
+   /// A change of any other attribute meanwhile did not arrive from the log.
+   bool convertedToWritable( uint16_t attrId, const void * key ) const;
+   /// The error of a local change of a read-only entity.
+   [[noreturn]] void doThrowReadOnly( const char * attribute ) const;
+
+   void hasNotificationActiveIs( bool active );
+   void zekDoZombieReactors( bool zombie );
+   /// Watches no more, and neither do the adaptors of the members below. The adapter drops it.
+   void detach();
+
+   // -- Serialisers. Each returns false when the stream's room was used up meanwhile.
+   bool serializeAttribute( uint16_t attrId );
+   bool serializeCollection( uint16_t attrId );
+   /// Writes what is dirty.
+   bool serializeDirty();
+   /// Announces the entity as member of its parent, which must have been announced. `kind`:
+   /// instantiate or adopt.
+   void zekInstantiateSerialize( NboAttrLog::Kind kind );
+   /// Announces the entity without its parent's context, by the type's full name.
+   void doSerializeOrphan( uint32_t exportId );
+
+   // -- AttributeSink
+   void onAttribute( const AttributeRow & row ) override;
+   void onMember( const AttributeRow & row, const void * key ) override;
+   void onEntityLeaves() override;
+   void onNotificationException() override;
+
+   AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   static AllocTrackTypeInfo allocTrackTypeInfo_;
+
+   ZekNboAttrLogSa( Entity & entity, StreamAdapter & adapter, NboAttrLog::Plan & plan,
+                    uint32_t flags );
+
+ protected:
+   ~ZekNboAttrLogSa() override;
+   void onZeroReferences() override;
+
+ private:
+   friend class StreamAdapter;
+   friend class Entity;
+   friend class NboAttrLog::Out;
+   friend class NboAttrLog::In;
+   friend class NboAttrLog::FlowOut;
+
+   /// The change that a record makes while it is applied.
+   struct Handling {
+      uint16_t attrId = 0;
+      const void * key = nullptr;   // of a member
+      const void * value = nullptr; // stored form; null for a removal
+      bool instance = false;        // an instance comes into being
+   };
+   bool arrivedFromLog( const AttributeRow & row, const void * key ) const;
+   bool covers( const AttributeRow & row ) const {
+      return is( row.has( ownsMembers ) ? withMembers : withContent );
+   }
+   bool mayGoOut( const AttributeRow & row, const void * key );
+   void markDirty( const AttributeRow & row, const void * key, bool removal = false );
+   void allDirtyIs();
+   void serializeState();
+   void writeRemoval( const AttributeRow & row, const void * key );
+   void sendMember( const AttributeRow & row, const void * key, bool removal );
+   ZekNboAttrLogSa * memberAdaptor( const AttributeRow & row, const PtrInterface * member );
+   void announceMember( const AttributeRow & row, Entity & member, NboAttrLog::Kind kind,
+                        bool state );
+   void announceInWhole( const AttributeRow & row, Entity & member );
+   NboAttrLog::FlowOut & makeFlow();
+   /// Whether a write of this end to the entity's owner is on its way, so that what the owner
+   /// said before does not count.
+   bool awaitsOwner( const AttributeRow & row, const void * key );
+   void wroteToOwner( const AttributeRow & row, const void * key );
+   void rewriteUnacked();
+   void boundToOwner();
+
+   Entity * entity_;
+   StreamAdapter & adapter_;
+   NboAttrLog::Plan & plan_;
+   Zek::Ptr< NotifieeConst > reactor_;
+   std::unique_ptr< NboAttrLog::FlowOut > flow_;
+   uint32_t flags_;
+   uint32_t flowIn_ = 0;
+   uint32_t dump_ = 0; // the export in whose dump it has not been sent yet
+   bool announced_ = false;
+   bool hasSweep_ = false;     // members of it are to be removed at the end of a dump
+   bool cameFromPeer_ = false; // the peer has the instance, but no flow of it
+   Handling handling_;
+   // Written to a peer that owns the entity and has not said that it has seen it.
+   struct Unacked;
+   std::unique_ptr< Unacked > unacked_;
+   // The adapter's list.
+   ZekNboAttrLogSa * previousSa_ = nullptr;
+   ZekNboAttrLogSa * nextSa_ = nullptr;
+};
+
+namespace NboAttrLog {
+
+/// The outbound stream.
+class IPSTATE_EXPORT Out {
+ public:
+   explicit Out( StreamAdapter & adapter ) : adapter_( adapter ) {}
+   Out( const Out & ) = delete;
+   Out & operator=( const Out & ) = delete;
+   ~Out();
+
+   StreamAdapter & adapter() const { return adapter_; }
+
+   /// Bytes that may wait; a record that begins below it is written whole.
+   size_t capacity() const { return capacity_; }
+   void capacityIs( size_t bytes ) { capacity_ = bytes; }
+   bool hasSufficientBuffer() const { return buffer_.size() < capacity_; }
+
+   /// What waits to be carried away, and what was carried away.
+   const Wire::Buffer & buffer() const { return buffer_; }
+   void consume( size_t bytes ) { buffer_.consume( bytes ); }
+   /// Writes what is dirty while there is room. True when nothing is dirty any more.
+   bool drain();
+   bool isClean() const { return !queueHead_; }
+   size_t dirtyFlows() const { return queued_; }
+   size_t flows() const { return flows_.size() - free_.size() - 1; }
+
+   /// A notification that is a barrier goes out behind everything dirty; each notification
+   /// clears it.
+   void barrierIs( bool barrier ) { barrier_ = barrier; }
+   void clearBarrier() {
+      if( barrier_ ) [[unlikely]] {
+         barrier_ = false;
+         drain();
+      }
+   }
+
+   /// A record of flow 0: control() returns the encoder of its body, controlEnd() closes it.
+   Wire::Encoder control( uint16_t message );
+   void controlEnd() { end(); }
+
+   uint64_t records() const { return records_; }
+
+ private:
+   friend class FlowOut;
+   friend class In;
+   friend class Demuxer;
+   friend class Zek::StreamAdapter;
+   friend class Zek::Entity::ZekNboAttrLogSa;
+
+   Wire::Encoder begin( FlowOut & flow, uint16_t attribute, Kind kind );
+   Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags,
+                             uint32_t sequence );
+   void end();
+   void declare( Plan & plan );
+   void queue( FlowOut & flow );
+   void unqueue( FlowOut & flow );
+   void reset();
+   void renumber( FlowOut & flow );
+   void encodeInstance( Wire::Encoder & out, Entity::ZekNboAttrLogSa & sa );
+   /// Announces what the pointer refers to where this stream exports it.
+   void prepareReference( const PtrInterface * target );
+   void encodeReference( Wire::Encoder & out, const PtrInterface * target );
+   bool announce( const Entity & entity );
+
+   StreamAdapter & adapter_;
+   Wire::Buffer buffer_;
+   size_t capacity_ = 64 << 10;
+   size_t frame_ = 0; // offset of the record being written
+   bool barrier_ = false;
+   uint32_t controlSequence_ = firstSequence;
+   uint32_t types_ = 0;
+   uint64_t records_ = 0;
+   std::vector< Entity::ZekNboAttrLogSa * > flows_{ nullptr }; // by number
+   std::vector< uint32_t > free_;
+   FlowOut * queueHead_ = nullptr;
+   FlowOut * queueTail_ = nullptr;
+   size_t queued_ = 0;
+};
+
+/// Assigns flows to entities.
+class IPSTATE_EXPORT Demuxer {
+ public:
+   /// The flow of an entity: `path` says which one. Made anew; the adaptor owns it.
+   static std::unique_ptr< FlowOut > createFlowOut( Out & out, const EntityUriPath & path,
+                                                    Entity::ZekNboAttrLogSa & sa, uint32_t first,
+                                                    uint32_t last );
+};
+
+} // namespace NboAttrLog
+} // namespace Zek

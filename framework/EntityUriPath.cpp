@@ -1,0 +1,70 @@
+#include "framework/EntityUriPath.h"
+
+#include "framework/AnyKey.h"
+
+namespace Zek {
+
+namespace {
+
+constexpr uint16_t deepest = 64;
+
+void
+encodeSteps( const Entity & entity, uint16_t count, Wire::Encoder & out ) {
+   const Entity * parent = entity.parent();
+   if( !parent ) {
+      out.u16( count );
+      return;
+   }
+   encodeSteps( *parent, static_cast< uint16_t >( count + 1 ), out );
+   const AttributeRow & row = *parent->fwkType()->attribute( entity.parentAttrId() );
+   out.u16( row.id );
+   withMemberKey( row, &entity,
+                  [&]( const void * key ) { row.keyType->values->encode( key, out ); } );
+}
+
+} // namespace
+
+std::string
+EntityUriPath::text() const {
+   return std::string( entity_.fullName().view() );
+}
+
+const Entity &
+EntityUriPath::root() const {
+   const Entity * at = &entity_;
+   while( at->parent() ) at = at->parent();
+   return *at;
+}
+
+void
+EntityUriPath::encodeTo( Wire::Encoder & out ) const {
+   encodeSteps( entity_, 0, out );
+}
+
+Entity *
+EntityUriPath::resolve( const Entity & root, Wire::Decoder & in ) {
+   uint16_t steps;
+   if( !in.u16( steps, "a count of steps" ) ) return nullptr;
+   if( steps > deepest ) {
+      in.fail( "64 steps or fewer" );
+      return nullptr;
+   }
+   const Entity * at = &root;
+   for( ; steps; --steps ) {
+      uint16_t attrId;
+      if( !in.u16( attrId, "the number of a collection" ) ) return nullptr;
+      const AttributeRow * row = at->fwkType()->attribute( attrId );
+      if( !row || !row->collection || !row->has( ownsMembers ) ) {
+         in.fail( "the number of a collection that owns its members" );
+         return nullptr;
+      }
+      AnyKey key = AnyKey::zero( *row->keyType->values );
+      if( !key.ops().decode( in, key.get() ) ) return nullptr;
+      const PtrInterface * member = row->collection->find( at, key.get() );
+      if( !member ) return nullptr;
+      at = static_cast< const Entity * >( member );
+   }
+   return const_cast< Entity * >( at );
+}
+
+} // namespace Zek

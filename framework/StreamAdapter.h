@@ -1,0 +1,261 @@
+// One end of a connection between two processes' trees, and its inbound half.
+//
+// Records come in through In: each is checked as a whole before anything is changed, then applied
+// through the mutators that everybody uses, so that checks and notifications run as for a local
+// change. A record that a mutator refuses is skipped and counted. A malformed one throws a
+// StreamException, which names path, attribute and offset; the connection is over then, and the
+// tree is as the record before left it.
+
+#pragma once
+
+#include "framework/AttrLog.h"
+#include "framework/Exception.h"
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+namespace Zek {
+
+/// Bytes from a peer that are no stream of records.
+class IPSTATE_EXPORT StreamException : public Exception {
+ public:
+   using Exception::Exception;
+   ~StreamException() override;
+};
+
+/// What the owner of a connection decides.
+class IPSTATE_EXPORT StreamOwner {
+ public:
+   virtual ~StreamOwner();
+   /// A control record of the owner's own (firstUserControl and above).
+   virtual void onControl( uint16_t message, Wire::Decoder & body ) = 0;
+   /// Whether the peer may send the root of this export, or take it away (null); `*flags` of its
+   /// adaptor.
+   virtual bool acceptsRoot( uint32_t exportId, const TypeDescriptor * type, uint32_t * flags ) = 0;
+   /// The directory in which the root of an accepted export stands, made if need be.
+   virtual Entity::Ptr rootDirectory( uint32_t exportId ) = 0;
+   /// The export's entity came, or went (null).
+   virtual void onRoot( uint32_t exportId, Entity * root ) = 0;
+   /// The dump of an export begins or has been applied as a whole.
+   virtual void onDump( uint32_t exportId, bool complete ) = 0;
+   /// An exported entity of ours left its place.
+   virtual void onExportGone( uint32_t exportId ) = 0;
+};
+
+namespace NboAttrLog {
+
+class IPSTATE_EXPORT In {
+ public:
+   explicit In( StreamAdapter & adapter );
+   In( const In & ) = delete;
+   In & operator=( const In & ) = delete;
+   ~In();
+
+   /// Takes bytes and applies every record that is complete. Throws StreamException; nothing
+   /// more is taken then.
+   void receive( const void * bytes, size_t count );
+
+   uint64_t records() const { return records_; }
+   /// Records that a mutator refused, and the text of the last refusal.
+   uint64_t refused() const { return refused_; }
+   const std::string & lastRefusal() const { return lastRefusal_; }
+   /// References and instances that wait for what they refer to.
+   size_t held() const { return held_.size(); }
+   size_t flows() const { return flows_.size(); }
+   bool dumpInProgress() const { return openDumps_ != 0; }
+
+   Quota quota;
+
+ private:
+   friend class Out;
+   friend class Zek::StreamAdapter;
+   friend class Zek::Entity::ZekNboAttrLogSa;
+
+   struct WireType {
+      const TypeDescriptor * type = nullptr; // null: unknown here
+      bool same = false;                     // both ends agree on every attribute
+      std::vector< uint16_t > agreed;        // else: on these, ascending
+   };
+   struct Flow {
+      Entity::ZekNboAttrLogSa * sa = nullptr; // null: known, but nothing here follows it
+      const WireType * type = nullptr;        // null: never instantiated
+      uint32_t sequence = firstSequence;
+   };
+   /// By flow, attribute and the encoded key of a member: the newest record that waits.
+   using HeldPlace = std::tuple< uint32_t, uint16_t, std::string >;
+   struct Held {
+      Kind kind;
+      std::vector< uint8_t > body;
+   };
+   struct Whole {
+      Entity::ZekNboAttrLogSa::Ptr sa;
+      const AttributeRow * row;
+      DirtyKeys mentioned;
+   };
+   struct Sweep {
+      Entity::ZekNboAttrLogSa::Ptr sa;
+      const AttributeRow * row;
+      DirtyKeys keys;
+   };
+   class Handles;
+   class Scratch;
+
+   void record( const FrameHeader & header, Wire::Decoder & body );
+   void control( uint16_t message, Wire::Decoder & body );
+   void typeDeclared( Wire::Decoder & body );
+   void rootCame( Wire::Decoder & body );
+   void rootWent( Wire::Decoder & body );
+   void entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body );
+   void applyState( Entity::ZekNboAttrLogSa & sa, const WireType & type, Wire::Decoder & body );
+   bool applyValue( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Wire::Decoder & body );
+   bool applyMember( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
+                     Wire::Decoder & body, std::string_view & keyBytes );
+   bool applyInstance( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
+                       Wire::Decoder & body, std::string_view & keyBytes );
+   static bool hasKey( const AttributeRow & row, const void * value, const void * key );
+   /// The further constructor arguments; false when one refers to what is not there yet.
+   bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
+                       std::vector< const void * > & arguments );
+   bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body );
+   static bool isSame( const Entity & entity, const Plan & plan,
+                       const std::vector< const void * > & arguments );
+   enum class Reference { null, found, absent };
+   Reference readReference( Wire::Decoder & body, Entity *& target );
+   const WireType * wireType( Wire::Decoder & body );
+   /// A flow as an instance names it: its number, and that of its next record.
+   struct FlowName {
+      uint32_t id;
+      uint32_t sequence;
+   };
+   bool flowName( Wire::Decoder & body, FlowName & name );
+   void flowIs( FlowName name, const WireType & type );
+   /// Whether the flow is bound already; else it is taken into use.
+   bool repeats( FlowName name, const WireType & type );
+   void bind( uint32_t id, Entity::ZekNboAttrLogSa & sa );
+   void unbind( Entity::ZekNboAttrLogSa & sa );
+   void bindToPeer( Wire::Decoder & body );
+   void beginWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row );
+   void endWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row );
+   void mention( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void sweepAll();
+   void remove( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size );
+   void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
+   void retryHeld();
+   void again( uint32_t flow, uint16_t attribute, std::string_view key );
+   void sendAgain( Wire::Decoder & body );
+   /// Tells the peer, where it may write, how much has been read.
+   void acknowledge();
+   bool mayApply( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void refusedIs( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void reset();
+   [[noreturn]] void malformed( const FrameHeader & header, const char * expected, size_t offset );
+   template< class Change >
+   bool guarded( Change change );
+   template< class Change >
+   bool change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
+                const void * value, bool instance, Change change );
+
+   StreamAdapter & adapter_;
+   Wire::Buffer buffer_;
+   Wire::Buffer late_; // came while a record was applied
+   bool receiving_ = false;
+   bool closed_ = false;
+   bool boundSomething_ = false;
+   uint32_t controlSequence_ = firstSequence;
+   uint64_t records_ = 0;
+   uint64_t refused_ = 0;
+   uint64_t acked_ = 0;        // records of ours that the peer says it has received
+   uint64_t acknowledged_ = 0; // records of the peer that we said so of
+   std::string lastRefusal_;
+   std::deque< WireType > types_;
+   std::vector< Flow > flows_;
+   std::map< HeldPlace, Held > held_;
+   std::vector< Whole > wholes_;
+   std::vector< Sweep > sweeps_;
+   std::map< uint32_t, uint32_t > roots_; // flow of each export's root
+   uint32_t openDumps_ = 0;
+};
+
+} // namespace NboAttrLog
+
+class IPSTATE_EXPORT StreamAdapter {
+ public:
+   /// A connection of the tree at `root`, which lives as long as the adapter.
+   StreamAdapter( const Entity::Ptr & root, StreamOwner & owner );
+   StreamAdapter( const StreamAdapter & ) = delete;
+   StreamAdapter & operator=( const StreamAdapter & ) = delete;
+   ~StreamAdapter();
+
+   NboAttrLog::Out & nboAttrLogOut() { return out_; }
+   const NboAttrLog::Out & nboAttrLogOut() const { return out_; }
+   NboAttrLog::In & nboAttrLogIn() { return in_; }
+   Entity & root() const { return *root_; }
+   StreamOwner & owner() const { return owner_; }
+
+   /// The adaptor of the entity on this connection, or null.
+   static Entity::ZekNboAttrLogSa * adaptorOf( const Entity & entity,
+                                               const StreamAdapter & adapter );
+   Entity::ZekNboAttrLogSa * adaptorOf( const Entity & entity ) const {
+      return adaptorOf( entity, *this );
+   }
+   /// The same, made if there is none; null for a type without attribute log.
+   Entity::ZekNboAttrLogSa * adaptorIs( Entity & entity, uint32_t flags );
+
+   /// Announces the entity and sends it with what `flags` say; then each of its changes.
+   void exportIs( uint32_t exportId, Entity & entity, uint32_t flags );
+   /// Says that nothing stands where the export is wanted.
+   void exportAbsent( uint32_t exportId );
+   /// Puts a child into a directory, or removes one, where the directory may be the peer's and
+   /// read-only here. What notifiees throw is counted and traced.
+   void childIs( Entity & directory, const Entity::Ptr & child );
+   void childDel( Entity & directory, const Name & name );
+   /// Whether the peer may write to what is exported.
+   bool peerWrites() const { return peerWrites_; }
+   void peerWritesIs( bool writes ) { peerWrites_ = writes; }
+
+   /// The connection is lost: flows, numbers and bytes are forgotten. The adaptors of what came
+   /// from the peer stay, and keep it from local writes; what was exported is let go.
+   void reset();
+   size_t adaptors() const { return adaptors_; }
+   /// Bytes that this end of the connection holds for what is to be sent.
+   size_t dirtyFlows() const { return out_.dirtyFlows(); }
+
+ private:
+   friend class NboAttrLog::Out;
+   friend class NboAttrLog::In;
+   friend class Entity::ZekNboAttrLogSa;
+
+   NboAttrLog::Plan & plan( const TypeDescriptor & type );
+   void join( Entity::ZekNboAttrLogSa & sa );
+   void leave( Entity::ZekNboAttrLogSa & sa );
+   void joinDump( Entity::ZekNboAttrLogSa & sa, uint32_t exportId );
+   void flowDone( Entity::ZekNboAttrLogSa & sa );
+   void endDumps();
+
+   struct Export {
+      uint32_t id;
+      Entity::ZekNboAttrLogSa * root; // null: absent
+      Entity * entity;                // its entity, until it went
+      uint32_t pending = 0;           // flows of the dump that were not sent yet
+      bool ended = false;
+   };
+   Export * exported( uint32_t exportId );
+
+   Entity::Ptr root_;
+   StreamOwner & owner_;
+   NboAttrLog::Out out_;
+   NboAttrLog::In in_;
+   std::unordered_map< const TypeDescriptor *, std::unique_ptr< NboAttrLog::Plan > > plans_;
+   Entity::ZekNboAttrLogSa * first_ = nullptr;
+   size_t adaptors_ = 0;
+   bool peerWrites_ = false;
+   std::vector< Export > exports_;
+};
+
+} // namespace Zek
