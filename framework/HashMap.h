@@ -46,9 +46,6 @@ class HashMap {
    }
    bool has( const Key & key ) const { return find( key ) != nullptr; }
 
-   /// Room for so many members in an empty map that is about to be filled in hashed order
-   /// (framework/HashTable.h).
-   void reserve( size_t count ) { table_.reserve( ops, count ); }
    /// Adds a member. REQUIRES none under its key.
    void insert( Member * member ) {
       const Key & key = keyOf( untyped( member ) );

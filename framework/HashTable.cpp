@@ -77,12 +77,6 @@ HashTable::make( const HashTableOps & ops, uint8_t shift, uint32_t length ) {
    return new( memory ) Rep( header );
 }
 
-void
-HashTable::put( Rep * rep, uint32_t at, const Slot & slot ) {
-   rep->slots()[at] = slot;
-   if( rep->shift != 32 ) rep->tags()[at] = slot.mark ? tagOf( reversedHashOf( slot.mark ) ) : 0;
-}
-
 // Gives a mapped array's memory back between two slots, in whole pieces. What comes before the
 // first piece of nothing but slots, and the last, incomplete piece, stay for destroy().
 void
@@ -138,6 +132,60 @@ HashTable::bytes() const {
    return sum;
 }
 
+// -- Searches ---------------------------------------------------------------------------------
+
+// The first slot from `at` on that does not come before that mark: it is empty or has the mark or
+// a smaller one. REQUIRES `at` to be the home of the mark, so that the slots before the one looked
+// for are full and sorted.
+uint32_t
+HashTable::slotBehind( const Rep * rep, uint32_t at, uint64_t mark ) {
+   const Slot * slots = rep->slots();
+   const uint32_t length = rep->length;
+   const uint32_t near = std::min( at + groupSize, length );
+   for( ; at < near; ++at ) {
+      if( slots[at].mark <= mark ) return at;
+   }
+   // Gallop: what is looked for is at `low` or behind, and then not behind `high`.
+   uint32_t low = at, high = at;
+   for( uint32_t step = groupSize; high < length; step *= 2 ) {
+      ++longRunSteps_;
+      if( slots[high].mark <= mark ) break;
+      low = high + 1;
+      high = step < length - high ? high + step : length;
+   }
+   const Slot * found =
+      std::partition_point( slots + low, slots + high, [mark]( const Slot & slot ) {
+         ++longRunSteps_;
+         return slot.mark > mark;
+      } );
+   return static_cast< uint32_t >( found - slots );
+}
+
+thread_local uint64_t HashTable::longRunSteps_ = 0;
+
+uint64_t
+HashTable::longRunSteps() {
+   return longRunSteps_;
+}
+
+// The first empty slot from `at` on, or the length.
+uint32_t
+HashTable::emptySlot( const Rep * rep, uint32_t at ) {
+   if( rep->shift == 32 ) return rep->count;
+   const Slot * slots = rep->slots();
+   const uint32_t near = std::min( at + groupSize, rep->length );
+   for( ; at < near; ++at ) {
+      if( !slots[at].mark ) return at;
+   }
+   for( ; at < rep->length; at += groupSize ) {
+      if( uint32_t empty = matches( rep->tags() + at, 0 ) ) {
+         return std::min( at + static_cast< uint32_t >( std::countr_zero( empty ) ), rep->length );
+      }
+      ++longRunSteps_;
+   }
+   return rep->length;
+}
+
 // -- Growth -----------------------------------------------------------------------------------
 
 // REQUIRES no growth in progress. Afterwards there is room for one more member.
@@ -164,57 +212,59 @@ HashTable::grow() {
    Rep * rep = make( *old->ops, shift, homes + behind );
    rep->count = old->count;
    rep->old = old;
+   old->begin = 0;
    passCursors( old, rep );
    rep_ = rep;
-   migrate( 0, old->length < atOnce ? UINT32_MAX : slotsPerStep );
+   migrate( old->length < atOnce ? old->length : slotsPerStep );
 }
 
-// Moves the slots of the old array from `begin` on: at least so many, and on to the next empty
-// one. On bad_alloc nothing has moved.
+// Moves so many slots of the old array, and members of the last one's hash. On bad_alloc nothing
+// has moved.
 void
-HashTable::migrate( uint32_t begin, uint32_t atLeast ) {
+HashTable::migrate( uint32_t atLeast ) {
    Rep * rep = rep_;
    Rep * old = rep->old;
+   const uint32_t begin = old->begin;
    const Slot * from = old->slots();
-   uint32_t end = begin;
-   while( end < old->length && ( end - begin < atLeast || from[end].mark ) ) ++end;
+   uint32_t end = begin + std::min( atLeast, old->length - begin );
+   for( ; end < old->length && from[end].mark && from[end].mark == from[end - 1].mark; ++end ) {
+      ++longRunSteps_;
+   }
 
-   // Behind what has moved already: it ends before the first new home or in a run across it.
-   uint32_t first = begin * 2;
-   while( first < rep->length && rep->slots()[first].mark ) ++first;
-   if( end >= old->homes() ) {
-      // Insertions of bad hashes may have filled the room behind the last home meanwhile.
-      uint32_t next = first;
-      for( uint32_t at = begin; at < end; ++at ) {
-         if( from[at].mark )
-            next = std::max( next, rep->home( reversedHashOf( from[at].mark ) ) ) + 1;
+   uint32_t at = begin;
+   while( at < end && !from[at].mark ) ++at;
+   if( at < end ) {
+      auto homeAt = [&]( uint32_t i ) { return rep->home( reversedHashOf( from[i].mark ) ); };
+      // Behind what has moved already.
+      uint32_t next = slotBehind( rep, homeAt( at ), from[at].mark );
+      if( std::max( next, end * 2 ) + ( end - at ) > rep->length ) {
+         // Bad hashes may have filled the room behind the last home meanwhile.
+         uint32_t last = next;
+         for( uint32_t i = at; i < end; ++i ) {
+            if( from[i].mark ) last = std::max( last, homeAt( i ) ) + 1;
+         }
+         while( last > rep->length ) rep = rep_ = widened( rep, 0 );
       }
-      while( next > rep->length ) rep = rep_ = widened( rep, 0 );
+      Slot * slots = rep->slots();
+      uint8_t * tags = rep->tags();
+      for( ; at < end; ++at ) {
+         if( !from[at].mark ) continue;
+         next = std::max( next, homeAt( at ) );
+         slots[next] = from[at];
+         tags[next++] = tagOf( reversedHashOf( from[at].mark ) );
+      }
    }
-
-   uint32_t next = first;
-   for( uint32_t at = begin; at < end; ++at ) {
-      if( !from[at].mark ) continue;
-      next = std::max( next, rep->home( reversedHashOf( from[at].mark ) ) );
-      put( rep, next++, from[at] );
-   }
-   if( end >= old->homes() ) {
+   const bool isLeft = end < old->length && from[end].mark;
+   if( end >= old->homes() && !isLeft ) {
       rep->old = nullptr;
       rep->limit = UINT32_MAX;
       destroy( old, begin );
-   } else {
-      rep->limit = ( end << old->shift ) - 1;
-      release( old, begin, end );
+      return;
    }
-}
-
-void
-HashTable::reserve( const HashTableOps & ops, size_t count ) {
-   if( rep_ || count <= denseLength ) return;
-   uint8_t shift = firstShift;
-   while( shift > 1 && size_t{ 1 } << ( 32 - shift ) < count + count / 3 + 1 ) --shift;
-   const uint32_t homes = 1u << ( 32 - shift );
-   rep_ = make( ops, shift, homes + slotsBehind( homes ) );
+   const uint64_t behind = isLeft ? reversedHashOf( from[end].mark ) : UINT32_MAX;
+   rep->limit = static_cast< uint32_t >( std::min( behind, uint64_t{ end } << old->shift ) - 1 );
+   old->begin = end;
+   release( old, begin, end );
 }
 
 // -- Changes ----------------------------------------------------------------------------------
@@ -226,31 +276,38 @@ HashTable::insert( const HashTableOps & ops, uint32_t reversedHash, const void *
    if( !rep_ ) {
       rep_ = make( ops, 32, 1 );
    } else if( rep_->old ) {
-      migrate( oldBegin( rep_ ), slotsPerStep );
+      migrate( slotsPerStep );
    } else if( rep_->count == ( rep_->shift == 32 ? rep_->length : rep_->homes() / 4 * 3 ) ) {
       grow();
    }
-   bool isOld = reversedHash > rep_->limit;
-   Rep * rep = isOld ? rep_->old : rep_;
-   Slot * slots = rep->slots();
+   auto [rep, home] = homeOf( reversedHash );
    const uint64_t mark = markOf( reversedHash );
 
-   uint32_t at = rep->home( reversedHash );
-   while( at < rep->length && slots[at].mark > mark ) ++at;
-   for( ; at < rep->length && slots[at].mark == mark; ++at ) {
+   uint32_t at = slotBehind( rep, home, mark );
+   for( const Slot * slots = rep->slots(); at < rep->length && slots[at].mark == mark; ++at ) {
       int order = ops.compare( slots[at].member, key );
       assertThat( order != 0, "key is absent", "HashTable" );
       if( order > 0 ) break;
    }
-   uint32_t end = at;
-   while( end < rep->length && slots[end].mark ) ++end;
+   const uint32_t end = emptySlot( rep, at );
    if( end == rep->length ) {
-      rep = widened( rep, isOld ? oldBegin( rep_ ) : 0 );
+      const bool isOld = rep != rep_;
+      rep = widened( rep, isOld ? rep->begin : 0 );
       ( isOld ? rep_->old : rep_ ) = rep;
-      slots = rep->slots();
    }
-   for( ; end > at; --end ) put( rep, end, slots[end - 1] );
-   put( rep, at, Slot{ mark, member } );
+   Slot * slots = rep->slots();
+   if( rep->shift == 32 ) {
+      std::memmove( slots + at + 1, slots + at, ( end - at ) * sizeof( Slot ) );
+   } else {
+      // Tags are written, not moved: their line may still be on its way.
+      uint8_t * tags = rep->tags();
+      for( uint32_t to = end; to > at; --to ) {
+         slots[to] = slots[to - 1];
+         tags[to] = tagOf( reversedHashOf( slots[to].mark ) );
+      }
+      tags[at] = tagOf( reversedHash );
+   }
+   slots[at] = Slot{ mark, member };
    ++rep_->count;
    member->referencesInc();
 }
@@ -295,7 +352,7 @@ HashTable::clear() {
    uint32_t from = 0;
    while( rep ) {
       Rep * old = rep->old;
-      uint32_t oldFrom = old ? oldBegin( rep ) : 0;
+      uint32_t oldFrom = old ? old->begin : 0;
       for( uint32_t at = from; left && at < rep->length; ++at ) {
          if( PtrInterface * member = rep->slots()[at].member ) {
             --left;
@@ -337,7 +394,7 @@ HashTable::groupFrom( const Rep * rep, uint32_t at ) const {
       }
       if( at >= homes ) break;
    }
-   return rep->old ? groupFrom( rep->old, oldBegin( rep ) ) : Group{ nullptr, 0 };
+   return rep->old ? groupFrom( rep->old, rep->old->begin ) : Group{ nullptr, 0 };
 }
 
 // REQUIRES that the table has not changed.
@@ -354,11 +411,10 @@ template< class Compare >
 HashTable::Group
 HashTable::groupBehind( uint32_t reversedHash, Compare compare ) const {
    if( !rep_ ) return { nullptr, 0 };
-   const Rep * rep = reversedHash > rep_->limit ? rep_->old : rep_;
+   const auto [rep, home] = homeOf( reversedHash );
    const Slot * slots = rep->slots();
    const uint64_t mark = markOf( reversedHash );
-   uint32_t at = rep->home( reversedHash );
-   while( at < rep->length && slots[at].mark > mark ) ++at;
+   uint32_t at = slotBehind( rep, home, mark );
    while( at < rep->length && slots[at].mark == mark && compare( slots[at].member ) <= 0 ) ++at;
    return groupFrom( rep, at );
 }

@@ -16,11 +16,17 @@
 // most 3/4 that is nearly always enough: an absent key costs one line of tags, a present one also
 // one of slots and one of the member.
 //
+// Long runs. Who fills a table in hashed order, as from a walk of another one, crowds the front of
+// it until the next growth. All slots from a member's home up to it are full and sorted, so what
+// is not found among the first tags is found by galloping: the work grows with the logarithm of
+// the run.
+//
 // Growth. Twice as many homes send slot i to 2i or 2i+1, so the order stays and the move is one
 // sequential pass. It is done a few slots per insertion: hashes up to Rep::limit are in the new
-// array, greater ones still in the old one (Rep::old). The frontier between them always follows an
-// empty slot, so that no run of slots lies on both sides. Large arrays are mapped, and the old one
-// is given back piece by piece behind the frontier: no insertion pays for all.
+// array, greater ones still in the old one (Rep::old). The frontier between them may cut a run: in
+// the old array, its first slot left (Rep::begin) then stands for all homes before it. Large
+// arrays are mapped, and the old one is given back piece by piece behind the frontier: no
+// insertion pays for all.
 //
 // Up to denseLength members stand without gaps in an array of 1, 2, 4 or 8 slots, which is the
 // same thing with a single home. Nothing ever shrinks, except that an empty table owns nothing.
@@ -36,6 +42,7 @@
 #include "framework/Export.h"
 #include "framework/Ptr.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -92,10 +99,6 @@ class IPSTATE_EXPORT HashTable {
    Slot * findDense( Same same ) const;
    bool isDense() const { return !rep_ || rep_->shift == 32; }
 
-   /// Gives an empty table room for so many members. For who fills it in hashed order, as from a
-   /// walk of another table: the first members of that order all crowd at the front of a small
-   /// array, and finding and adding each would walk past those before it.
-   void reserve( const HashTableOps & ops, size_t count );
    /// Adds a member and takes a reference. REQUIRES its key absent. Changes nothing on bad_alloc.
    void insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                 PtrInterface * member );
@@ -109,6 +112,10 @@ class IPSTATE_EXPORT HashTable {
 
    static constexpr uint32_t denseLength = 8;
 
+   /// Steps that this thread took in runs longer than usual, over all tables: slots probed there,
+   /// and groups of slots passed to make room. Few where hashes are good.
+   static uint64_t longRunSteps();
+
  private:
    friend class HashCursor;
 
@@ -117,10 +124,13 @@ class IPSTATE_EXPORT HashTable {
       const HashTableOps * ops;
       Rep * old;            // holds the hashes above limit while the table grows, else null
       HashCursor * cursors; // those that stand on members; only here, not in old
-      uint32_t count;       // members here and in old
-      uint32_t limit;       // greatest reversed hash that belongs here
-      uint32_t length;      // slots, those behind the last home included
-      uint8_t shift;        // home = reversed hash >> shift; 32 for a dense array
+      union {
+         uint32_t count; // members here and in old
+         uint32_t begin; // of an old array instead: its first slot that has not moved
+      };
+      uint32_t limit;  // greatest reversed hash that belongs here
+      uint32_t length; // slots, those behind the last home included
+      uint8_t shift;   // home = reversed hash >> shift; 32 for a dense array
       bool isMapped;
 
       uint8_t * tags() { return reinterpret_cast< uint8_t * >( this + 1 ); }
@@ -134,12 +144,17 @@ class IPSTATE_EXPORT HashTable {
       uint32_t home( uint32_t reversedHash ) const {
          return static_cast< uint32_t >( static_cast< uint64_t >( reversedHash ) >> shift );
       }
+      // The same in an old array, of which the front has moved.
+      uint32_t homeLeft( uint32_t reversedHash ) const {
+         return std::max( home( reversedHash ), begin );
+      }
       size_t bytes() const {
          return sizeof( Rep ) + tagBytes() + size_t{ length } * sizeof( Slot );
       }
    };
 
    static constexpr uint32_t groupSize = 16; // tags compared at once; a group of zeros ends them
+   static constexpr uint32_t nearGroups = 4; // longer runs than these are not scanned by tags
 
    // Falls as the reversed hash rises, and is not zero.
    static uint64_t markOf( uint32_t reversedHash ) {
@@ -152,8 +167,21 @@ class IPSTATE_EXPORT HashTable {
    }
    static uint32_t matches( const uint8_t * tags, uint8_t tag );
 
-   // First slot of the old array that is not yet moved.
-   static uint32_t oldBegin( const Rep * rep ) { return ( rep->limit + 1 ) >> rep->old->shift; }
+   // Where the search for a hash begins: the array that it belongs to, and a slot.
+   struct Home {
+      Rep * rep;
+      uint32_t at;
+   };
+   Home homeOf( uint32_t reversedHash ) const {
+      if( reversedHash <= rep_->limit ) [[likely]]
+         return { rep_, rep_->home( reversedHash ) };
+      return { rep_->old, rep_->old->homeLeft( reversedHash ) };
+   }
+   template< class Same >
+   Slot * findFar( uint32_t reversedHash, Same same ) const;
+   static uint32_t slotBehind( const Rep * rep, uint32_t at, uint64_t mark );
+   static uint32_t emptySlot( const Rep * rep, uint32_t at );
+   static Slot * endOf( Rep * rep ) { return rep->slots() + rep->length; }
    // The array that a slot belongs to.
    Rep * repOf( const Slot * slot ) const {
       if( !rep_->old ) return rep_;
@@ -162,7 +190,6 @@ class IPSTATE_EXPORT HashTable {
       return place > own && place < own + rep_->bytes() ? rep_ : rep_->old;
    }
    static Rep * make( const HashTableOps & ops, uint8_t shift, uint32_t length );
-   static void put( Rep * rep, uint32_t at, const Slot & slot );
    static void destroy( Rep * rep, uint32_t from );
    static void release( Rep * rep, uint32_t from, uint32_t to );
    static Rep * widened( Rep * rep, uint32_t from );
@@ -170,7 +197,7 @@ class IPSTATE_EXPORT HashTable {
    void disturbCursors( const PtrInterface * leaving );
    void detachCursors();
    void grow();
-   void migrate( uint32_t begin, uint32_t atLeast );
+   void migrate( uint32_t atLeast );
 
    // Up to sixteen slots in order, those that hold members marked in `full`.
    struct Group {
@@ -186,6 +213,8 @@ class IPSTATE_EXPORT HashTable {
    static PtrInterface * firstOf( const Group & group ) {
       return group.full ? group.slots[std::countr_zero( group.full )].member : nullptr;
    }
+
+   static thread_local uint64_t longRunSteps_;
 
    Rep * rep_ = nullptr;
 };
@@ -264,24 +293,39 @@ HashTable::matches( const uint8_t * tags, uint8_t tag ) {
 }
 
 template< class Same >
-HashTable::Slot *
+inline HashTable::Slot *
 HashTable::find( uint32_t reversedHash, Same same ) const {
-   Rep * rep = rep_;
-   if( reversedHash > rep->limit ) rep = rep->old;
+   const auto [rep, home] = homeOf( reversedHash );
    const uint64_t mark = markOf( reversedHash );
    const uint8_t tag = tagOf( reversedHash );
-   const size_t home = reversedHash >> rep->shift;
    const uint8_t * tags = rep->tags() + home;
-   Slot * slots = reinterpret_cast< Slot * >( rep->tags() + rep->hashedTagBytes() ) + home;
-   __builtin_prefetch( slots ); // on its way while the tags are
-   for( ;; tags += groupSize, slots += groupSize ) {
+   Slot * slot = reinterpret_cast< Slot * >( rep->tags() + rep->hashedTagBytes() ) + home;
+   __builtin_prefetch( slot ); // on its way while the tags are
+   const uint8_t * far = tags + nearGroups * groupSize;
+   do {
       for( uint32_t m = matches( tags, tag ); m != 0; m &= m - 1 ) {
-         Slot * slot = slots + std::countr_zero( m );
-         if( slot->mark == mark && same( slot->member ) ) return slot;
+         Slot * found = slot + std::countr_zero( m );
+         if( found->mark == mark && same( found->member ) ) return found;
       }
       // Nothing of this hash stands behind an empty slot.
       if( matches( tags, 0 ) != 0 ) return nullptr;
+      tags += groupSize;
+      slot += groupSize;
+   } while( tags != far );
+   return findFar( reversedHash, same );
+}
+
+// Out of line, so that usual lookups save no registers for it.
+template< class Same >
+[[gnu::noinline]] HashTable::Slot *
+HashTable::findFar( uint32_t reversedHash, Same same ) const {
+   const auto [rep, home] = homeOf( reversedHash );
+   const uint64_t mark = markOf( reversedHash );
+   Slot * slot = rep->slots() + slotBehind( rep, home, mark );
+   for( ; slot != endOf( rep ) && slot->mark == mark; ++slot ) {
+      if( same( slot->member ) ) return slot;
    }
+   return nullptr;
 }
 
 template< class Same >

@@ -114,7 +114,6 @@ $Class$::on$A$zekImmediate() {
    if( !live() ) return;
    const Zek::Ptr< $Machine$ > machine = owner();
    const auto input = notifier();
-   machine->$c$_.reserve( input->$w$Count() );
    for( auto i = input->$w$IteratorConst(); i && live(); ++i ) {
       machine->$c$Is( input->$w$( i.key() ) );
    }

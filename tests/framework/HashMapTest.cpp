@@ -1,7 +1,10 @@
 #include "framework/HashMap.h"
 #include "tests/framework/CollectionModel.h"
 
+#include <algorithm>
+#include <bit>
 #include <compare>
+#include <random>
 #include <set>
 #include <string>
 
@@ -115,6 +118,51 @@ TEST( HashMap, MakesRoomBehindTheLastHomeInTheMiddleOfGrowth ) {
       ASSERT_EQ( walked, n );
       while( n-- > spread ) ASSERT_TRUE( map.take( Chosen{ n, 0xffffffff } ) );
       ASSERT_EQ( map.count(), spread );
+   }
+}
+
+// A copy of a walk crowds the front of the table until each growth; so do removals meanwhile.
+TEST( HashMap, FillsInHashedOrderWithoutWalkingPastWhatIsThere ) {
+   for( uint32_t n : { 1000u, 8000u, 32000u } ) {
+      std::vector< Id > keys;
+      for( uint32_t i = 0; i < n; ++i ) keys.emplace_back( i );
+      std::sort( keys.begin(), keys.end(), HashedOrder() );
+      IntMap< Id > map;
+      const uint64_t before = Zek::HashTable::longRunSteps();
+      for( const Id & key : keys ) {
+         map.valueIs( key, 0 );
+         ASSERT_EQ( map.memberAfter( key ), nullptr );
+      }
+      // Three gallops of at most twice the logarithm of a run of 3/8 n.
+      EXPECT_LE( Zek::HashTable::longRunSteps() - before, uint64_t{ n } * 6 * std::bit_width( n ) );
+      size_t at = 0;
+      for( IntMap< Id >::Iterator i( map ); i; ++i ) ASSERT_EQ( i.key().number, keys[at++].number );
+      ASSERT_EQ( at, n );
+   }
+}
+
+TEST( HashMap, MovesARunInPartsWhileMembersComeAndGo ) {
+   std::set< Id, HashedOrder > keys, model;
+   for( uint32_t n = 0; n < 6000; ++n ) keys.emplace( n );
+   IntMap< Id > map;
+   std::mt19937 random( 5 );
+   for( const Id & key : keys ) {
+      map.valueIs( key, 0 );
+      model.insert( key );
+      const Id other( static_cast< uint32_t >( random() % 6000 ) );
+      if( random() % 3 == 0 ) {
+         ASSERT_EQ( static_cast< bool >( map.take( other ) ), model.erase( other ) == 1 );
+      } else if( random() % 4 == 0 ) {
+         ASSERT_EQ( map.valueIs( other, 0 ), model.insert( other ).second );
+      }
+      ASSERT_EQ( map.count(), model.size() );
+      if( random() % 64 ) continue;
+      auto expected = model.begin();
+      for( IntMap< Id >::IteratorConst i( map ); i; ++i, ++expected ) {
+         ASSERT_EQ( i.key().number, expected->number );
+         ASSERT_EQ( map.find( i.key() ), i.ptr() );
+      }
+      ASSERT_EQ( expected, model.end() );
    }
 }
 
