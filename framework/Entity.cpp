@@ -55,7 +55,7 @@ void
 Entity::entityIs( const Zek::Ptr< Entity > & child ) {
    if( !child ) throwNullParameterException( fwkType()->fullName, "entity" );
    const Zek::Ptr< Entity > added = child;
-   const Name key = added->name();
+   const Name key = added->childKey();
    if( key.empty() ) {
       throwRangeException( "an entity without a name cannot be a child of '" +
                            std::string( fullName().view() ) + "'" );
@@ -190,6 +190,11 @@ Entity::parentAttrName() const {
 Name
 NamedEntity::name() const {
    return name_;
+}
+
+Name
+NamedEntity::childKey() const {
+   return fwkKey();
 }
 
 NamedEntity::~NamedEntity() = default;

@@ -55,7 +55,7 @@ class IPSTATE_EXPORT Entity : public Notifier {
    };
 
    struct EntityKeyFunktor {
-      Name operator()( const Entity & child ) const { return child.name(); }
+      Name operator()( const Entity & child ) const { return child.childKey(); }
    };
    using EntityDirectory = HashMap< Entity, Name, EntityKeyFunktor >;
    using EntityIteratorConst = EntityDirectory::IteratorConst;
@@ -123,6 +123,8 @@ class IPSTATE_EXPORT Entity : public Notifier {
  private:
    struct Children;
    Children * children() const;
+   /// The key under which a parent keeps it as a child.
+   virtual Name childKey() const { return name(); }
 
    Entity * parent_ = nullptr;
 };
@@ -133,16 +135,27 @@ class IPSTATE_EXPORT NamedEntity : public Entity {
    Name name() const override;
    /// Restores the name from a backup copy; the name it already has changes nothing. Nobody is
    /// told, and a member keyed by its name keeps its key.
-   void nameIsFromBackup( const Name & name ) { name_ = name; }
-   /// The key under which a directory keeps it.
-   const Name & fwkKey() const { return name_; }
+   void nameIsFromBackup( const Name & name ) {
+      name_ = name;
+      if( !isKeyed_ ) key_ = name;
+   }
+   /// The key under which directories and collections keep it: the name that it had when one of
+   /// them first asked.
+   const Name & fwkKey() const {
+      isKeyed_ = true;
+      return key_;
+   }
 
  protected:
-   explicit NamedEntity( const Name & name ) : name_( name ) {}
+   explicit NamedEntity( const Name & name ) : name_( name ), key_( name ) {}
    ~NamedEntity() override;
 
  private:
+   Name childKey() const override;
+
    Name name_;
+   Name key_;
+   mutable bool isKeyed_ = false;
 };
 
 /// A directory: a named entity whose content is its `entity` collection.

@@ -151,6 +151,7 @@ const Words countedNames{
    "entityAt",
    "entityIteratorConst",
    "EntityKeyFunktor",
+   "childKey",
    "EntityDirectory",
    "EntityIteratorConst",
    "notifieeList",
