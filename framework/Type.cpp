@@ -80,11 +80,13 @@ TypeDescriptor::isA( const TypeDescriptor & other ) const {
 
 // -- Registry ---------------------------------------------------------------------------------
 
-namespace {
-
-// Chains of types by hash of their full name; only ever prepended to.
+// Chains of types by hash of their full name; only ever prepended to. Exported, so that copies of
+// the library in one process share them.
 constexpr size_t registryChains = 256;
+extern IPSTATE_EXPORT std::atomic< const TypeDescriptor * > registry[registryChains];
 constinit std::atomic< const TypeDescriptor * > registry[registryChains]{};
+
+namespace {
 
 uint32_t
 hashName( std::string_view name ) {
