@@ -32,6 +32,8 @@ shareCollection( Holes & h, const Type & type, Pieces & out ) {
    h["announceKey"] =
       type.hasNotifier ? fill( "   announce( &NotifieeConst::on$X$, key );\n", h ) : std::string();
    h["keyName"] = type.hasNotifier ? " key" : "";
+   h["notifies"] = type.hasNotifier ? "Announces the member under `key` without changing anything."
+                                    : "Does nothing: nobody can watch this type.";
    out.declaration += fill( R"(   bool $x$Has( const $K$ & key ) const;
    size_t $x$Count() const;
    using $X$IteratorConst = $Map$::IteratorConst;
@@ -44,7 +46,7 @@ $isDeclaration$
    $Removed$ $x$Del( const $K$ & key );
    $Removed$ $x$Del( const $X$IteratorConst & at );
    void $x$DelAll();
-   /// Announces the member under `key` without changing anything.
+   /// $notifies$
    void $x$Notify( const $K$ & key );
 )",
                             h );
