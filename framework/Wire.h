@@ -157,8 +157,8 @@ class IPSTATE_EXPORT Decoder {
       return true;
    }
    bool text( std::string_view & text, const char * expected = "a text" ) {
-      uint32_t size;
-      const uint8_t * first;
+      uint32_t size = 0;
+      const uint8_t * first = nullptr;
       if( !u32( size, expected ) || !bytes( first, size, expected ) ) return false;
       text = { reinterpret_cast< const char * >( first ), size };
       return true;

@@ -163,10 +163,10 @@ PrefixOf< Addr, WithMask >::decodeFrom( Decoder & in, PrefixOf & out ) {
    return true;
 }
 
-template void Prefix::encodeTo( Encoder & out ) const;
-template bool Prefix::decodeFrom( Decoder & in, Prefix & out );
-template void Ip6Prefix::encodeTo( Encoder & out ) const;
-template bool Ip6Prefix::decodeFrom( Decoder & in, Ip6Prefix & out );
+template void PrefixOf< IpAddr, IpAddrWithMask >::encodeTo( Encoder & out ) const;
+template bool PrefixOf< IpAddr, IpAddrWithMask >::decodeFrom( Decoder & in, Prefix & out );
+template void PrefixOf< Ip6Addr, Ip6AddrWithMask >::encodeTo( Encoder & out ) const;
+template bool PrefixOf< Ip6Addr, Ip6AddrWithMask >::decodeFrom( Decoder & in, Ip6Prefix & out );
 
 void
 RouteDistinguisher::encodeTo( Encoder & out ) const {
