@@ -57,7 +57,7 @@ template< class T >
 bool
 decodeField( Wire::Decoder & in, T & value ) {
    if constexpr( std::is_enum_v< T > ) {
-      uint32_t number;
+      uint32_t number = 0;
       if( !in.u32( number ) ) return false;
       auto signedNumber = static_cast< int32_t >( number );
       if( !Wire::isEnumerator( TypeOf< T >::descriptor, signedNumber ) ) {
@@ -66,18 +66,18 @@ decodeField( Wire::Decoder & in, T & value ) {
       value = static_cast< T >( signedNumber );
       return true;
    } else if constexpr( std::is_same_v< T, bool > ) {
-      uint8_t byte;
+      uint8_t byte = 0;
       if( !in.u8( byte ) ) return false;
       if( byte > 1 ) return in.fail( "0 or 1" );
       value = byte != 0;
       return true;
    } else if constexpr( std::is_same_v< T, double > ) {
-      uint64_t bits;
+      uint64_t bits = 0;
       if( !in.u64( bits ) ) return false;
       value = std::bit_cast< double >( bits );
       return true;
    } else if constexpr( std::is_integral_v< T > ) {
-      std::make_unsigned_t< T > number;
+      std::make_unsigned_t< T > number = 0;
       if( !in.number( number, "a number" ) ) return false;
       value = static_cast< T >( number );
       return true;

@@ -1,4 +1,6 @@
 // Reads any bytes as the text of any value type or enumeration. The first byte chooses the type.
+// The others take the place of a piece of its zero value's text, the piece that starts where the
+// second byte says and is as long as the third says; of all from there when that is 255.
 //
 // What reads must be written again as a text that reads back to the same; what does not must leave
 // the value alone and, in a value type, say why.
@@ -85,11 +87,14 @@ require( bool holds ) {
 
 extern "C" int
 LLVMFuzzerTestOneInput( const uint8_t * data, size_t size ) {
-   if( size == 0 ) return 0;
+   if( size < 3 ) return 0;
    const Zek::TypeDescriptor & type = *types()[data[0] % types().size()];
-   const std::string_view text( reinterpret_cast< const char * >( data ) + 1, size - 1 );
    Value value( type );
    const std::string before = value.text();
+   std::string text = before;
+   const size_t from = std::min< size_t >( data[1], text.size() );
+   text.replace( from, data[2] == 255 ? text.npos : data[2],
+                 reinterpret_cast< const char * >( data ) + 3, size - 3 );
    const bool reads = value.read( text );
    if( type.kind == Zek::TypeKind::value ) {
       Value other( type );

@@ -10,8 +10,8 @@
 #include <random>
 #include <sstream>
 
-// Of fuzz/Text.cpp: reads any bytes as the text of the type that the first one chooses, and aborts
-// when what reads is not written again as it was, or what does not read leaves a trace.
+// Of fuzz/Text.cpp: reads what follows the bytes n, 0 and 255 as the text of the nth type, and
+// aborts when what reads is not written again as it was, or what does not read leaves a trace.
 extern "C" int LLVMFuzzerTestOneInput( const uint8_t * data, size_t size );
 
 using namespace Records;
@@ -299,7 +299,7 @@ TEST( AnyText, CutOrChangedAnywhereIsRefusedOrReadsBack ) {
    char index = 0;
    for( auto & [name, type] : valueTypes() ) {
       auto offer = [&]( const std::string & text ) {
-         const std::string input = index + text;
+         const std::string input = index + std::string( "\0\xff", 2 ) + text;
          LLVMFuzzerTestOneInput( reinterpret_cast< const uint8_t * >( input.data() ),
                                  input.size() );
       };
