@@ -3,13 +3,16 @@
 // Prints the table of all interfaces, then, if asked, why each would send from which address to a
 // destination, then the addresses of registered source interfaces, then a line for every
 // notification until interrupted. Ends before the last with --once, and where standard output is
-// no terminal unless --follow is given. With --dump, prints a part of the tree instead; with
+// no terminal unless --follow or --apply is given. With --dump, prints a part of the tree instead;
+// with
 // --types, the types that it is made of.
 
+#include "agents/ipstated/Apply.h"
 #include "agents/ipstated/Dump.h"
 #include "agents/ipstated/Explain.h"
 #include "agents/ipstated/KernelFeed.h"
 #include "agents/ipstated/Mirror.h"
+#include "agents/ipstated/Observers.h"
 #include "agents/ipstated/Reflect.h"
 #include "agents/ipstated/Sources.h"
 #include "agents/ipstated/Table.h"
@@ -144,18 +147,33 @@ standardDescriptorsAreTaken() {
    return outputOpen;
 }
 
+/// In milliseconds, at most an hour.
 int
-timeoutOf( const KernelFeed & feed ) {
-   auto deadline = feed.deadline();
+timeoutUntil( std::optional< Clock::time_point > deadline ) {
    if( !deadline ) {
       return -1;
    }
-   auto left = std::chrono::ceil< std::chrono::milliseconds >( *deadline - Clock::now() ).count();
-   return int( std::clamp< long long >( left, 0, 60 * 60 * 1000 ) );
+   const auto now = Clock::now();
+   const auto left = std::clamp( *deadline, now, now + std::chrono::hours( 1 ) ) - now;
+   return int( std::chrono::ceil< std::chrono::milliseconds >( left ).count() );
+}
+
+/// What keeps the kernel as the records ip/config and ip6/config of the tree want it; it tells what
+/// is wrong with them in ip/configError.
+std::unique_ptr< Apply >
+applyOf( Zek::Dir & root, const KernelState & state ) {
+   auto config4 = Ip::configFactory( "config" );
+   auto config6 = Ip6::configFactory( "config" );
+   auto errors = Ip::ipConfigErrorFactory( "configError" );
+   root.dirIs( "ip" )->entityIs( config4 );
+   root.dirIs( "ip6" )->entityIs( config6 );
+   root.dirIs( "ip" )->entityIs( errors );
+   return std::make_unique< Apply >( config4, config6, errors, state );
 }
 
 struct Options {
    bool follow = false;
+   bool apply = false;
    bool types = false;
    std::optional< std::string > dumped; ///< full name of a record
    bool json = false;
@@ -178,8 +196,15 @@ run( const Options & options ) {
    Mirror mirror( Cell::cellId(), []( const std::string & text ) {
       fprintf( stderr, "ipstated: %s\n", printable( text ).c_str() );
    } );
+   Observers observers;
    NetlinkSource source( options.source );
-   KernelFeed feed( source, mirror, options.feed );
+   KernelFeed feed( source, observers, options.feed );
+   observers.add( mirror );
+   std::unique_ptr< Apply > apply;
+   if( options.apply ) {
+      apply = applyOf( *mirror.root(), feed.state() );
+      observers.add( *apply );
+   }
    std::unique_ptr< Watch > watch;
    std::unique_ptr< Sources > sources;
    bool shown = false;
@@ -215,7 +240,7 @@ run( const Options & options ) {
       for( const std::string & name : options.sourceIntfs ) {
          sources->sourceIntfIs( Velon::IntfId( name ) );
       }
-      if( !options.follow ) {
+      if( !options.follow && !options.apply ) {
          output.close();
       }
    };
@@ -225,7 +250,11 @@ run( const Options & options ) {
       pollfd waits[] = { { feed.fd(), POLLIN, 0 },
                          { signals.fd(), POLLIN, 0 },
                          { STDOUT_FILENO, 0, 0 } };
-      if( poll( waits, 3, timeoutOf( feed ) ) < 0 && errno != EINTR ) {
+      auto deadline = feed.deadline();
+      if( const auto other = apply ? apply->deadline() : std::nullopt ) {
+         deadline = std::min( deadline.value_or( *other ), *other );
+      }
+      if( poll( waits, 3, timeoutUntil( deadline ) ) < 0 && errno != EINTR ) {
          throw std::system_error( errno, std::generic_category(), "poll" );
       }
       if( waits[1].revents || waits[2].revents ) {
@@ -237,6 +266,9 @@ run( const Options & options ) {
       Clock::time_point now = Clock::now();
       if( feed.deadline() && *feed.deadline() <= now ) {
          feed.onDeadline( now );
+      }
+      if( apply && apply->deadline() && *apply->deadline() <= now ) {
+         apply->serve( now );
       }
    }
    if( fault ) {
@@ -286,6 +318,9 @@ main( int argc, char ** argv ) {
    app.add_flag( "--once", once, "End after the table and what else is asked for" );
    app.add_flag( "--follow", follow, "Go on even if the output is no terminal" )
       ->excludes( "--once" );
+   app.add_flag( "--apply", options.apply,
+                 "Install the addresses of the records ip/config and ip6/config, and go on" )
+      ->excludes( "--once" );
    app.add_option( "--source-intf", options.sourceIntfs,
                    "Show the address of packets from this interface, and each change of it; "
                    "repeatable,\nthe interface may be absent" )
@@ -306,7 +341,8 @@ main( int argc, char ** argv ) {
    app.add_option( "PATH", dumped, "Full name of a record, as ip/status" )
       ->needs( dump )
       ->type_name( "" );
-   for( const char * other : { "--once", "--follow", "--source-intf", "--explain-source" } ) {
+   for( const char * other :
+        { "--once", "--follow", "--apply", "--source-intf", "--explain-source" } ) {
       types->excludes( other );
       dump->excludes( other );
    }

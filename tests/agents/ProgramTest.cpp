@@ -209,6 +209,22 @@ dump( const std::string & options ) {
    return output;
 }
 
+TEST_F( DumpTest, AppliesNothingUnlessConfigured ) {
+   ip( { "addr add 10.0.0.1/24 dev v0" } );
+   Program program( "--apply --follow" );
+   while( const auto line = program.line() ) {
+      if( line->empty() ) break; // behind the table
+   }
+   ip( { "addr add 10.0.0.2/24 dev v0" } );
+   const auto line = program.line();
+   ASSERT_TRUE( line );
+   EXPECT_NE( line->find( "10.0.0.2/24" ), std::string::npos ) << *line;
+   program.signal( SIGTERM );
+   EXPECT_EQ( program.status(), 0 );
+   EXPECT_EQ( program.allErrors(), "" );
+   EXPECT_EQ( system( "ip addr show dev v0 | grep -c 'inet 10' | grep -qx 2" ), 0 );
+}
+
 TEST_F( DumpTest, ShowsAnyPartAsText ) {
    ip( { "addr add 10.0.0.1/24 dev v0", "addr add 10.0.0.2/24 dev v0" } );
    const std::string path = "cell/1/ip/input/status-1/ipIntfStatus[v0]";
