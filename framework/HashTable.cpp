@@ -63,7 +63,7 @@ firstPiece( const void * array, const void * slots ) {
 HashTable::Rep *
 HashTable::make( const HashTableOps & ops, uint8_t shift, uint32_t length ) {
    static_assert( sizeof( Rep ) == 40 && sizeof( Slot ) == 16 );
-   Rep header{ &ops, nullptr, nullptr, 0, UINT32_MAX, length, shift, false };
+   Rep header{ &ops, nullptr, nullptr, { 0 }, UINT32_MAX, length, shift, false };
    size_t bytes = header.bytes();
    header.isMapped = bytes >= mappedBytes;
    void * memory;
