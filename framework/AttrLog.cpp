@@ -246,6 +246,8 @@ Out::beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags, ui
       // What the peer wrote is in what follows.
       adapter_.in_.acknowledge();
    }
+   // Only now: an acknowledgement has a number too.
+   if( flow == 0 ) sequence = controlSequence_++;
    frame_ = buffer_.size();
    Wire::Encoder out( buffer_ );
    uint8_t * at = buffer_.room( FrameHeader::size + 1 );
@@ -286,7 +288,7 @@ Out::end() {
 
 Wire::Encoder
 Out::control( uint16_t message ) {
-   return beginFrame( 0, message, Kind::value, 0, controlSequence_++ );
+   return beginFrame( 0, message, Kind::value, 0, 0 );
 }
 
 void
