@@ -1,0 +1,295 @@
+#include "platform/Kelmo/Server.h"
+
+#include "framework/Exception.h"
+#include "platform/Vistrel/Trace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Kelmo {
+
+namespace {
+
+constinit Vistrel::TraceHandle traceHandle( "Kelmo", "Server" );
+constexpr unsigned faultLevel = 1;
+constexpr unsigned clientLevel = 5;
+
+constexpr int mostEvents = 64;
+constexpr int mostAccepted = 16; // in one turn
+/// What a client may leave unread before it is not listened to any more.
+constexpr size_t mostWaiting = 1 << 20;
+
+/// Whether one of the paths is that one, or above it.
+bool
+covers( const std::vector< std::string > & paths, std::string_view path ) {
+   return std::any_of( paths.begin(), paths.end(), [&]( const std::string & above ) {
+      return path.starts_with( above ) &&
+             ( path.size() == above.size() || path[above.size()] == '/' );
+   } );
+}
+
+Descriptor
+openSpare() {
+   return Descriptor( open( "/dev/null", O_RDONLY | O_CLOEXEC ) );
+}
+
+} // namespace
+
+// -- Clients ----------------------------------------------------------------------------------
+
+class Server::Client final : public SessionOwner {
+ public:
+   Client( Server & server, Descriptor socket, std::string name )
+      : server_( server ),
+        name_( std::move( name ) ),
+        session_( server.root_, *this ),
+        connection_( session_, std::move( socket ), server.fd(), this ) {
+      connection_.mostWaitingIs( mostWaiting );
+      session_.connected();
+   }
+
+   bool isGone() const { return gone_; }
+   size_t waiting() const { return session_.output().size(); }
+   void onEvents( uint32_t events ) {
+      if( events & ~uint32_t( EPOLLOUT ) ) {
+         guarded( [this] {
+            if( !connection_.read() ) {
+               gone_ = true;
+               Vistrel::trace( traceHandle, clientLevel, "onEvents", name_, " left" );
+            }
+         } );
+      }
+   }
+   void flush() {
+      guarded( [this] { connection_.write(); } );
+   }
+
+ private:
+   template< class Work >
+   void guarded( Work work ) {
+      if( gone_ ) return;
+      try {
+         work();
+      } catch( const std::exception & error ) {
+         gone_ = true;
+         server_.fault( name_ + " is disconnected: " + error.what() );
+      }
+   }
+   bool allows( const Mount & mount, std::string & reason ) override {
+      const std::string path = mount.path().toString();
+      const ServerOptions & options = server_.options_;
+      if( !options.exported.empty() && !covers( options.exported, path ) ) {
+         reason = "'" + path + "' is not exported";
+      } else if( mount.mode() == "w" && !covers( options.writable, path ) ) {
+         reason = "'" + path + "' is not exported for writing: expected mode r or ri";
+      }
+      if( !reason.empty() ) {
+         Vistrel::trace( traceHandle, faultLevel, "allows", name_, " is refused: ", reason );
+      }
+      return reason.empty();
+   }
+
+   Server & server_;
+   std::string name_;
+   Session session_;
+   Connection connection_;
+   bool gone_ = false;
+};
+
+// -- Listening --------------------------------------------------------------------------------
+
+Server::Server( const Zek::Entity::Ptr & root, const std::string & path, ServerOptions options )
+   : root_( root ),
+     path_( path ),
+     options_( std::move( options ) ),
+     epoll_( epoll_create1( EPOLL_CLOEXEC ) ),
+     listener_( socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) ),
+     spare_( openSpare() ) {
+   if( !epoll_ || !listener_ || !spare_ ) {
+      throwSystemError( "cannot listen at '" + path_ + "'" );
+   }
+   listen();
+   epoll_event event{};
+   event.events = EPOLLIN;
+   if( epoll_ctl( epoll_.fd(), EPOLL_CTL_ADD, listener_.fd(), &event ) != 0 ) {
+      throwSystemError( "cannot wait for clients at '" + path_ + "'" );
+   }
+}
+
+Server::~Server() {
+   clients_.clear();
+   struct stat found;
+   if( lstat( path_.c_str(), &found ) == 0 && found.st_dev == device_ && found.st_ino == inode_ ) {
+      unlink( path_.c_str() );
+   }
+}
+
+void
+Server::listen() {
+   const sockaddr_un address = socketAddress( path_ );
+   auto bind = [&] {
+      return ::bind( listener_.fd(), reinterpret_cast< const sockaddr * >( &address ),
+                     sizeof address );
+   };
+   // Of two that start at the same path, neither takes the other's socket, bound and not yet
+   // listened on, for a stale one.
+   const size_t slash = path_.rfind( '/' );
+   const std::string directory = slash == path_.npos ? "." : path_.substr( 0, slash + 1 );
+   Descriptor lock( open( directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC ) );
+   if( !lock ) {
+      throwSystemError( "cannot listen at '" + path_ + "': expected a directory '" + directory +
+                        "'" );
+   }
+   for( int tries = 0; flock( lock.fd(), LOCK_EX | LOCK_NB ) != 0; ++tries ) {
+      if( ( errno != EWOULDBLOCK && errno != EINTR ) || tries == 100 ) {
+         throwSystemError( "cannot listen at '" + path_ + "': cannot lock '" + directory + "'" );
+      }
+      usleep( 2000 );
+   }
+   int failed = bind();
+   if( failed && errno == EADDRINUSE ) {
+      removeStale();
+      failed = bind();
+   }
+   if( failed ) {
+      throwSystemError( "cannot listen at '" + path_ + "'" );
+   }
+   struct stat made;
+   if( lstat( path_.c_str(), &made ) == 0 ) {
+      device_ = made.st_dev;
+      inode_ = made.st_ino;
+   }
+   // Nobody can connect before listen().
+   auto refuse = [&]( const std::string & what ) {
+      const int error = errno;
+      unlink( path_.c_str() );
+      errno = error;
+      throwSystemError( what );
+   };
+   if( options_.group && chown( path_.c_str(), uid_t( -1 ), *options_.group ) != 0 ) {
+      refuse( "cannot give '" + path_ + "' to group " + std::to_string( *options_.group ) );
+   }
+   if( chmod( path_.c_str(), options_.group ? 0660 : 0600 ) != 0 ||
+       ::listen( listener_.fd(), SOMAXCONN ) != 0 ) {
+      refuse( "cannot listen at '" + path_ + "'" );
+   }
+}
+
+void
+Server::removeStale() {
+   auto taken = [&]( const char * why ) {
+      errno = EADDRINUSE;
+      throwSystemError( "cannot listen at '" + path_ + "': " + why );
+   };
+   struct stat found;
+   if( lstat( path_.c_str(), &found ) == 0 && !S_ISSOCK( found.st_mode ) ) {
+      taken( "it is no socket; expected one that nobody answers on, or nothing" );
+   }
+   const Descriptor probe( socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) );
+   const sockaddr_un address = socketAddress( path_ );
+   if( connect( probe.fd(), reinterpret_cast< const sockaddr * >( &address ), sizeof address ) ==
+          0 ||
+       errno == EAGAIN ) {
+      taken( "somebody answers there; expected a socket that nobody answers on, or nothing" );
+   }
+   if( errno != ECONNREFUSED && errno != ENOENT ) {
+      throwSystemError( "cannot listen at '" + path_ + "': cannot tell whether somebody answers" );
+   }
+   if( unlink( path_.c_str() ) != 0 && errno != ENOENT ) {
+      throwSystemError( "cannot remove the stale socket '" + path_ + "'" );
+   }
+}
+
+void
+Server::accept() {
+   for( int accepted = 0; accepted < mostAccepted; ++accepted ) {
+      Descriptor socket(
+         accept4( listener_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC ) );
+      if( socket ) {
+         admit( std::move( socket ) );
+         continue;
+      }
+      if( ( errno == EMFILE || errno == ENFILE ) && spare_ ) {
+         // Left alone, the one who waits would keep the loop turning.
+         spare_ = Descriptor();
+         Descriptor( accept4( listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC ) );
+         spare_ = openSpare();
+         fault( "a client is turned away: no more file descriptors" );
+      }
+      if( errno != EINTR && errno != ECONNABORTED ) return;
+   }
+}
+
+void
+Server::admit( Descriptor socket ) {
+   std::string name = "a client";
+   try {
+      const Peer peer = Peer::of( socket.fd() );
+      name += ", " + peer.text() + ",";
+      if( !peer.isAdmitted( options_.group ) ) {
+         fault( name + " is turned away: expected uid " + std::to_string( geteuid() ) +
+                ( options_.group ? " or group " + std::to_string( *options_.group ) : "" ) );
+      } else if( clients_.size() >= options_.clients ) {
+         fault( name + " is turned away: expected no more than " +
+                std::to_string( options_.clients ) + " clients" );
+      } else {
+         clients_.push_back( std::make_unique< Client >( *this, std::move( socket ), name ) );
+         Vistrel::trace( traceHandle, clientLevel, "admit", name, " came" );
+      }
+   } catch( const std::exception & error ) {
+      fault( name + " is turned away: " + error.what() );
+   }
+}
+
+void
+Server::fault( const std::string & text ) {
+   ++faults_;
+   lastFault_ = text;
+   Vistrel::trace( traceHandle, faultLevel, "fault", text );
+   if( options_.problem ) options_.problem( text );
+}
+
+// -- The agent's loop -------------------------------------------------------------------------
+
+void
+Server::onReadable() {
+   if( busy_ ) return;
+   busy_ = true;
+   epoll_event events[mostEvents];
+   const int count = epoll_wait( epoll_.fd(), events, mostEvents, 0 );
+   for( int i = 0; i < count; ++i ) {
+      if( auto * client = static_cast< Client * >( events[i].data.ptr ) ) {
+         client->onEvents( events[i].events );
+      } else {
+         accept();
+      }
+   }
+   busy_ = false;
+   flush();
+}
+
+void
+Server::flush() {
+   if( busy_ ) return; // called from a callback: onReadable() comes to it
+   busy_ = true;
+   for( const auto & client : clients_ ) client->flush();
+   std::erase_if( clients_, []( const auto & client ) { return client->isGone(); } );
+   busy_ = false;
+}
+
+size_t
+Server::waiting() const {
+   size_t bytes = 0;
+   for( const auto & client : clients_ ) bytes += client->waiting();
+   return bytes;
+}
+
+} // namespace Kelmo

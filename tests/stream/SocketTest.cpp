@@ -1,0 +1,410 @@
+// Servers and mount groups over real sockets, both ends in one process.
+
+#include "platform/Kelmo/Server.h"
+#include "platform/Kelmo/SocketMountGroup.h"
+
+#include "Ip/Ip.h"
+#include "framework/Exception.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <grp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = Kelmo::SocketMountGroup::Clock;
+using std::chrono::milliseconds;
+
+/// What a mount group told.
+struct Owner final : Kelmo::MountGroupOwner {
+   void onSynchronised() override {
+      told += "synchronised\n";
+      if( then ) then();
+   }
+   void onRefused( const Kelmo::Mount & mount, const std::string & reason ) override {
+      told += "refused " + mount.path().toString() + ": " + reason + "\n";
+   }
+   void onLost( const std::string & reason ) override { told += "lost: " + reason + "\n"; }
+   std::string told;
+   std::function< void() > then;
+   std::string takeTold() { return std::exchange( told, {} ); }
+};
+
+/// A tree with a directory of interfaces at "ip/input/status".
+struct Tree {
+   Zek::Dir::Ptr root = Zek::dirFactory();
+   Ip::Input::Status::Ptr lay( const char * directory = "ip/input" ) {
+      auto status = Ip::Input::statusFactory( "status" );
+      root->dirIs( directory )->entityIs( status );
+      return status;
+   }
+   Ip::Input::Status::Ptr at( const char * path = "ip/input/status" ) {
+      return dynamic_cast< Ip::Input::Status * >( root->entityAt( path ).ptr() );
+   }
+};
+
+Ip::IpIntfStatus::Ptr
+intfIs( Ip::Input::Status & status, const char * name ) {
+   const Velon::IntfId id( name );
+   return status.ipIntfStatusIs( id, L3::Intf::Status::Ptr() );
+}
+
+class Sockets : public ::testing::Test {
+ protected:
+   Sockets() {
+      char name[] = "/tmp/ipstate-XXXXXX";
+      directory = mkdtemp( name );
+      chmod( name, 0755 );
+      path = directory + "/socket";
+   }
+   ~Sockets() override { fs::remove_all( directory ); }
+
+   void serve( Kelmo::ServerOptions options = {} ) {
+      server.reset();
+      server = std::make_unique< Kelmo::Server >( source.root, path, std::move( options ) );
+   }
+   void mount( const char * at = "ip/input/status", const char * mode = "r",
+               const char * type = "Ip::Input::Status" ) {
+      if( !group ) {
+         group = Zek::allocate< Kelmo::SocketMountGroup >( copy.root, path, owner );
+      }
+      group->doMount( Kelmo::Mount( at, type, mode, Kelmo::MountFilter( false ) ) );
+   }
+   /// One turn of the loop; false when there was nothing to do. The clock stands at `now`.
+   bool turn() {
+      if( server ) server->flush();
+      if( group ) {
+         group->timePassed( now );
+         if( group ) group->flush();
+      }
+      pollfd waits[] = { { server ? server->fd() : -1, POLLIN, 0 },
+                         { group && !stalled ? group->fd() : -1, POLLIN, 0 } };
+      if( poll( waits, 2, 0 ) == 0 ) return false;
+      if( waits[0].revents ) server->onReadable();
+      if( waits[1].revents ) group->onReadable();
+      return true;
+   }
+   void settle() {
+      while( turn() ) {}
+   }
+
+   std::string directory;
+   std::string path;
+   Tree source, copy;
+   std::unique_ptr< Kelmo::Server > server;
+   Owner owner;
+   Kelmo::SocketMountGroup::Ptr group;
+   Clock::time_point now{};
+   bool stalled = false;
+};
+
+const Velon::IpAddrWithMask one( "10.0.0.1/24" ), two( "10.0.0.2/24" );
+
+TEST_F( Sockets, FollowTheServerAndWriteBackWhereTheyMay ) {
+   auto status = source.lay();
+   intfIs( *status, "e1" )->activeAddrWithMaskIs( one );
+   auto shared = source.lay( "shared" );
+   intfIs( *shared, "e1" );
+   serve( { .writable = { "shared" } } );
+   mount();
+   settle();
+   EXPECT_EQ( owner.takeTold(), "synchronised\n" );
+   mount( "shared/status", "w" ); // also when connected
+   EXPECT_FALSE( group->isSynchronised() );
+   settle();
+   EXPECT_EQ( owner.takeTold(), "synchronised\n" );
+   auto intf = copy.at()->ipIntfStatus( Velon::IntfId( "e1" ) );
+   EXPECT_EQ( intf->activeAddrWithMask(), one );
+
+   status->ipIntfStatus( Velon::IntfId( "e1" ) )->activeAddrWithMaskIs( two );
+   intfIs( *status, "e2" );
+   copy.at( "shared/status" )->ipIntfStatus( Velon::IntfId( "e1" ) )->activeAddrWithMaskIs( one );
+   settle();
+   EXPECT_EQ( intf->activeAddrWithMask(), two );
+   EXPECT_TRUE( copy.at()->ipIntfStatusHas( Velon::IntfId( "e2" ) ) );
+   EXPECT_EQ( shared->ipIntfStatus( Velon::IntfId( "e1" ) )->activeAddrWithMask(), one );
+
+   // Without the group, what was mounted is like anything else in the tree.
+   EXPECT_THROW( intf->activeAddrWithMaskIs( one ), Zek::ReadOnlyException );
+   group = nullptr;
+   intf->activeAddrWithMaskIs( two );
+   settle();
+   EXPECT_EQ( server->clients(), 0u );
+   EXPECT_EQ( server->faults(), 0u );
+}
+
+TEST_F( Sockets, RefuseWhatIsNotExportedAndGoOnWithTheRest ) {
+   source.lay();
+   source.lay( "ipx" );
+   serve( { .exported = { "ip" } } );
+   mount( "ipx/status" );
+   mount( "ip/input/status", "w" );
+   mount( "ip/input/status", "r", "Ip::Status" );
+   mount( "ip/later", "r" ); // nothing there is no fault
+   mount();
+   EXPECT_THROW( mount( "ip/input/status", "rw" ), Zek::RangeException );
+   settle();
+   EXPECT_EQ( owner.takeTold(),
+              "refused ipx/status: 'ipx/status' is not exported\n"
+              "refused ip/input/status: 'ip/input/status' is not exported for writing: "
+              "expected mode r or ri\n"
+              "refused ip/input/status: 'ip/input/status' is Ip::Input::Status, expected "
+              "Ip::Status\n"
+              "synchronised\n" );
+   EXPECT_TRUE( copy.at() );
+   EXPECT_FALSE( copy.at( "ipx/status" ) );
+}
+
+TEST_F( Sockets, ReconnectAndTellOnlyWhatDiffers ) {
+   auto status = source.lay();
+   for( const char * name : { "e1", "e2", "e3" } ) intfIs( *status, name );
+   serve();
+   mount();
+   settle();
+   owner.takeTold();
+   struct Counter final : Zek::AttributeSink {
+      void onAttribute( const Zek::AttributeRow & row ) override { add( row ); }
+      void onMember( const Zek::AttributeRow & row, const void * ) override { add( row ); }
+      void add( const Zek::AttributeRow & row ) { told += std::string( row.name ) + "\n"; }
+      std::string told;
+   } counter;
+   auto e1 = copy.at()->ipIntfStatus( Velon::IntfId( "e1" ) );
+   auto watch = copy.at()->fwkType()->relay( *copy.at(), counter );
+   auto watchE1 = e1->fwkType()->relay( *e1, counter );
+
+   server.reset();
+   settle();
+   EXPECT_EQ( owner.takeTold(), "lost: the server at '" + path +
+                                   "' closed the connection\n"
+                                   "lost: cannot connect to '" +
+                                   path + "': No such file or directory\n" );
+   EXPECT_FALSE( group->isConnected() );
+   // The pauses grow, the reason is told once.
+   EXPECT_EQ( group->timePassed( now ), now + milliseconds( 100 ) );
+   now += milliseconds( 100 );
+   EXPECT_EQ( group->timePassed( now ), now + milliseconds( 200 ) );
+   for( int i = 0; i < 20; ++i ) now = *group->timePassed( now );
+   EXPECT_EQ( group->timePassed( now ), now + Kelmo::SocketMountGroup::longestPause );
+   EXPECT_EQ( owner.takeTold(), "" );
+
+   status->ipIntfStatus( Velon::IntfId( "e1" ) )->activeAddrWithMaskIs( one );
+   status->ipIntfStatusDel( Velon::IntfId( "e2" ) );
+   serve();
+   now += Kelmo::SocketMountGroup::longestPause;
+   settle();
+   EXPECT_EQ( owner.takeTold(), "synchronised\n" );
+   EXPECT_EQ( group->fault(), "" );
+   EXPECT_EQ( counter.told, "activeAddrWithMask\nipIntfStatus\n" );
+   EXPECT_EQ( copy.at()->ipIntfStatus( Velon::IntfId( "e1" ) ), e1 );
+   EXPECT_FALSE( copy.at()->ipIntfStatusHas( Velon::IntfId( "e2" ) ) );
+}
+
+TEST_F( Sockets, MayLoseTheirOwnerInACallback ) {
+   source.lay();
+   serve();
+   mount();
+   owner.then = [this] { group = nullptr; };
+   settle();
+   EXPECT_EQ( owner.takeTold(), "synchronised\n" );
+   EXPECT_TRUE( copy.at() );
+   EXPECT_EQ( server->clients(), 0u );
+}
+
+/// A socket connected to the path, blocking; -1 when that is refused.
+int
+connectRaw( const std::string & path, int type = SOCK_STREAM ) {
+   sockaddr_un address{};
+   address.sun_family = AF_UNIX;
+   std::memcpy( address.sun_path, path.data(), path.size() );
+   int fd = socket( AF_UNIX, type | SOCK_CLOEXEC, 0 );
+   if( connect( fd, reinterpret_cast< sockaddr * >( &address ), sizeof address ) != 0 ) {
+      close( fd );
+      return -1;
+   }
+   return fd;
+}
+
+TEST_F( Sockets, GarbageClosesItsClientAlone ) {
+   auto status = source.lay();
+   std::string problems;
+   serve( { .problem = [&]( const std::string & text ) { problems += text + "\n"; } } );
+   mount();
+   settle();
+   const Kelmo::Descriptor raw( connectRaw( path ) );
+   settle();
+   EXPECT_EQ( server->clients(), 2u );
+   const std::string garbage( 100, 'x' );
+   ASSERT_EQ( write( raw.fd(), garbage.data(), garbage.size() ), 100 );
+   settle();
+   EXPECT_EQ( server->clients(), 1u );
+   EXPECT_EQ( server->faults(), 1u );
+   const std::string expected = "a client, pid " + std::to_string( getpid() ) + " of uid " +
+                                std::to_string( getuid() ) +
+                                ", is disconnected: malformed record 0 of flow ";
+   EXPECT_EQ( server->lastFault().substr( 0, expected.size() ), expected );
+   EXPECT_EQ( problems, server->lastFault() + "\n" );
+   intfIs( *status, "e1" );
+   settle();
+   EXPECT_EQ( copy.at()->ipIntfStatusCount(), 1u );
+}
+
+TEST_F( Sockets, StalledClientsCostABoundedRoom ) {
+   auto status = source.lay();
+   for( int i = 0; i < 100; ++i ) intfIs( *status, ( "e" + std::to_string( i ) ).c_str() );
+   serve();
+   mount();
+   settle();
+   stalled = true;
+   size_t most = 0;
+   for( unsigned round = 1; round <= 1000; ++round ) {
+      for( auto i = status->ipIntfStatusIterator(); i; ++i ) i.ptr()->maxMssEgressIs( round );
+      turn();
+      most = std::max( most, server->waiting() );
+   }
+   EXPECT_LT( most, 80u << 10 );
+   EXPECT_GT( most, 0u );
+
+   // One that asks and asks, and reads no answer, is not heard any more.
+   Kelmo::SessionOwner silent;
+   Kelmo::Session flood( copy.root, silent );
+   flood.connected();
+   const std::string no( 200, 'x' );
+   for( int i = 0; i < 60000; ++i ) {
+      flood.mount( Kelmo::Mount( Zek::String( no ), "T", "w", Kelmo::MountFilter( false ) ) );
+   }
+   const Kelmo::Descriptor raw( connectRaw( path ) );
+   fcntl( raw.fd(), F_SETFL, O_NONBLOCK );
+   for( int idle = 0; idle < 3; ) {
+      ssize_t sent = send( raw.fd(), flood.output().data(), flood.output().size(), MSG_NOSIGNAL );
+      if( sent > 0 ) flood.carried( size_t( sent ) );
+      idle = turn() || sent > 0 ? 0 : idle + 1;
+   }
+   EXPECT_GT( flood.output().size(), 1u << 20 );
+   EXPECT_LT( server->waiting(), 3u << 20 );
+   EXPECT_EQ( server->clients(), 2u );
+
+   stalled = false;
+   settle();
+   EXPECT_EQ( copy.at()->ipIntfStatus( Velon::IntfId( "e99" ) )->maxMssEgress(), 1000u );
+}
+
+// -- Paths and users --------------------------------------------------------------------------
+
+std::string
+faultOf( const std::function< void() > & start ) {
+   try {
+      start();
+   } catch( const std::exception & error ) {
+      return error.what();
+   }
+   return "none";
+}
+
+TEST_F( Sockets, TakeAPathOnlyWhenNobodyHasIt ) {
+   serve();
+   struct stat made;
+   ASSERT_EQ( stat( path.c_str(), &made ), 0 );
+   EXPECT_EQ( made.st_mode & 07777, 0600u );
+   auto second = [this] { Kelmo::Server( source.root, path ); };
+   EXPECT_EQ( faultOf( second ), "cannot listen at '" + path +
+                                    "': somebody answers there; expected a socket that "
+                                    "nobody answers on, or nothing: Address already in use" );
+   fs::rename( path, path + ".stale" );
+   server.reset(); // leaves what is not at its path any more
+   fs::rename( path + ".stale", path );
+   serve();
+   mount();
+   settle();
+   EXPECT_TRUE( group->isConnected() );
+   server.reset();
+   EXPECT_FALSE( fs::exists( path ) );
+
+   std::ofstream( path ) << "precious";
+   EXPECT_EQ( faultOf( second ), "cannot listen at '" + path +
+                                    "': it is no socket; expected one that nobody "
+                                    "answers on, or nothing: Address already in use" );
+   EXPECT_EQ( fs::file_size( path ), 8u );
+   path = directory + "/none/socket";
+   EXPECT_EQ( faultOf( second ), "cannot listen at '" + path + "': expected a directory '" +
+                                    directory + "/none/': No such file or directory" );
+   path = std::string( 108, 'x' );
+   EXPECT_EQ( faultOf( second ), "'" + path +
+                                    "' of 108 bytes cannot be a socket: expected a "
+                                    "path of 1 to 107 bytes" );
+}
+
+TEST( Peer, IsAdmittedByUserOrGroup ) {
+   const Kelmo::Peer other{ geteuid() + 1, 7, { 100, 200 } };
+   EXPECT_FALSE( other.isAdmitted( {} ) );
+   EXPECT_FALSE( other.isAdmitted( 300 ) );
+   EXPECT_TRUE( other.isAdmitted( 200 ) );
+   EXPECT_TRUE( ( Kelmo::Peer{ geteuid(), 7, { 100 } }.isAdmitted( {} ) ) );
+   EXPECT_TRUE( ( Kelmo::Peer{ 0, 7, { 100 } }.isAdmitted( 300 ) ) );
+}
+
+TEST_F( Sockets, AdmitByCredentials ) {
+   if( geteuid() != 0 ) {
+      printf( "SKIPPED: only root can be somebody else\n" );
+      GTEST_SKIP();
+   }
+   constexpr gid_t friends = 54321;
+   serve( { .group = friends } );
+   struct stat made;
+   ASSERT_EQ( stat( path.c_str(), &made ), 0 );
+   EXPECT_EQ( made.st_mode & 07777, 0660u );
+   EXPECT_EQ( made.st_gid, friends );
+   ASSERT_EQ( chmod( path.c_str(), 0666 ), 0 ); // so that the credentials alone decide
+   /// Whether that user is greeted.
+   auto isGreeted = [this]( uid_t uid, gid_t also ) {
+      const pid_t child = fork();
+      if( child == 0 ) {
+         char byte;
+         const bool other =
+            setgroups( 1, &also ) == 0 && setgid( 65534 ) == 0 && setuid( uid ) == 0;
+         const int fd = other ? connectRaw( path ) : -1;
+         _exit( fd >= 0 && read( fd, &byte, 1 ) == 1 ? 0 : 1 );
+      }
+      int status;
+      while( waitpid( child, &status, WNOHANG ) == 0 ) {
+         settle();
+         usleep( 1000 );
+      }
+      settle();
+      return status == 0;
+   };
+   EXPECT_TRUE( isGreeted( 65534, friends ) );
+   EXPECT_FALSE( isGreeted( 65534, 65534 ) );
+   EXPECT_EQ( server->faults(), 1u );
+   const std::string & fault = server->lastFault();
+   EXPECT_EQ( fault.substr( fault.find( " of uid" ) ),
+              " of uid 65534, is turned away: expected uid 0 or group 54321" );
+}
+
+TEST_F( Sockets, TurnAwayOneTooMany ) {
+   source.lay();
+   serve( { .clients = 1 } );
+   mount();
+   settle();
+   const Kelmo::Descriptor raw( connectRaw( path ) );
+   settle();
+   char byte;
+   EXPECT_EQ( read( raw.fd(), &byte, 1 ), 0 );
+   EXPECT_EQ( server->clients(), 1u );
+   EXPECT_EQ( server->faults(), 1u );
+}
+
+} // namespace
