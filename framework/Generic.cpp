@@ -26,7 +26,7 @@ counted( size_t count, const char * what ) {
 // -- Targets ----------------------------------------------------------------------------------
 
 GenericTarget::GenericTarget( GenericValue & value ) : GenericTarget( std::as_const( value ) ) {
-   isConst_ = value.isPointer() && value.isConst();
+   if( !value.isPointer() ) typeAndConst_ &= ~constBit;
 }
 
 GenericTarget::GenericTarget( const GenericValue & value )
@@ -109,6 +109,13 @@ GenericIf::rejectFor( GenericOperation operation, const AttributeRow & row ) con
    reject( operation, row, nature( row ) );
 }
 
+void
+GenericIf::throwOtherObject( GenericTarget object ) const {
+   throwRejected( "an object of type " +
+                  std::string( object.type() ? object.type()->fullName : "unknown" ) +
+                  " is not of type " + type_.fullName );
+}
+
 const AttributeRow &
 GenericIf::attribute( std::string_view name ) const {
    const AttributeRow * row = type_.attribute( name );
@@ -129,20 +136,8 @@ GenericIf::attribute( uint16_t id ) const {
    return *row;
 }
 
-void
-GenericIf::checkObject( const GenericTarget & object ) const {
-   if( object.type() == &type_ ) [[likely]] {
-      return;
-   }
-   if( !object.type() || !object.type()->isA( type_ ) ) {
-      throwRejected( "an object of type " +
-                     std::string( object.type() ? object.type()->fullName : "unknown" ) +
-                     " is not of type " + type_.fullName );
-   }
-}
-
 void *
-GenericIf::changeable( const GenericTarget & object, GenericOperation operation,
+GenericIf::changeable( GenericTarget object, GenericOperation operation,
                        const AttributeRow & row ) const {
    if( object.isConst() ) reject( operation, row, "the object is held by a const pointer" );
    return const_cast< void * >( object.address() );
@@ -176,42 +171,41 @@ GenericIf::checkArguments( std::string_view what, std::span< const ParameterRow 
 
 // -- Attributes -------------------------------------------------------------------------------
 
-GenericValue
-GenericIf::genericIfAttributeOp( const GenericTarget & object, GenericOperation operation,
-                                 uint16_t id, Arguments arguments ) const {
-   const AttributeRow & row = attribute( id );
+// The row of attribute `id`, for an object that has it.
+const AttributeRow &
+GenericIf::rowOf( GenericTarget object, GenericOperation operation, uint16_t id ) const {
+   const AttributeRow * row = ownRow( id );
+   if( !row ) row = &attribute( id );
    checkObject( object );
-   if( !object.address() && !row.has( isStaticCall ) && row.kind != AttributeKind::constant ) {
-      reject( operation, row, "there is no object" );
+   if( !object.address() && !row->has( isStaticCall ) && row->kind != AttributeKind::constant ) {
+      reject( operation, *row, "there is no object" );
    }
-   if( operation == GenericOperation::write ) {
-      write( object, row, arguments );
-      return {};
-   }
-   if( operation != GenericOperation::read ) return other( object, operation, row, arguments );
-   if( row.kind == AttributeKind::collection || row.kind == AttributeKind::callable ||
-       !arguments.empty() ) {
-      rejectFor( operation, row );
-   }
-   if( !row.address ) return readComputed( object, row );
-   const void * stored = row.address( object.address() );
-   if( !row.type->isCounted() ) return GenericValue( *row.type, stored );
-   const PtrInterface * target = static_cast< const Ptr< PtrInterface > * >( stored )->ptr();
-   GenericValue value( target, row.type );
-   if( !row.has( pointsToConst ) ) value.holding_ = GenericValue::Holding::object;
-   return value;
+   return *row;
 }
 
 GenericValue
-GenericIf::readComputed( const GenericTarget & object, const AttributeRow & row ) const {
+GenericIf::readSlowly( GenericTarget object, uint16_t id, Arguments arguments ) const {
+   constexpr auto operation = GenericOperation::read;
+   const AttributeRow & row = rowOf( object, operation, id );
+   if( row.kind == AttributeKind::collection || row.kind == AttributeKind::callable ) {
+      rejectFor( operation, row );
+   }
+   checkCount( operation, row, arguments, 0, 0 );
    GenericValue value;
    if( row.type->isCounted() ) {
-      row.read( object.address(), value.storage_ );
-      auto held = Ptr< const PtrInterface >::adopt( value.pointer() );
+      Ptr< const PtrInterface > held;
+      if( row.address ) {
+         held =
+            *static_cast< const Ptr< const PtrInterface > * >( row.address( object.address() ) );
+      } else {
+         row.read( object.address(), value.storage_ );
+         held = Ptr< const PtrInterface >::adopt( value.pointer() );
+      }
       value = GenericValue( held.ptr(), row.type );
       if( !row.has( pointsToConst ) ) value.holding_ = GenericValue::Holding::object;
       return value;
    }
+   if( row.address ) return GenericValue( *row.type, row.address( object.address() ) );
    value.type_ = row.type;
    try {
       row.read( object.address(), value.room( *row.type->values ) );
@@ -223,25 +217,28 @@ GenericIf::readComputed( const GenericTarget & object, const AttributeRow & row 
 }
 
 void
-GenericIf::write( const GenericTarget & object, const AttributeRow & row,
-                  Arguments arguments ) const {
+GenericIf::write( GenericTarget object, uint16_t id, Arguments arguments ) const {
    constexpr auto operation = GenericOperation::write;
-   const bool writable =
-      ( row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer ) && row.write;
-   if( !writable ) rejectFor( operation, row );
-   checkCount( operation, row, arguments, 1, 1 );
-   const bool isPointer = row.type->isCounted();
-   if( !arguments[0].fits( row.type, isPointer, row.has( pointsToConst ) ) ) {
-      reject( operation, row,
-              "it is " + GenericValue::shapeOf( row.type, isPointer ) + ", not " +
-                 arguments[0].shape() );
+   const AttributeRow & row = rowOf( object, operation, id );
+   if( !row.write ) rejectFor( operation, row );
+   if( arguments.size() != 1 ) checkCount( operation, row, arguments, 1, 1 );
+   const GenericValue & value = arguments[0];
+   const bool sameType = value.type() == row.type && !value.isPointer();
+   if( !sameType ) {
+      const bool isPointer = row.type->isCounted();
+      if( !value.fits( row.type, isPointer, row.has( pointsToConst ) ) ) {
+         reject( operation, row,
+                 "it is " + GenericValue::shapeOf( row.type, isPointer ) + ", not " +
+                    value.shape() );
+      }
    }
-   row.write( changeable( object, operation, row ), arguments[0].address() );
+   row.write( changeable( object, operation, row ), value.address() );
 }
 
 GenericValue
-GenericIf::other( const GenericTarget & object, GenericOperation operation,
-                  const AttributeRow & row, Arguments arguments ) const {
+GenericIf::other( GenericTarget object, GenericOperation operation, uint16_t id,
+                  Arguments arguments ) const {
+   const AttributeRow & row = rowOf( object, operation, id );
    if( operation == GenericOperation::call ) return call( object, row, arguments );
    if( operation == GenericOperation::increment || operation == GenericOperation::decrement ) {
       return step( object, operation, row, arguments );
@@ -252,7 +249,7 @@ GenericIf::other( const GenericTarget & object, GenericOperation operation,
 }
 
 GenericValue
-GenericIf::step( const GenericTarget & object, GenericOperation operation, const AttributeRow & row,
+GenericIf::step( GenericTarget object, GenericOperation operation, const AttributeRow & row,
                  Arguments arguments ) const {
    auto step = !row.counter                               ? nullptr
                : operation == GenericOperation::increment ? row.counter->increment
@@ -271,8 +268,7 @@ GenericIf::step( const GenericTarget & object, GenericOperation operation, const
 }
 
 GenericValue
-GenericIf::call( const GenericTarget & object, const AttributeRow & row,
-                 Arguments arguments ) const {
+GenericIf::call( GenericTarget object, const AttributeRow & row, Arguments arguments ) const {
    constexpr auto operation = GenericOperation::call;
    if( !row.call ) rejectFor( operation, row );
    checkArguments( std::string( type_.fullName ) + "::" + row.name, row.parameters, arguments );
@@ -336,8 +332,8 @@ GenericIf::checkKey( GenericOperation operation, const AttributeRow & row,
 
 // The key that is the only argument, or the default one, for which `none` is the place.
 const void *
-GenericIf::keyOf( const GenericTarget &, GenericOperation operation, const AttributeRow & row,
-                  Arguments arguments, GenericValue & none ) const {
+GenericIf::keyOf( GenericOperation operation, const AttributeRow & row, Arguments arguments,
+                  GenericValue & none ) const {
    const bool mayBeLeftOut = operation == GenericOperation::lookUp ||
                              operation == GenericOperation::has ||
                              operation == GenericOperation::wrap;
@@ -351,8 +347,8 @@ GenericIf::keyOf( const GenericTarget &, GenericOperation operation, const Attri
 }
 
 GenericValue
-GenericIf::collectionOp( const GenericTarget & object, GenericOperation operation,
-                         const AttributeRow & row, Arguments arguments ) const {
+GenericIf::collectionOp( GenericTarget object, GenericOperation operation, const AttributeRow & row,
+                         Arguments arguments ) const {
    const CollectionOps & ops = *row.collection;
    GenericValue none;
    switch( operation ) {
@@ -362,7 +358,7 @@ GenericIf::collectionOp( const GenericTarget & object, GenericOperation operatio
    case GenericOperation::lookUp:
    case GenericOperation::has:
    case GenericOperation::wrap: {
-      const void * key = keyOf( object, operation, row, arguments, none );
+      const void * key = keyOf( operation, row, arguments, none );
       const PtrInterface * member = ops.find( object.address(), key );
       const bool asksMembership = operation == GenericOperation::has ||
                                   ( operation == GenericOperation::lookUp && row.has( isSet ) );
@@ -379,7 +375,7 @@ GenericIf::collectionOp( const GenericTarget & object, GenericOperation operatio
       return add( changeable( object, operation, row ), row, arguments );
    case GenericOperation::remove: {
       void * at = changeable( object, operation, row );
-      const void * key = keyOf( object, operation, row, arguments, none );
+      const void * key = keyOf( operation, row, arguments, none );
       GenericValue removed;
       if( const PtrInterface * member = ops.find( at, key ) ) removed = wrapped( row, member );
       ops.del( at, key );
@@ -391,7 +387,7 @@ GenericIf::collectionOp( const GenericTarget & object, GenericOperation operatio
       return {};
    case GenericOperation::notify: {
       void * at = changeable( object, operation, row );
-      ops.notify( at, keyOf( object, operation, row, arguments, none ) );
+      ops.notify( at, keyOf( operation, row, arguments, none ) );
       return {};
    }
    default:
@@ -489,8 +485,8 @@ GenericIf::addChild( Entity & parent, const AttributeRow & row, Arguments argume
 }
 
 GenericValue
-GenericIf::valueSetOp( const GenericTarget & object, GenericOperation operation,
-                       const AttributeRow & row, Arguments arguments ) const {
+GenericIf::valueSetOp( GenericTarget object, GenericOperation operation, const AttributeRow & row,
+                       Arguments arguments ) const {
    const ValueSetOps & ops = *row.valueSet;
    GenericValue none;
    switch( operation ) {
@@ -500,7 +496,7 @@ GenericIf::valueSetOp( const GenericTarget & object, GenericOperation operation,
    case GenericOperation::lookUp:
    case GenericOperation::has:
    case GenericOperation::wrap: {
-      const void * key = keyOf( object, operation, row, arguments, none );
+      const void * key = keyOf( operation, row, arguments, none );
       const bool present = ops.has( object.address(), key );
       if( operation != GenericOperation::wrap ) return present;
       return present ? GenericValue( *row.keyType, key ) : GenericValue();
@@ -508,7 +504,7 @@ GenericIf::valueSetOp( const GenericTarget & object, GenericOperation operation,
    case GenericOperation::add:
    case GenericOperation::remove: {
       void * at = changeable( object, operation, row );
-      const void * key = keyOf( object, operation, row, arguments, none );
+      const void * key = keyOf( operation, row, arguments, none );
       GenericValue removed;
       if( operation == GenericOperation::add ) {
          ops.add( at, key );
@@ -529,7 +525,7 @@ GenericIf::valueSetOp( const GenericTarget & object, GenericOperation operation,
 
 // -- Iterators --------------------------------------------------------------------------------
 
-GenericIfIterator::GenericIfIterator( const GenericTarget & object, const AttributeRow & row )
+GenericIfIterator::GenericIfIterator( GenericTarget object, const AttributeRow & row )
    : object_( object.address() ),
      row_( &row ) {
    if( row.collection ) record_ = static_cast< const PtrInterface * >( object.address() );
@@ -562,7 +558,7 @@ GenericIfIterator::value() const {
 }
 
 GenericIfIterator
-GenericIf::genericIfIterator( const GenericTarget & object, uint16_t id ) const {
+GenericIf::genericIfIterator( GenericTarget object, uint16_t id ) const {
    const AttributeRow & row = attribute( id );
    checkObject( object );
    if( row.kind != AttributeKind::collection ) {
@@ -578,7 +574,7 @@ GenericIf::genericIfIterator( const GenericTarget & object, uint16_t id ) const 
 }
 
 GenericIfIterator
-GenericIf::genericIfIteratorKey( const GenericTarget & object, uint16_t id,
+GenericIf::genericIfIteratorKey( GenericTarget object, uint16_t id,
                                  const GenericValue & key ) const {
    const AttributeRow & row = attribute( id );
    checkObject( object );
@@ -586,8 +582,8 @@ GenericIf::genericIfIteratorKey( const GenericTarget & object, uint16_t id,
       reject( GenericOperation::wrap, row, nature( row ) );
    }
    GenericValue none;
-   const void * at = keyOf( object, GenericOperation::wrap, row,
-                            Arguments( &key, key.isNothing() ? 0 : 1 ), none );
+   const void * at =
+      keyOf( GenericOperation::wrap, row, Arguments( &key, key.isNothing() ? 0 : 1 ), none );
    GenericIfIterator iterator( object, row );
    if( row.collection ) {
       iterator.standOn( row.collection->find( object.address(), at ) );

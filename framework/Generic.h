@@ -46,7 +46,8 @@ enum class GenericOperation : uint8_t {
    call,      // the callable's arguments: its result
 };
 
-/// An object under reflection: its place, its own type, and whether it may be changed.
+/// An object under reflection: its place, its own type, and whether it may be changed. Two words,
+/// passed by value.
 class IPSTATE_EXPORT GenericTarget {
  public:
    GenericTarget( PtrInterface & object ) : GenericTarget( &object, object.fwkType(), false ) {}
@@ -58,22 +59,23 @@ class IPSTATE_EXPORT GenericTarget {
    /// RejectedException for nothing and null.
    GenericTarget( GenericValue & value );
    GenericTarget( const GenericValue & value );
-   /// No object: for static callables of that type.
+   /// No object: for constants and static callables of that type.
    explicit GenericTarget( const TypeDescriptor & type ) : GenericTarget( nullptr, &type, true ) {}
 
    const void * address() const { return address_; }
-   const TypeDescriptor * type() const { return type_; }
-   bool isConst() const { return isConst_; }
+   const TypeDescriptor * type() const {
+      return reinterpret_cast< const TypeDescriptor * >( typeAndConst_ & ~constBit );
+   }
+   bool isConst() const { return typeAndConst_ & constBit; }
 
  private:
+   static constexpr uintptr_t constBit = 1; // descriptors are aligned
    GenericTarget( const void * address, const TypeDescriptor * type, bool isConst )
       : address_( address ),
-        type_( type ),
-        isConst_( isConst ) {}
+        typeAndConst_( reinterpret_cast< uintptr_t >( type ) | uintptr_t( isConst ) ) {}
 
    const void * address_;
-   const TypeDescriptor * type_;
-   bool isConst_;
+   uintptr_t typeAndConst_;
 };
 
 /// Stands on one member of a collection. Keeps a record (not a value) and the member alive and
@@ -89,7 +91,7 @@ class IPSTATE_EXPORT GenericIfIterator {
 
  private:
    friend class GenericIf;
-   GenericIfIterator( const GenericTarget & object, const AttributeRow & row );
+   GenericIfIterator( GenericTarget object, const AttributeRow & row );
    void standOn( const PtrInterface * member );
    void standOnKey( const void * key );
 
@@ -158,17 +160,27 @@ class IPSTATE_EXPORT GenericIf {
    ///    owned members      key, further constructor arguments; gives the member
    ///    members elsewhere  member
    ///    children (entity)  child; or name and full name of its type; gives the child
-   GenericValue genericIfAttributeOp( const GenericTarget & object, GenericOperation operation,
-                                      uint16_t id, Arguments arguments = {} ) const;
-   GenericValue genericIfAttributeOp( const GenericTarget & object, GenericOperation operation,
-                                      uint16_t id, ArgumentList arguments ) const {
+   GenericValue genericIfAttributeOp( GenericTarget object, GenericOperation operation, uint16_t id,
+                                      Arguments arguments = {} ) const {
+      switch( operation ) {
+      case GenericOperation::read:
+         return read( object, id, arguments );
+      case GenericOperation::write:
+         write( object, id, arguments );
+         return {};
+      default:
+         return other( object, operation, id, arguments );
+      }
+   }
+   GenericValue genericIfAttributeOp( GenericTarget object, GenericOperation operation, uint16_t id,
+                                      ArgumentList arguments ) const {
       return genericIfAttributeOp( object, operation, id, toSpan( arguments ) );
    }
-   GenericValue genericIfAttributeOp( const GenericTarget & object, GenericOperation operation,
+   GenericValue genericIfAttributeOp( GenericTarget object, GenericOperation operation,
                                       std::string_view name, Arguments arguments = {} ) const {
       return genericIfAttributeOp( object, operation, attribute( name ).id, arguments );
    }
-   GenericValue genericIfAttributeOp( const GenericTarget & object, GenericOperation operation,
+   GenericValue genericIfAttributeOp( GenericTarget object, GenericOperation operation,
                                       std::string_view name, ArgumentList arguments ) const {
       return genericIfAttributeOp( object, operation, name, toSpan( arguments ) );
    }
@@ -182,9 +194,9 @@ class IPSTATE_EXPORT GenericIf {
    }
 
    /// On the first member of a collection; the collection of a value must outlive it.
-   GenericIfIterator genericIfIterator( const GenericTarget & object, uint16_t id ) const;
+   GenericIfIterator genericIfIterator( GenericTarget object, uint16_t id ) const;
    /// On the member under `key` (nothing: the default key, as above), or at the end without one.
-   GenericIfIterator genericIfIteratorKey( const GenericTarget & object, uint16_t id,
+   GenericIfIterator genericIfIteratorKey( GenericTarget object, uint16_t id,
                                            const GenericValue & key = GenericValue() ) const;
 
    /// Calls `callback` for every change of `object` as long as the result is held.
@@ -206,27 +218,51 @@ class IPSTATE_EXPORT GenericIf {
  private:
    static Arguments toSpan( const ArgumentList & list ) { return { list.begin(), list.size() }; }
 
-   GenericValue other( const GenericTarget & object, GenericOperation operation,
-                       const AttributeRow & row, Arguments arguments ) const;
-   GenericValue readComputed( const GenericTarget & object, const AttributeRow & row ) const;
-   void write( const GenericTarget & object, const AttributeRow & row, Arguments arguments ) const;
-   GenericValue step( const GenericTarget & object, GenericOperation operation,
-                      const AttributeRow & row, Arguments arguments ) const;
-   GenericValue call( const GenericTarget & object, const AttributeRow & row,
+   GenericValue read( GenericTarget object, uint16_t id, Arguments arguments ) const {
+      // What stands in the object as a value: worth a call less.
+      const AttributeRow * row = ownRow( id );
+      if( row && row->address && !row->type->isCounted() && !row->valueSet &&
+          object.type() == &type_ && object.address() && arguments.empty() ) [[likely]] {
+         return GenericValue( *row->type, row->address( object.address() ) );
+      }
+      return readSlowly( object, id, arguments );
+   }
+   GenericValue readSlowly( GenericTarget object, uint16_t id, Arguments arguments ) const;
+   void write( GenericTarget object, uint16_t id, Arguments arguments ) const;
+   GenericValue other( GenericTarget object, GenericOperation operation, uint16_t id,
+                       Arguments arguments ) const;
+   GenericValue step( GenericTarget object, GenericOperation operation, const AttributeRow & row,
                       Arguments arguments ) const;
-   GenericValue collectionOp( const GenericTarget & object, GenericOperation operation,
+   GenericValue call( GenericTarget object, const AttributeRow & row, Arguments arguments ) const;
+   GenericValue collectionOp( GenericTarget object, GenericOperation operation,
                               const AttributeRow & row, Arguments arguments ) const;
-   GenericValue valueSetOp( const GenericTarget & object, GenericOperation operation,
+   GenericValue valueSetOp( GenericTarget object, GenericOperation operation,
                             const AttributeRow & row, Arguments arguments ) const;
    GenericValue add( void * object, const AttributeRow & row, Arguments arguments ) const;
    GenericValue addOwned( void * object, const AttributeRow & row, Arguments arguments ) const;
    GenericValue addChild( Entity & parent, const AttributeRow & row, Arguments arguments ) const;
 
-   void checkObject( const GenericTarget & object ) const;
-   void * changeable( const GenericTarget & object, GenericOperation operation,
+   /// The row of an attribute that the type does not have from its base. Numbers of one table are
+   /// contiguous.
+   const AttributeRow * ownRow( uint16_t id ) const {
+      const AttributeRow * first = type_.attributes.data();
+      if( !first ) return nullptr;
+      const size_t index = static_cast< size_t >( id ) - first->id;
+      return index < type_.attributes.size() ? first + index : nullptr;
+   }
+   const AttributeRow & rowOf( GenericTarget object, GenericOperation operation,
+                               uint16_t id ) const;
+   void checkObject( GenericTarget object ) const {
+      if( object.type() == &type_ ) [[likely]] {
+         return;
+      }
+      if( !object.type() || !object.type()->isA( type_ ) ) throwOtherObject( object );
+   }
+   [[noreturn]] void throwOtherObject( GenericTarget object ) const;
+   void * changeable( GenericTarget object, GenericOperation operation,
                       const AttributeRow & row ) const;
-   const void * keyOf( const GenericTarget & object, GenericOperation operation,
-                       const AttributeRow & row, Arguments arguments, GenericValue & none ) const;
+   const void * keyOf( GenericOperation operation, const AttributeRow & row, Arguments arguments,
+                       GenericValue & none ) const;
    void checkKey( GenericOperation operation, const AttributeRow & row,
                   const GenericValue & key ) const;
    void checkCount( GenericOperation operation, const AttributeRow & row, Arguments arguments,

@@ -10,8 +10,8 @@
 
 #include "framework/Export.h"
 #include "framework/Ptr.h"
-#include "framework/Text.h"
 #include "framework/Type.h"
+#include "framework/ValueOps.h"
 
 #include <cstddef>
 #include <cstring>
@@ -27,6 +27,10 @@ class GenericIf;
 
 /// One value of any type, a counted pointer to an object of any type, or nothing.
 class IPSTATE_EXPORT GenericValue {
+ private:
+   enum class Holding : uint8_t { nothing, trivial, inPlace, heap, object, constObject };
+   static constexpr size_t roomInPlace = 24;
+
  public:
    /// Nothing: the result of operations without one.
    GenericValue() = default;
@@ -34,7 +38,14 @@ class IPSTATE_EXPORT GenericValue {
    template< class T >
    requires( !std::is_pointer_v< T > && !std::is_array_v< T > && !isPtr< T > )
       GenericValue( const T & value )
-      : GenericValue( TypeOf< T >::descriptor, &value ) {}
+      : type_( &TypeOf< T >::descriptor ) {
+      if constexpr( valueOps< T >.isTrivial && sizeof( T ) <= roomInPlace ) {
+         new( storage_ ) T( value );
+         holding_ = Holding::trivial;
+      } else {
+         copyValue( valueOps< T >, &value );
+      }
+   }
    template< class T >
    GenericValue( const Ptr< T > & object ) : GenericValue( object.ptr(), declaredType< T >() ) {}
    /// A copy of the value at `value`, which is of that type.
@@ -109,8 +120,6 @@ class IPSTATE_EXPORT GenericValue {
 
  private:
    friend class GenericIf;
-   enum class Holding : uint8_t { nothing, trivial, inPlace, heap, object, constObject };
-   static constexpr size_t roomInPlace = 24;
 
    template< class T >
    static const TypeDescriptor * declaredType() {

@@ -130,7 +130,8 @@ class IPSTATE_EXPORT Decoder {
    bool number( U & value, const char * expected ) {
       static_assert( std::is_unsigned_v< U > );
       if( left() < sizeof value ) [[unlikely]] {
-         return fail( expected );
+         fail( expected );
+         return false; // spelled out: callers are compiled without the body of fail()
       }
       std::memcpy( &value, at_, sizeof value );
       value = networkOrder( value );
@@ -151,7 +152,10 @@ class IPSTATE_EXPORT Decoder {
    }
    /// The next `count` bytes.
    bool bytes( const uint8_t *& bytes, size_t count, const char * expected = "more bytes" ) {
-      if( left() < count ) return fail( expected );
+      if( left() < count ) {
+         fail( expected );
+         return false;
+      }
       bytes = at_;
       at_ += count;
       return true;

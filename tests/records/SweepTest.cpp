@@ -1,10 +1,13 @@
 // Every registered record type, by reflection: what must hold of any attribute of any type.
 
+#include "framework/Generic.h"
 #include "tests/records/Records.h"
 
 using namespace Records;
 using Zek::AttributeKind;
 using Zek::AttributeRow;
+using Zek::GenericOperation;
+using Zek::GenericValue;
 using Zek::TypeDescriptor;
 using Zek::TypeKind;
 
@@ -20,29 +23,53 @@ liveObjects() {
    return live;
 }
 
-/// One record under test, and the lines "number" or "number key" of what it announced.
-class Subject : public Zek::AttributeSink {
+GenericValue
+generic( const TypeDescriptor & type, const AnyValue & value ) {
+   if( !type.isCounted() ) return GenericValue( type, value.at() );
+   return { static_cast< const Zek::Ptr< Zek::PtrInterface > * >( value.at() )->ptr(), &type };
+}
+
+/// One record under test, reached by name, and the lines "number" or "number key" of what it
+/// announced.
+class Subject {
  public:
-   explicit Subject( const TypeDescriptor & type ) : record_( made( type ) ) {
+   explicit Subject( const TypeDescriptor & type )
+      : record_( made( type ) ),
+        generic_( *type.genericIf ) {
       if( !record_ ) record_ = made( type, 1 ); // a view of nothing is none
-      if( type.hasNotifier ) relay_ = watched( *record_, *this );
+      if( !type.hasNotifier ) return;
+      watcher_ = generic_.genericIfNotifiee(
+         *record_, [this]( const AttributeRow & row, const GenericValue & key ) {
+            announced_.push_back( std::to_string( row.id ) +
+                                  ( key.isNothing() ? "" : " " + key.text() ) );
+         } );
    }
    void * at() const { return record_.ptr(); }
    Zek::PtrInterface & record() const { return *record_; }
+   const Zek::GenericIf & type() const { return generic_; }
    std::vector< std::string > announced() { return std::exchange( announced_, {} ); }
 
-   void onAttribute( const AttributeRow & row ) override {
-      announced_.push_back( std::to_string( row.id ) );
+   GenericValue op( GenericOperation operation, const AttributeRow & row,
+                    const std::vector< GenericValue > & arguments = {} ) {
+      return generic_.genericIfAttributeOp( *record_, operation, row.id, arguments );
    }
-   void onMember( const AttributeRow & row, const void * key ) override {
-      announced_.push_back( std::to_string( row.id ) + " " +
-                            AnyValue( *row.keyType->values, key ).text() );
+   /// Whether the operation is rejected, as it is for a record that may not be changed.
+   bool refuses( GenericOperation operation, const AttributeRow & row,
+                 const std::vector< GenericValue > & arguments = {} ) {
+      try {
+         op( operation, row, arguments );
+      } catch( const Zek::RejectedException & error ) {
+         const std::string name = std::string( generic_.type().fullName ) + "::" + row.name;
+         return std::string( error.what() ).find( name ) != std::string::npos;
+      }
+      return false;
    }
 
  private:
    Zek::Ptr< Zek::PtrInterface > record_;
+   const Zek::GenericIf & generic_;
    std::vector< std::string > announced_;
-   Zek::Ptr< Zek::PtrInterface > relay_;
+   Zek::Ptr< Zek::GenericIfNotifiee_ > watcher_;
 };
 
 using Lines = std::vector< std::string >;
@@ -91,18 +118,40 @@ typesThat( bool ( *chosen )( const TypeDescriptor & ) ) {
 
 void
 EveryRecord::sweepPlain( Subject & subject, const AttributeRow & row ) {
-   if( !row.write ) {
-      EXPECT_TRUE( row.has( Zek::isCounter ) );
-      return;
-   }
    const AnyValue before( row, subject.at() );
    const AnyValue other = otherThan( *row.type, before );
+   const GenericValue now = generic( *row.type, before ), then = generic( *row.type, other );
    ASSERT_FALSE( other == before ) << before.text();
+   EXPECT_EQ( subject.op( GenericOperation::read, row ), now );
+   for( bool up : { true, false } ) {
+      const auto step = up ? GenericOperation::increment : GenericOperation::decrement;
+      if( !row.counter || !( up ? row.counter->increment : row.counter->decrement ) ) {
+         EXPECT_TRUE( subject.refuses( step, row ) );
+         continue;
+      }
+      const GenericValue stepped = subject.op( step, row );
+      EXPECT_EQ( subject.announced(), once( std::to_string( row.id ) ) );
+      EXPECT_EQ( subject.op( GenericOperation::read, row ), stepped );
+   }
+   if( !row.write ) {
+      EXPECT_TRUE( row.has( Zek::isCounter ) );
+      EXPECT_TRUE( subject.refuses( GenericOperation::write, row, { then } ) );
+      return;
+   }
+   EXPECT_TRUE( subject.refuses( GenericOperation::write, row ) );
+   EXPECT_TRUE( subject.refuses( GenericOperation::write, row, { GenericValue() } ) );
+   const Zek::PtrInterface & readOnly = subject.record();
+   EXPECT_THROW( subject.type().genericIfAttributeOp( readOnly, GenericOperation::write, row.id,
+                                                      std::span( &then, 1 ) ),
+                 Zek::RejectedException );
    row.write( subject.at(), before.at() );
+   subject.announced(); // a counter's steps are undone
+   subject.op( GenericOperation::write, row, { now } );
    EXPECT_EQ( subject.announced(), Lines{} ) << "the value that it has";
-   row.write( subject.at(), other.at() );
+   subject.op( GenericOperation::write, row, { then } );
    EXPECT_EQ( subject.announced(), once( std::to_string( row.id ) ) );
    EXPECT_TRUE( AnyValue( row, subject.at() ) == other ) << other.text();
+   EXPECT_EQ( subject.op( GenericOperation::read, row ), then );
    row.write( subject.at(), AnyValue( other ).at() );
    EXPECT_EQ( subject.announced(), Lines{} ) << "an equal value";
 }
@@ -124,16 +173,27 @@ struct Entry {
       } else if( !row.has( Zek::isSet ) ) {
          further.push_back( specimen( *row.type, n + otherwise ) );
       }
-      for( const AnyValue & value : further ) arguments.push_back( value.at() );
+      const bool isCarried =
+         row.has( Zek::refersToMembers ) || row.has( Zek::keyIsField ) || row.id == Zek::entityAttr;
+      arguments.push_back( generic( isCarried ? *row.type : *row.keyType, carrier ) );
+      if( isCarried ) return;
+      for( size_t i = 0; i < further.size(); ++i ) {
+         const bool owned = row.has( Zek::ownsMembers );
+         arguments.push_back( generic(
+            owned ? *row.type->constructorParameters[i + 1].type : *row.type, further[i] ) );
+      }
    }
-   void putInto( const AttributeRow & row, Subject & subject ) const {
-      row.collection->is( subject.at(), carrier.at(), arguments.data() );
+   GenericValue putInto( const AttributeRow & row, Subject & subject ) const {
+      return subject.op( GenericOperation::add, row, arguments );
+   }
+   std::vector< GenericValue > keyed( const AttributeRow & row ) const {
+      return { generic( *row.keyType, key ) };
    }
 
    AnyValue key;
    AnyValue carrier;
    std::vector< AnyValue > further;
-   std::vector< const void * > arguments;
+   std::vector< GenericValue > arguments; // of `add`
 };
 
 void
@@ -144,13 +204,20 @@ EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
       return std::to_string( row.id ) + " " + entry.key.text();
    };
 
-   ops.delAll( subject.at() ); // some start with members
+   for( auto operation : { GenericOperation::read, GenericOperation::write,
+                           GenericOperation::increment, GenericOperation::call } ) {
+      EXPECT_TRUE( subject.refuses( operation, row, {} ) );
+   }
+   EXPECT_TRUE( subject.refuses( GenericOperation::add, row ) );
+   EXPECT_TRUE( subject.refuses( GenericOperation::remove, row, { GenericValue() } ) );
+   subject.op( GenericOperation::removeAll, row ); // some start with members
    subject.announced();
    EXPECT_EQ( ops.count( subject.at() ), 0u );
    EXPECT_EQ( ops.first( subject.at() ), nullptr );
-   ops.del( subject.at(), one.key.at() );
+   EXPECT_FALSE( subject.type().genericIfIterator( subject.record(), row.id ) );
+   EXPECT_TRUE( subject.op( GenericOperation::remove, row, one.keyed( row ) ).isNothing() );
    EXPECT_EQ( subject.announced(), Lines{} ) << "removing an absent member";
-   ops.notify( subject.at(), one.key.at() );
+   subject.op( GenericOperation::notify, row, one.keyed( row ) );
    EXPECT_EQ( subject.announced(), once( line( one ) ) ) << "announcing an absent member";
 
    for( const Entry * entry : { &two, &one, &three } ) {
@@ -160,17 +227,23 @@ EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
       EXPECT_EQ( subject.announced(), Lines{} ) << "adding it again";
    }
    EXPECT_EQ( ops.count( subject.at() ), 3u );
+   EXPECT_EQ( subject.op( GenericOperation::count, row ), GenericValue( uint64_t( 3 ) ) );
+   EXPECT_EQ( subject.op( GenericOperation::has, row, one.keyed( row ) ), GenericValue( true ) );
    const Zek::PtrInterface * member = ops.find( subject.at(), one.key.at() );
    ASSERT_NE( member, nullptr );
    if( ops.memberKey ) {
       EXPECT_TRUE( AnyValue( *row.keyType->values, ops.memberKey( member ) ) == one.key );
       // In order and complete; from a key that is no longer there as well.
       Lines order;
-      for( auto at = ops.first( subject.at() ); at;
-           at = ops.after( subject.at(), ops.memberKey( at ) ) ) {
-         order.push_back( AnyValue( *row.keyType->values, ops.memberKey( at ) ).text() );
+      for( auto at = subject.type().genericIfIterator( subject.record(), row.id ); at; ++at ) {
+         order.push_back( at.key().text() );
+         EXPECT_EQ( subject.op( GenericOperation::wrap, row, { at.key() } ), at.value() );
       }
       EXPECT_EQ( order.size(), 3u );
+      auto from =
+         subject.type().genericIfIteratorKey( subject.record(), row.id, one.keyed( row )[0] );
+      ASSERT_TRUE( from );
+      EXPECT_EQ( from.key(), one.keyed( row )[0] );
       if( row.has( Zek::isOrdered ) ) {
          EXPECT_EQ( order, ( Lines{ one.key.text(), two.key.text(), three.key.text() } ) );
          ops.del( subject.at(), two.key.at() );
@@ -212,10 +285,11 @@ EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
    EXPECT_EQ( subject.announced(), Lines{} );
    EXPECT_EQ( ops.count( subject.at() ), 3u );
 
-   ops.del( subject.at(), one.key.at() );
+   const GenericValue held = subject.op( GenericOperation::wrap, row, one.keyed( row ) );
+   EXPECT_EQ( subject.op( GenericOperation::remove, row, one.keyed( row ) ), held );
    EXPECT_EQ( subject.announced(), once( line( one ) ) );
    EXPECT_EQ( ops.find( subject.at(), one.key.at() ), nullptr );
-   ops.delAll( subject.at() );
+   subject.op( GenericOperation::removeAll, row );
    Lines removed = subject.announced();
    std::sort( removed.begin(), removed.end() );
    EXPECT_EQ( removed, type().hasNotifier ? ( Lines{ line( two ), line( three ) } ) : Lines{} );
@@ -284,8 +358,15 @@ TEST_P( EveryRecord, AnnouncesEachChangeOnceAndNoOther ) {
                sweepCollection( subject, row );
             } else if( row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer ) {
                sweepPlain( subject, row );
-            } else if( row.kind != AttributeKind::callable && !row.has( Zek::abortsOnRead ) ) {
-               AnyValue( row, subject.at() ).text();
+            } else {
+               EXPECT_TRUE( subject.refuses( GenericOperation::write, row, { true } ) );
+               EXPECT_TRUE( subject.refuses( GenericOperation::count, row ) );
+               if( row.kind == AttributeKind::callable ) {
+                  EXPECT_NE( row.call, nullptr );
+               } else if( !row.has( Zek::abortsOnRead ) ) {
+                  EXPECT_EQ( subject.op( GenericOperation::read, row ),
+                             generic( *row.type, AnyValue( row, subject.at() ) ) );
+               }
             }
          }
       }
