@@ -221,9 +221,9 @@ class IPSTATE_EXPORT GenericIf {
    GenericValue read( GenericTarget object, uint16_t id, Arguments arguments ) const {
       // What stands in the object as a value: worth a call less.
       const AttributeRow * row = ownRow( id );
-      if( row && row->address && !row->type->isCounted() && !row->valueSet &&
-          object.type() == &type_ && object.address() && arguments.empty() ) [[likely]] {
-         return GenericValue( *row->type, row->address( object.address() ) );
+      if( row && row->has( isStoredValue ) && object.type() == &type_ && object.address() &&
+          arguments.empty() ) [[likely]] {
+         return GenericValue( *row->type, *row->stored, row->address( object.address() ) );
       }
       return readSlowly( object, id, arguments );
    }

@@ -129,6 +129,10 @@ class IPSTATE_EXPORT GenericValue {
          return &TypeOf< std::remove_const_t< T > >::descriptor;
       }
    }
+   GenericValue( const TypeDescriptor & type, const ValueOps & ops, const void * value )
+      : type_( &type ) {
+      copyValue( ops, value );
+   }
    [[noreturn]] void throwMismatch( const TypeDescriptor * wanted, bool asPointer ) const;
 
    void copyValue( const ValueOps & ops, const void * value ) {
@@ -139,22 +143,17 @@ class IPSTATE_EXPORT GenericValue {
          ops.copy( room( ops ), value );
       }
    }
-   // The sizes that occur most, each by one or two moves.
+   // The sizes that occur most, each by one move.
    void copyBytes( size_t size, const void * from ) {
-      switch( size ) {
-      case 1:
-         std::memcpy( storage_, from, 1 );
-         break;
-      case 2:
-         std::memcpy( storage_, from, 2 );
-         break;
-      case 4:
-         std::memcpy( storage_, from, 4 );
-         break;
-      case 8:
+      if( size == 8 ) [[likely]] {
          std::memcpy( storage_, from, 8 );
-         break;
-      default:
+      } else if( size == 4 ) {
+         std::memcpy( storage_, from, 4 );
+      } else if( size == 2 ) {
+         std::memcpy( storage_, from, 2 );
+      } else if( size == 1 ) {
+         std::memcpy( storage_, from, 1 );
+      } else {
          std::memcpy( storage_, from, size );
       }
    }

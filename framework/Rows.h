@@ -248,13 +248,22 @@ rowOf( const char * name, uint16_t id, AttributeKind kind, unsigned flags ) {
    return row;
 }
 
+/// What the object itself holds.
+template< auto Field >
+constexpr void
+standsIn( AttributeRow & row ) {
+   row.address = &addressOf< Field >;
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   if( !Target< V >::isPointer ) row.flags |= isStoredValue;
+}
+
 /// A constructor parameter, or a value's field.
 template< auto Field >
 constexpr AttributeRow
 parameter( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
    AttributeRow row = rowOf< V >( name, id, AttributeKind::constructorParameter, flags );
-   row.address = &addressOf< Field >;
+   standsIn< Field >( row );
    return row;
 }
 
@@ -264,7 +273,7 @@ plain( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename MemberPointer< decltype( Field ) >::Value;
    AttributeRow row = rowOf< V >(
       name, id, Target< V >::isPointer ? AttributeKind::pointer : AttributeKind::plain, flags );
-   row.address = &addressOf< Field >;
+   standsIn< Field >( row );
    row.write = &writeBy< Write >;
    return row;
 }

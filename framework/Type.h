@@ -65,6 +65,7 @@ enum AttributeFlag : uint16_t {
    keyIsField = 512,     // the key is one of the member value's fields
    isStaticCall = 1024,  // callable without an object
    isConstCall = 2048,   // callable on an object that may not be changed
+   isStoredValue = 4096, // what stands at address() is the value itself: no pointer, no set
 };
 
 /// A value type's operations, for code that knows it by its descriptor only. Addresses are of
