@@ -5,7 +5,7 @@
 #       [INCLUDE_ROOT <folder>]        # default: the current source folder
 #       [OUT_DIR <folder>] )           # default: generated/ in the current binary folder
 #
-# Each schema <Room>/<Name>.zek gives <out>/<Room>/<Name>.h and <out>/<Room>/<Name>.zek.cpp. The
+# Each schema <Room>/<Name>.zek gives <out>/<Room>/<Name>.h, <Name>AttrLog.h and <Name>.zek.cpp. The
 # sources join the target and the output folder its include path, for its users too. A schema is
 # compiled again when it, a schema that it imports, or the compiler changed.
 #
@@ -29,7 +29,8 @@ function( ipstate_add_schemas target )
    endif()
    foreach( schema IN LISTS arg_SCHEMAS )
       cmake_path( REMOVE_EXTENSION schema LAST_ONLY OUTPUT_VARIABLE stem )
-      set( outputs "${arg_OUT_DIR}/${stem}.h" "${arg_OUT_DIR}/${stem}.zek.cpp" )
+      set( outputs "${arg_OUT_DIR}/${stem}.h" "${arg_OUT_DIR}/${stem}AttrLog.h"
+           "${arg_OUT_DIR}/${stem}.zek.cpp" )
       cmake_path( GET outputs PARENT_PATH folder )
       file( MAKE_DIRECTORY "${arg_OUT_DIR}" )
       add_custom_command(

@@ -101,7 +101,7 @@ Demuxer::createFlowOut( Out & out, const EntityUriPath &, Entity::ZekNboAttrLogS
       out.free_.pop_back();
       out.flows_[id] = &sa;
    }
-   return std::make_unique< FlowOut >( sa, id, first, last );
+   return sa.createFlowOut( id, first, last );
 }
 
 FlowOut::~FlowOut() {
@@ -178,6 +178,15 @@ FlowOut::zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal
 }
 
 void
+FlowOut::zekKeyDirtyIs( uint16_t attrId, const void * key, bool dirty ) {
+   if( !dirty ) {
+      zekKeyDirtyDel( attrId, key );
+   } else if( const AttributeRow * row = sa_.plan_.row( attrId ) ) {
+      zekKeyDirtyIs( *row, key, false );
+   }
+}
+
+void
 FlowOut::zekKeyDirtyDel( uint16_t attrId, const void * key ) {
    DirtyCollection * c = collection( attrId );
    if( !c ) return;
@@ -242,12 +251,6 @@ Out::~Out() = default;
 
 Wire::Encoder
 Out::beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags, uint32_t sequence ) {
-   if( adapter_.peerWrites_ ) [[unlikely]] {
-      // What the peer wrote is in what follows.
-      adapter_.in_.acknowledge();
-   }
-   // Only now: an acknowledgement has a number too.
-   if( flow == 0 ) sequence = controlSequence_++;
    frame_ = buffer_.size();
    Wire::Encoder out( buffer_ );
    uint8_t * at = buffer_.room( FrameHeader::size + 1 );
@@ -267,8 +270,17 @@ Out::beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags, ui
    return out;
 }
 
+/// Before a record takes its number: what the peer wrote is in what follows.
+void
+Out::acknowledgeFirst() {
+   if( adapter_.peerWrites_ ) [[unlikely]] {
+      adapter_.in_.acknowledge();
+   }
+}
+
 Wire::Encoder
 Out::begin( FlowOut & flow, uint16_t attribute, Kind kind ) {
+   acknowledgeFirst();
    uint8_t flags = std::exchange( flow.restarts_, false ) ? restartsSequence : 0;
    return beginFrame( flow.id_, attribute, kind, flags, flow.sequence_++ );
 }
@@ -288,7 +300,8 @@ Out::end() {
 
 Wire::Encoder
 Out::control( uint16_t message ) {
-   return beginFrame( 0, message, Kind::value, 0, 0 );
+   acknowledgeFirst();
+   return beginFrame( 0, message, Kind::value, 0, controlSequence_++ );
 }
 
 void
@@ -483,6 +496,11 @@ Sa::flagsAdd( uint32_t flags ) {
    }
 }
 
+std::unique_ptr< FlowOut >
+Sa::createFlowOut( uint32_t id, uint32_t first, uint32_t last ) {
+   return std::make_unique< FlowOut >( *this, id, first, last );
+}
+
 FlowOut &
 Sa::makeFlow() {
    if( !flow_ ) {
@@ -663,6 +681,14 @@ Sa::onMember( const AttributeRow & row, const void * key ) {
 }
 
 // -- Serialisers ------------------------------------------------------------------------------
+
+bool
+Sa::serializeIfDirty( uint16_t attrId ) {
+   if( !announced_ || !flow_ ) return true;
+   const AttributeRow * row = plan_.row( attrId );
+   if( row && row->collection ) return serializeCollection( attrId );
+   return !flow_->zekIsDirty( attrId ) || serializeAttribute( attrId );
+}
 
 bool
 Sa::serializeAttribute( uint16_t attrId ) {

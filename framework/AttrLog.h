@@ -39,6 +39,7 @@ namespace NboAttrLog {
 class Out;
 class In;
 class FlowOut;
+class Demuxer;
 
 constexpr uint32_t firstSequence = 0;
 constexpr uint32_t lastSequence = 2147483647;
@@ -126,6 +127,28 @@ struct DirtyCollection {
    std::unique_ptr< ResyncState > resync;
 };
 
+/// The dirty keys of one collection as its type has them.
+template< class Key >
+class DirtyKeysOf {
+ public:
+   explicit DirtyKeysOf( const DirtyKeys * keys ) : keys_( keys ) {}
+
+   size_t size() const { return keys_ ? keys_->size() : 0; }
+   bool empty() const { return size() == 0; }
+   bool has( const Key & key ) const {
+      return keys_ && keys_->find( static_cast< const void * >( &key ) ) != keys_->end();
+   }
+   /// Calls `visit( const Key & )` in ascending order.
+   template< class Visit >
+   void forEach( Visit visit ) const {
+      if( !keys_ ) return;
+      for( auto & [key, removal] : *keys_ ) visit( *static_cast< const Key * >( key.get() ) );
+   }
+
+ private:
+   const DirtyKeys * keys_;
+};
+
 /// What one entity still has to send. Exists once the entity was announced.
 class IPSTATE_EXPORT FlowOut {
  public:
@@ -137,11 +160,13 @@ class IPSTATE_EXPORT FlowOut {
         lastSequence_( last ) {}
    FlowOut( const FlowOut & ) = delete;
    FlowOut & operator=( const FlowOut & ) = delete;
-   ~FlowOut();
+   virtual ~FlowOut();
 
    uint32_t id() const { return id_; }
    /// Number of the next record.
    uint32_t sequence() const { return sequence_; }
+   /// Moves the end of the sequence to `records` from now.
+   void sequenceEndsAfter( uint32_t records ) { lastSequence_ = sequence_ + records; }
 
    /// Names the attribute that is worked on.
    void attrIdIs( uint16_t attrId ) { attrId_ = attrId; }
@@ -153,6 +178,7 @@ class IPSTATE_EXPORT FlowOut {
    bool zekIsKeyDirty( uint16_t attrId, const void * key ) const;
    /// `removal`: the member that was there must go first.
    void zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal );
+   void zekKeyDirtyIs( uint16_t attrId, const void * key, bool dirty );
    void zekKeyDirtyDel( uint16_t attrId, const void * key );
    const DirtyKeys * dirtyKeys( uint16_t attrId ) const;
    bool isDirty() const { return dirty_ != 0 || !collections_.empty(); }
@@ -240,7 +266,9 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    /// Watches no more, and neither do the adaptors of the members below. The adapter drops it.
    void detach();
 
-   // -- Serialisers. Each returns false when the stream's room was used up meanwhile.
+   // -- Serialisers of what has been announced. Each returns false when the stream's room was
+   // used up meanwhile.
+   bool serializeIfDirty( uint16_t attrId );
    bool serializeAttribute( uint16_t attrId );
    bool serializeCollection( uint16_t attrId );
    /// Writes what is dirty.
@@ -266,6 +294,8 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
  protected:
    ~ZekNboAttrLogSa() override;
    void onZeroReferences() override;
+   virtual std::unique_ptr< NboAttrLog::FlowOut > createFlowOut( uint32_t id, uint32_t first,
+                                                                 uint32_t last );
 
  private:
    friend class StreamAdapter;
@@ -273,6 +303,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    friend class NboAttrLog::Out;
    friend class NboAttrLog::In;
    friend class NboAttrLog::FlowOut;
+   friend class NboAttrLog::Demuxer;
 
    /// The change that a record makes while it is applied.
    struct Handling {
@@ -376,6 +407,7 @@ class IPSTATE_EXPORT Out {
    Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags,
                              uint32_t sequence );
    void end();
+   void acknowledgeFirst();
    void declare( Plan & plan );
    void queue( FlowOut & flow );
    void unqueue( FlowOut & flow );
@@ -412,4 +444,11 @@ class IPSTATE_EXPORT Demuxer {
 };
 
 } // namespace NboAttrLog
+/// Makes the adaptor of a type's own class.
+template< class Sa >
+Ptr< PtrInterface >
+makeAttrLogSa( Entity & entity, StreamAdapter & adapter, NboAttrLog::Plan & plan, uint32_t flags ) {
+   return allocate< Sa >( entity, adapter, plan, flags );
+}
+
 } // namespace Zek

@@ -53,9 +53,13 @@ StreamAdapter::adaptorIs( Entity & entity, uint32_t flags ) {
       return present;
    }
    if( !entity.zekHasAttrLogInterface() ) return nullptr;
-   Sa::Ptr made = allocate< Sa >( entity, *this, plan( *entity.fwkType() ), flags );
-   join( *made );
-   return made.release(); // the adapter's reference
+   const TypeDescriptor * type = entity.fwkType();
+   NboAttrLog::Plan & plan = this->plan( *type );
+   while( type && !type->attrLogSa ) type = type->base;
+   auto make = type ? type->attrLogSa : &makeAttrLogSa< Sa >;
+   auto * made = static_cast< Sa * >( make( entity, *this, plan, flags ).release() );
+   join( *made ); // the adapter has the reference
+   return made;
 }
 
 void

@@ -27,6 +27,11 @@ namespace Zek {
 
 struct TypeDescriptor;
 class AttributeSink;
+class Entity;
+class StreamAdapter;
+namespace NboAttrLog {
+struct Plan;
+}
 class GenericIf;
 class GenericValue;
 
@@ -202,6 +207,10 @@ struct TypeDescriptor {
    /// Its companion, which serves requests by attribute number; null for builtins and values
    /// written by hand, which have no attributes.
    const GenericIf * genericIf = nullptr;
+   /// Makes the adaptor that streams an entity's changes (framework/AttrLog.h). Null for a type
+   /// that is not streamed, and in a derived type: its base has one.
+   Ptr< PtrInterface > ( *attrLogSa )( Entity & entity, StreamAdapter & adapter,
+                                       NboAttrLog::Plan & plan, uint32_t flags ) = nullptr;
 
    mutable const TypeDescriptor * next = nullptr; // registry's
    mutable uint32_t nameHash = 0;                 // registry's

@@ -1,4 +1,4 @@
-// What one declaration contributes to the two files of its schema.
+// What one declaration contributes to the three files of its schema.
 
 #pragma once
 
@@ -15,6 +15,7 @@ struct Emission {
    std::string globalDeclaration;         // header, outside all namespaces
    std::string definition;                // source, inside the scope
    std::string globalDefinition;          // source, outside all namespaces
+   std::string attrLog;                   // header of the adaptors, inside the scope
    std::string constant;                  // function that makes a constant of the model
    std::vector< std::string > registered; // descriptors to register, in order
 };
@@ -44,6 +45,17 @@ CallableRow callableRow( const Type & type, const Member & m ); // EmitGeneric.c
 /// <id>_GenericIf, `id` being genericId( type ).
 std::string companion( const Type & type, const std::string & descriptor );
 std::string genericId( const Type & type );
+
+/// The adaptor that streams a type's changes.
+struct AttrLogPieces {
+   std::string forward; // in the class
+   std::string declaration;
+   std::string definition;
+};
+AttrLogPieces attrLog( const Type & type ); // EmitAttrLog.cpp
+bool isStreamed( const Type & type );
+/// The class that forwards a type's changes by number.
+std::string relayClass( const Type & type );
 /// Whether an operation leaves its object unchanged.
 bool isConstOperation( const Member & m );
 

@@ -778,7 +778,7 @@ emitCounted( const Type & type ) {
                                                      : "object" },
             { "named", type.isNamed ? "true" : "false" },
             { "notifies", type.hasNotifier ? "true" : "false" },
-            { "logs", type.hasLog && type.hasNotifier ? "true" : "false" },
+            { "logs", isStreamed( type ) ? "true" : "false" },
             { "descriptorBase", bases.descriptor },
             { "notifieeBase", bases.notifiee },
             { "schema", type.schema->path },
@@ -800,8 +800,17 @@ emitCounted( const Type & type ) {
    h["arguments"] = arguments.empty() ? "" : " " + joined( arguments, ", " ) + " ";
    h["notifiee"] = "";
    h["notifieeDefinition"] = "";
+   const AttrLogPieces streamed = attrLog( type );
+   out.attrLog = streamed.declaration;
+   h["attrLogForward"] = streamed.forward;
+   h["attrLogDefinition"] = streamed.definition;
+   h["attrLogThunk"] =
+      streamed.declaration.empty()
+         ? ""
+         : fill( "   .attrLogSa = &Zek::makeAttrLogSa< $Self$::ZekNboAttrLogSa >,\n", h );
    h["relay"] = "";
    h["relayThunk"] = "nullptr";
+   h["Relay"] = relayClass( type );
    if( type.hasNotifier && !extends ) {
       h["notifiee"] =
          fill( R"(   /// Told of every change of the record it is attached to and registered with.
@@ -848,21 +857,19 @@ $Self$::Notifiee::notifier() const {
 
 )",
                                       h );
-      h["relay"] = fill( R"(namespace {
-
-// Forwards every change by number.
-class $id$_Relay final : public Zek::Relay< $Self$::NotifieeConst > {
+      h["relay"] = fill( R"(// Forwards every change by number.
+class $Relay$ final : public Zek::Relay< $Self$::NotifieeConst > {
  public:
    using Relay::Relay;
 $entityRelay$
 $relayLines$
 };
 
-} // namespace
-
 )",
                          h );
-      h["relayThunk"] = fill( "&Zek::makeRelay< $id$_Relay, $Self$ >", h );
+      // A nested class has its place in the header; any other is this file's own.
+      if( !isStreamed( type ) ) h["relay"] = "namespace {\n\n" + h["relay"] + "} // namespace\n\n";
+      h["relayThunk"] = fill( "&Zek::makeRelay< $Relay$, $Self$ >", h );
    } else if( extends ) {
       h["relayThunk"] = "nullptr"; // the base's, found through the descriptor
    }
@@ -899,6 +906,7 @@ class IPSTATE_EXPORT $Self$ : public $base$ {
 
 $nested$
 $notifiee$
+$attrLogForward$
 $constructor$
 
 $body$
@@ -952,6 +960,7 @@ $zombieDefinition$
                           h ) +
                     definitions +
                     fill( R"($relay$
+$attrLogDefinition$
 $companion$
 $parameterTable$
 $rowsDefinition$
@@ -971,6 +980,7 @@ constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .relay = $relayThunk$,
    .allocations = &allocTrackTypeInfo_,
    .genericIf = &$id$_GenericIf,
+$attrLogThunk$
 };
 )",
                           h );

@@ -80,7 +80,7 @@ class Schemas {
       compileInto( compilation, path );
       EXPECT_EQ( compilation.errors.empty(), compilation.errors.text().empty() );
       if( !compilation.errors.empty() ) return false;
-      EXPECT_EQ( emitSchema( compilation.program ).size(), 2u );
+      EXPECT_EQ( emitSchema( compilation.program ).size(), 3u );
       EXPECT_EQ( referencePages( compilation.program ).size(),
                  declaredTypes( compilation.program ).size() + 1 );
       EXPECT_NE( graphText( compilation.program ), "" );

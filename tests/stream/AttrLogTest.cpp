@@ -1,0 +1,326 @@
+#include "Ip/IpAttrLog.h"
+#include "Ira/IraTypes.h"
+#include "framework/StreamAdapter.h"
+#include "platform/Kelmo/Session.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ipstate::test {
+
+namespace {
+
+using Zek::NboAttrLog::FrameHeader;
+using Zek::NboAttrLog::Kind;
+using ConfigSa = Ip::IpIntfConfig::ZekNboAttrLogSa;
+
+/// Two sessions whose bytes go across when told.
+struct Joined : Kelmo::SessionOwner {
+   Zek::Dir::Ptr source = Zek::dirFactory();
+   Zek::Dir::Ptr copy = Zek::dirFactory();
+   Kelmo::Session server{ source, *this };
+   Kelmo::Session client{ copy, *this };
+   std::vector< std::string > refusals;
+
+   void onMountRefused( const Kelmo::Mount & mount, const std::string & reason ) override {
+      refusals.push_back( mount.path().toString() + ": " + reason );
+   }
+   void mount( const char * path, const char * type, const char * mode = "r" ) {
+      client.mount( Kelmo::Mount( path, type, mode, Kelmo::MountFilter( false ) ) );
+   }
+   void connect() {
+      server.connected();
+      client.connected();
+      settle();
+   }
+   /// Carries bytes until neither end has any.
+   void settle() {
+      auto carry = []( Kelmo::Session & from, Kelmo::Session & to ) {
+         std::string bytes( from.output().view() );
+         from.carried( bytes.size() );
+         to.receive( bytes.data(), bytes.size() );
+      };
+      do {
+         carry( server, client );
+         carry( client, server );
+         server.drain();
+         client.drain();
+      } while( !server.output().empty() || !client.output().empty() );
+   }
+   Zek::NboAttrLog::Out & out() { return server.adapter().nboAttrLogOut(); }
+};
+
+struct Frame {
+   FrameHeader header;
+   std::string body; // with its tokens
+};
+
+std::vector< Frame >
+framesOf( std::string_view bytes ) {
+   std::vector< Frame > frames;
+   while( !bytes.empty() ) {
+      Zek::Wire::Decoder in( bytes.data(), FrameHeader::size );
+      Frame frame{};
+      uint8_t kind;
+      in.u32( frame.header.length );
+      in.u32( frame.header.checksum );
+      in.u32( frame.header.flow );
+      in.u16( frame.header.attribute );
+      in.u8( kind );
+      in.u8( frame.header.flags );
+      in.u32( frame.header.sequence );
+      frame.header.kind = static_cast< Kind >( kind );
+      frame.body = bytes.substr( FrameHeader::size, frame.header.length - FrameHeader::size );
+      bytes.remove_prefix( frame.header.length );
+      frames.push_back( frame );
+   }
+   return frames;
+}
+
+/// An interface's configuration that is mounted.
+struct OneInterface : Joined {
+   Ip::Config::Ptr config = Ip::configFactory( "config" );
+   Ip::IpIntfConfig::Ptr intf;
+
+   OneInterface( const char * mode = "r" ) {
+      source->dirIs( "ip" )->entityIs( config );
+      intf = config->ipIntfConfigIs( Velon::IntfId( "Ethernet1" ) );
+      mount( "ip/config", "Ip::Config", mode );
+      connect();
+   }
+   Ip::IpIntfConfig::Ptr replica() {
+      auto top = Zek::ptrCast< Ip::Config >( copy->entityAt( "ip/config" ) );
+      return top ? top->ipIntfConfig( Velon::IntfId( "Ethernet1" ) ) : nullptr;
+   }
+   ConfigSa * sa() { return static_cast< ConfigSa * >( server.adapter().adaptorOf( *intf ) ); }
+};
+
+struct Reaction : Ip::IpIntfConfig::NotifieeConst {
+   static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Reaction", 64 };
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   void onForwarding() override {
+      auto & intf = *Zek::constCast( notifier() );
+      intf.noArpIs( Ip::TristateBool::isTrue );
+      if( !intf.forwarding() ) intf.forwardingIs( true );
+   }
+};
+
+struct Throwing : Ip::IpIntfConfig::NotifieeConst {
+   static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Throwing", 64 };
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   void onForwarding() override { throw std::runtime_error( "no" ); }
+};
+
+const Velon::IpAddrWithMask a1( "10.0.0.1/24" ), a2( "10.0.0.2/24" );
+
+} // namespace
+
+TEST( AttrLog, aChangeIsOneRecordBetweenTokens ) {
+   OneInterface world;
+   world.intf->forwardingIs( false );
+   world.intf->secondaryWithMaskIs( a1, true );
+   world.intf->secondaryWithMaskDel( a1 );
+   auto frames = framesOf( world.out().buffer().view() );
+   ASSERT_EQ( frames.size(), 3u );
+   EXPECT_EQ( frames[0].header.attribute, 268 );
+   EXPECT_EQ( frames[0].body, std::string( "\0\0\2", 3 ) );
+   EXPECT_EQ( frames[1].header.attribute, 260 );
+   const std::string key( "\x0a\0\0\1\x18", 5 );
+   EXPECT_EQ( frames[1].body, std::string( 1, '\0' ) + key + "\1\2" );
+   EXPECT_EQ( frames[2].header.kind, Kind::removal );
+   EXPECT_EQ( frames[2].body, std::string( 1, '\0' ) + key + "\2" );
+   EXPECT_EQ( frames[1].header.flow, frames[0].header.flow );
+   EXPECT_EQ( frames[1].header.sequence, frames[0].header.sequence + 1 );
+   world.settle();
+   EXPECT_FALSE( world.replica()->forwarding() );
+   EXPECT_EQ( world.replica()->secondaryWithMaskCount(), 0u );
+}
+
+TEST( AttrLog, aFullStreamKeepsTheLastValueAlone ) {
+   OneInterface world;
+   world.out().capacityIs( 0 );
+   world.intf->maxMssEgressIs( 100 );
+   world.intf->maxMssEgressIs( 200 );
+   world.intf->maxMssEgressIs( 300 );
+   world.intf->secondaryWithMaskIs( a1, true );
+   world.intf->secondaryWithMaskDel( a1 );
+   world.intf->secondaryWithMaskIs( a2, true );
+   const auto * flow = world.sa()->flowOut();
+   ASSERT_TRUE( flow );
+   EXPECT_TRUE( flow->hasDirtyCollKeys() );
+   EXPECT_TRUE( flow->zekIsSecondaryWithMaskDirty().has( a1 ) );
+   EXPECT_EQ( flow->zekIsSecondaryWithMaskDirty().size(), 2u );
+   EXPECT_TRUE( world.out().buffer().empty() );
+   world.out().capacityIs( 4096 );
+   EXPECT_TRUE( world.out().drain() );
+   auto frames = framesOf( world.out().buffer().view() );
+   ASSERT_EQ( frames.size(), 3u );
+   EXPECT_EQ( frames[0].body, std::string( "\0\x01\x2c\2", 4 ) );
+   EXPECT_EQ( frames[1].header.kind, Kind::removal );
+   EXPECT_EQ( frames[2].header.kind, Kind::value );
+   EXPECT_FALSE( flow->hasDirtyCollKeys() );
+   EXPECT_TRUE( world.sa()->zekHandleSecondaryWithMaskSerializeColl() );
+}
+
+TEST( AttrLog, aStalledReaderCostsWhatIsDirtyAndNoHistory ) {
+   OneInterface world;
+   world.out().capacityIs( 0 );
+   for( uint32_t i = 0; i < 10000; ++i ) {
+      Velon::IpAddrWithMask key( Velon::IpAddr( i ), 32 );
+      world.intf->secondaryWithMaskIs( key, true );
+      world.intf->secondaryWithMaskDel( key );
+   }
+   EXPECT_LE( world.sa()->flowOut()->zekIsSecondaryWithMaskDirty().size(), 17u );
+   world.intf->secondaryWithMaskIs( a1, true );
+   world.out().capacityIs( 4096 );
+   world.settle();
+   EXPECT_EQ( world.replica()->secondaryWithMaskCount(), 1u );
+}
+
+TEST( AttrLog, aReadOnlyCopyRefusesLocalChangesAfterStoringThem ) {
+   OneInterface world;
+   auto replica = world.replica();
+   try {
+      replica->forwardingIs( false );
+      FAIL() << "no error";
+   } catch( const Zek::ReadOnlyException & e ) {
+      EXPECT_STREQ( e.what(), "Ip::IpIntfConfig::forwarding of "
+                              "'ip/config/ipIntfConfig[Ethernet1]' is read-only" );
+   }
+   EXPECT_FALSE( replica->forwarding() ); // deliberate: no rollback
+   EXPECT_TRUE( world.client.output().empty() );
+   world.intf->forwardingIs( false );
+   world.intf->forwardingIs( true );
+   world.settle();
+   EXPECT_TRUE( replica->forwarding() ); // the next change overrides
+   EXPECT_THROW( replica->secondaryWithMaskIs( a1, true ), Zek::ReadOnlyException );
+}
+
+TEST( AttrLog, aReactionOfTheCopysOwnIsNoEcho ) {
+   OneInterface world( "w" );
+   auto reaction = Zek::allocate< Reaction >();
+   reaction->notifierIs( world.replica() );
+   reaction->isRegisteredNotifieeIs( true );
+   world.intf->forwardingIs( false );
+   world.settle();
+   // The reaction did not arrive from the log: it went back to the owner.
+   EXPECT_TRUE( world.replica()->forwarding() );
+   EXPECT_TRUE( world.intf->forwarding() );
+   EXPECT_EQ( world.intf->noArp(), Ip::TristateBool::isTrue );
+}
+
+TEST( AttrLog, aWritableMountWritesThroughTheOwnersChecks ) {
+   OneInterface world( "w" );
+   auto top = Zek::ptrCast< Ip::Config >( world.copy->entityAt( "ip/config" ) );
+   world.replica()->addrWithMaskIs( a1 );
+   auto made = top->ipIntfConfigIs( Velon::IntfId( "Vlan7" ) );
+   made->addrWithMaskIs( a2 );
+   made->secondaryWithMaskIs( a1, true );
+   world.settle();
+   EXPECT_EQ( world.intf->addrWithMask(), a1 );
+   auto theirs = world.config->ipIntfConfig( Velon::IntfId( "Vlan7" ) );
+   ASSERT_TRUE( theirs );
+   EXPECT_EQ( theirs->addrWithMask(), a2 );
+   EXPECT_EQ( theirs->secondaryWithMaskCount(), 1u );
+   EXPECT_EQ( made->addrWithMask(), a2 );
+   theirs->addrWithMaskIs( a1 ); // and back
+   world.settle();
+   EXPECT_EQ( made->addrWithMask(), a1 );
+   top->ipIntfConfigDel( Velon::IntfId( "Vlan7" ) );
+   world.settle();
+   EXPECT_EQ( world.config->ipIntfConfigCount(), 1u );
+}
+
+TEST( AttrLog, crossingWritesAgree ) {
+   OneInterface world( "w" );
+   world.replica()->addrWithMaskIs( a1 );
+   world.intf->addrWithMaskIs( a2 );
+   world.replica()->secondaryWithMaskIs( a1, true );
+   world.intf->secondaryWithMaskIs( a1, false );
+   world.settle();
+   EXPECT_EQ( world.intf->addrWithMask(), world.replica()->addrWithMask() );
+   EXPECT_EQ( world.intf->secondaryWithMask( a1 ), world.replica()->secondaryWithMask( a1 ) );
+}
+
+TEST( AttrLog, anAdaptorIsOneAndFollowsTheSwitches ) {
+   OneInterface world;
+   auto * sa = world.sa();
+   ASSERT_TRUE( sa );
+   EXPECT_EQ( world.intf->zekNboAttrLogSaIs( sa->flags(), 1, world.out() ).ptr(), sa );
+   EXPECT_EQ( sa->zekReactor()->zekSink(), static_cast< Zek::AttributeSink * >( sa ) );
+   EXPECT_EQ( sa->attrIdsReqSync().front(), Zek::entityAttr );
+   sa->hasNotificationActiveIs( false );
+   world.intf->addrWithMaskIs( a1 );
+   EXPECT_TRUE( world.out().buffer().empty() );
+   sa->hasNotificationActiveIs( true ); // everything is dirty
+   world.settle();
+   EXPECT_EQ( world.replica()->addrWithMask(), a1 );
+   world.intf->zekIsLoggedIs( false );
+   world.intf->addrWithMaskIs( a2 );
+   world.settle();
+   EXPECT_EQ( world.replica()->addrWithMask(), a1 );
+   world.intf->zekIsLoggedIs( true );
+   world.settle();
+   EXPECT_EQ( world.replica()->addrWithMask(), a2 );
+   // The hold is weak: the entity goes, and the adaptor with it.
+   size_t adaptors = world.server.adapter().adaptors();
+   world.intf = nullptr;
+   world.config->ipIntfConfigDelAll();
+   EXPECT_EQ( world.server.adapter().adaptors(), adaptors - 1 );
+   world.settle();
+   EXPECT_FALSE( world.replica() );
+}
+
+TEST( AttrLog, anEarlierNotifieeMayThrow ) {
+   Joined world;
+   auto config = Ip::configFactory( "config" );
+   world.source->entityIs( config );
+   auto intf = config->ipIntfConfigIs( Velon::IntfId( "Ethernet1" ) );
+   auto throwing = Zek::allocate< Throwing >();
+   throwing->notifierIs( intf );
+   throwing->isRegisteredNotifieeIs( true );
+   world.mount( "config", "Ip::Config" );
+   world.connect();
+   EXPECT_THROW( intf->forwardingIs( false ), std::runtime_error );
+   EXPECT_EQ( framesOf( world.out().buffer().view() ).size(), 1u );
+}
+
+TEST( AttrLog, theSequenceStartsAgainWithEverything ) {
+   OneInterface world;
+   auto * sa = world.sa();
+   // As at the end of the numbers, which take years to use.
+   sa->flowOut()->sequenceEndsAfter( 3 );
+   for( uint16_t mss = 100; mss < 110; ++mss ) {
+      world.intf->maxMssEgressIs( mss );
+      world.settle();
+      EXPECT_EQ( world.replica()->maxMssEgress(), mss );
+   }
+}
+
+TEST( AttrLog, mountsAreRefusedInWords ) {
+   Joined world;
+   world.source->dirIs( "ip" );
+   world.source->entityIs( Ira::addrSetBogonFactory( "bogon" ) );
+   world.mount( "ip", "Ip::Status" );
+   world.mount( "absent/path", "Ip::Status" );
+   world.connect();
+   EXPECT_EQ( world.refusals,
+              std::vector< std::string >( { "ip: 'ip' is Zek::Dir, expected Ip::Status" } ) );
+   EXPECT_TRUE( world.client.isSynchronised() );
+   EXPECT_THROW( world.mount( "x", "Ip::Status", "rw" ), Zek::RangeException );
+   // What comes later is there then.
+   auto status = Ip::statusFactory( "path" );
+   world.source->dirIs( "absent" )->entityIs( status );
+   status->urpfConfiguredOnAnyIntfIs( true );
+   world.settle();
+   auto replica = Zek::ptrCast< Ip::Status >( world.copy->entityAt( "absent/path" ) );
+   ASSERT_TRUE( replica );
+   EXPECT_TRUE( replica->urpfConfiguredOnAnyIntf() );
+   world.source->entityDel( "absent" );
+   world.settle();
+   EXPECT_FALSE( world.copy->entityAt( "absent/path" ) );
+}
+
+} // namespace ipstate::test
