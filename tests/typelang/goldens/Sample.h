@@ -344,6 +344,9 @@ class IPSTATE_EXPORT Plain : public Zek::Entity {
       ~Notifiee() override;
    };
 
+   /// Streams its changes to other processes.
+   class ZekNboAttrLogSa;
+
    Plain( Sample::Celsius origin, uint32_t id, const Sample::Tag & given );
 
    // 258 origin
@@ -534,6 +537,9 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
     protected:
       ~Notifiee() override;
    };
+
+   /// Streams its changes to other processes.
+   class ZekNboAttrLogSa;
 
    explicit Owner( const Zek::Name & name = Zek::Name() );
 
@@ -791,6 +797,9 @@ class IPSTATE_EXPORT Base : public Zek::NamedEntity {
       ~Notifiee() override;
    };
 
+   /// Streams its changes to other processes.
+   class ZekNboAttrLogSa;
+
    Base( const Zek::Name & name, Sample::Plain::Phase phase );
 
    // 258 phase
@@ -866,6 +875,9 @@ class IPSTATE_EXPORT Titled : public Zek::Entity {
     protected:
       ~Notifiee() override;
    };
+
+   /// Streams its changes to other processes.
+   class ZekNboAttrLogSa;
 
    explicit Titled( const Sample::Tag & title );
 
