@@ -1,0 +1,602 @@
+#include "framework/AttrLogIn.h"
+
+#include <algorithm>
+
+namespace Zek {
+
+using Sa = Entity::ZekNboAttrLogSa;
+
+namespace NboAttrLog {
+
+namespace {
+
+std::string_view
+bytesBetween( const uint8_t * begin, const uint8_t * end ) {
+   return { reinterpret_cast< const char * >( begin ), static_cast< size_t >( end - begin ) };
+}
+
+} // namespace
+
+// -- Records of entities ----------------------------------------------------------------------
+
+/// What this end wrote and the owner has not seen yet counts more than what the owner said.
+bool
+In::mayApply( Sa & sa, const AttributeRow & row, const void * key ) {
+   return !sa.is( Sa::toOwner ) || !sa.awaitsOwner( row, key );
+}
+
+/// A write of the peer's was refused: it gets what stands here.
+void
+In::refusedIs( Sa & sa, const AttributeRow & row, const void * key ) {
+   if( sa.entity_ && sa.is( Sa::fromPeer ) ) sa.markDirty( row, key );
+}
+
+void
+In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body ) {
+   Sa::Ptr sa( flow.sa );
+   const WireType & type = *flow.type;
+   if( header.kind == Kind::state ) {
+      applyState( *sa, type, body );
+      return;
+   }
+   const AttributeRow * row = sa->plan_.row( header.attribute );
+   if( !row || ( !type.same && !std::binary_search( type.agreed.begin(), type.agreed.end(),
+                                                    header.attribute ) ) ) {
+      body.skip( body.left() ); // the peer knows more than we do
+      return;
+   }
+   switch( header.kind ) {
+   case Kind::beginWhole:
+   case Kind::endWhole:
+      if( body.left() || !row->collection ) {
+         body.fail( "a collection and nothing more" );
+      } else if( header.kind == Kind::beginWhole ) {
+         beginWhole( *sa, *row );
+      } else {
+         endWhole( *sa, *row );
+      }
+      return;
+   default:
+      break;
+   }
+   const uint8_t * start = body.at();
+   size_t size = body.left();
+   std::string_view key;
+   bool complete = true;
+   if( !row->collection ) {
+      if( header.kind != Kind::value ) {
+         body.fail( "an attribute's value" );
+         return;
+      }
+      complete = applyValue( *sa, *row, body );
+   } else if( header.kind == Kind::instantiate || header.kind == Kind::adopt ) {
+      complete = applyInstance( *sa, *row, header.kind, body, key );
+   } else {
+      complete = applyMember( *sa, *row, header.kind, body, key );
+   }
+   if( body.failed() ) return;
+   if( complete ) {
+      dropHeld( header.flow, header.attribute, key );
+   } else {
+      hold( header, key, start, size );
+   }
+}
+
+In::Reference
+In::readReference( Wire::Decoder & body, Entity *& target ) {
+   uint8_t tag;
+   target = nullptr;
+   if( !body.u8( tag, "a reference" ) ) return Reference::null;
+   if( tag == 0 ) return Reference::null;
+   if( tag == 1 ) {
+      uint32_t id;
+      if( !body.u32( id, "a flow's number" ) ) return Reference::null;
+      if( id == 0 || id >= flows_.size() || !flows_[id].type ) {
+         body.fail( "a flow that was announced" );
+         return Reference::null;
+      }
+      if( flows_[id].sa ) target = flows_[id].sa->entity();
+      return target ? Reference::found : Reference::absent;
+   }
+   if( tag == 2 ) {
+      target = EntityUriPath::resolve( adapter_.root(), body );
+      return target ? Reference::found : Reference::absent;
+   }
+   body.fail( "a kind of reference" );
+   return Reference::null;
+}
+
+bool
+In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
+   Scratch scratch;
+   const void * value;
+   if( row.stored->decode ) {
+      void * made = scratch.make( *row.stored );
+      bool read = false;
+      if( !guarded( [&] { read = row.stored->decode( body, made ); } ) || !read ) {
+         // Refused by the type itself, or malformed.
+         if( !body.failed() ) body.skip( body.left() );
+         return true;
+      }
+      value = made;
+   } else {
+      Entity * target;
+      Reference reference = readReference( body, target );
+      if( body.failed() ) return true;
+      if( reference == Reference::absent ) return false;
+      if( target && !target->fwkType()->isA( *row.type ) ) {
+         body.fail( "a reference to an entity of the attribute's type" );
+         return true;
+      }
+      value = scratch.pointer( target );
+   }
+   if( body.left() ) {
+      body.fail( "the end of the record" );
+      return true;
+   }
+   if( !mayApply( sa, row, nullptr ) ) return true;
+   Entity::Ptr entity( sa.entity_ );
+   if( !change( sa, row, nullptr, value, false, [&] { row.write( entity.ptr(), value ); } ) ) {
+      refusedIs( sa, row, nullptr );
+   }
+   return true;
+}
+
+void
+In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
+   struct Item {
+      const AttributeRow * row;
+      const void * value; // null: to be held
+      const uint8_t * bytes;
+      uint32_t size;
+   };
+   Scratch scratch;
+   std::vector< Item > items;
+   // All of it is read before any of it is applied.
+   while( body.left() ) {
+      uint16_t id;
+      uint32_t size;
+      const uint8_t * bytes;
+      if( !body.u16( id ) || !body.u32( size ) ) return;
+      size_t offset = body.offset();
+      if( !body.bytes( bytes, size, "a value of that length" ) ) return;
+      const AttributeRow * row = sa.plan_.row( id );
+      bool agreed = type.same || std::binary_search( type.agreed.begin(), type.agreed.end(), id );
+      if( !row || row->collection || !agreed ) continue;
+      Wire::Decoder in( bytes, size );
+      Item item{ row, nullptr, bytes, size };
+      if( row->stored->decode ) {
+         void * value = scratch.make( *row->stored );
+         bool read = false;
+         bool accepted = guarded( [&] { read = row->stored->decode( in, value ); } );
+         if( accepted && read && in.left() ) in.fail( "the end of the value" );
+         if( in.failed() ) {
+            body.failAt( in.expected(), offset + in.failedAt() );
+            return;
+         }
+         if( !accepted ) continue;
+         item.value = value;
+      } else {
+         Entity * target;
+         Reference reference = readReference( in, target );
+         if( !in.failed() && target && !target->fwkType()->isA( *row->type ) ) {
+            in.fail( "a reference to an entity of the attribute's type" );
+         }
+         if( !in.failed() && reference != Reference::absent && in.left() ) {
+            in.fail( "the end of the value" );
+         }
+         if( in.failed() ) {
+            body.failAt( in.expected(), offset + in.failedAt() );
+            return;
+         }
+         if( reference != Reference::absent ) item.value = scratch.pointer( target );
+      }
+      items.push_back( item );
+   }
+   Entity::Ptr entity( sa.entity_ );
+   for( const Item & item : items ) {
+      if( !sa.entity_ ) return; // a reaction removed it
+      if( !item.value ) {
+         FrameHeader header{};
+         header.flow = sa.flowIn_;
+         header.attribute = item.row->id;
+         header.kind = Kind::value;
+         hold( header, {}, item.bytes, item.size );
+         continue;
+      }
+      dropHeld( sa.flowIn_, item.row->id, {} );
+      if( !mayApply( sa, *item.row, nullptr ) ) continue;
+      if( !change( sa, *item.row, nullptr, item.value, false,
+                   [&] { item.row->write( entity.ptr(), item.value ); } ) ) {
+         refusedIs( sa, *item.row, nullptr );
+      }
+   }
+}
+
+void
+In::remove( Sa & sa, const AttributeRow & row, const void * key ) {
+   Entity::Ptr entity( sa.entity_ );
+   if( !row.collection->find( entity.ptr(), key ) ) return;
+   if( !change( sa, row, key, nullptr, false,
+                [&] { row.collection->del( entity.ptr(), key ); } ) ) {
+      if( sa.entity_ && row.collection->find( entity.ptr(), key ) ) refusedIs( sa, row, key );
+   }
+}
+
+bool
+In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & body,
+                 std::string_view & keyBytes ) {
+   Scratch scratch;
+   const uint8_t * start = body.at();
+   const ValueOps & keyOps = *row.keyType->values;
+   void * key = scratch.make( keyOps );
+   bool read = false;
+   if( !guarded( [&] { read = keyOps.decode( body, key ); } ) || !read ) {
+      if( !body.failed() ) body.skip( body.left() );
+      return true;
+   }
+   keyBytes = bytesBetween( start, body.at() );
+   if( kind == Kind::removal ) {
+      if( body.left() ) {
+         body.fail( "the end of the record" );
+      } else if( mayApply( sa, row, key ) ) {
+         remove( sa, row, key );
+      }
+      return true;
+   }
+   if( row.has( ownsMembers ) ) {
+      body.fail( "an instance" );
+      return true;
+   }
+   Entity::Ptr entity( sa.entity_ );
+   const void * value = key; // what arrivedFromLog() compares with; a set has no value
+   if( row.has( refersToMembers ) ) {
+      Entity * target;
+      Reference reference = readReference( body, target );
+      if( body.failed() ) return true;
+      if( reference == Reference::absent ) return false;
+      if( body.left() ) {
+         body.fail( "the end of the record" );
+         return true;
+      }
+      mention( sa, row, key );
+      if( !target ) return true; // one that stands in no tree cannot be told of
+      if( !target->fwkType()->isA( *row.type ) ) {
+         body.fail( "a reference to an entity of the collection's type" );
+         return true;
+      }
+      if( !mayApply( sa, row, key ) ) return true;
+      const void * member = scratch.pointer( target );
+      if( !change( sa, row, key, target, false,
+                   [&] { row.collection->is( entity.ptr(), member, nullptr ); } ) ) {
+         refusedIs( sa, row, key );
+      }
+      return true;
+   }
+   if( !row.has( isSet ) ) {
+      void * made = scratch.make( *row.type->values );
+      if( !guarded( [&] { read = row.type->values->decode( body, made ); } ) || !read ) {
+         if( !body.failed() ) body.skip( body.left() );
+         return true;
+      }
+      value = made;
+   }
+   if( body.left() ) {
+      body.fail( "the end of the record" );
+      return true;
+   }
+   if( row.has( keyIsField ) && !hasKey( row, value, key ) ) {
+      body.fail( "a value with the key it stands under" );
+      return true;
+   }
+   mention( sa, row, key );
+   if( !mayApply( sa, row, key ) ) return true;
+   if( !change( sa, row, key, value, false, [&] {
+          const void * arguments[] = { value };
+          row.collection->is( entity.ptr(), row.has( keyIsField ) ? value : key,
+                              row.has( keyIsField ) || row.has( isSet ) ? nullptr : arguments );
+       } ) ) {
+      refusedIs( sa, row, key );
+   }
+   return true;
+}
+
+/// Whether the value, keyed by one of its fields, has this key.
+bool
+In::hasKey( const AttributeRow & row, const void * value, const void * key ) {
+   for( const AttributeRow & field : row.type->attributes ) {
+      if( field.has( isKey ) ) {
+         return row.keyType->values->equal( field.address( value ), key );
+      }
+   }
+   return true;
+}
+
+bool
+In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
+                   std::vector< const void * > & arguments ) {
+   for( const AttributeRow * row : plan.parameters ) {
+      if( row->stored->decode ) {
+         void * value = scratch.make( *row->stored );
+         if( !row->stored->decode( body, value ) ) return false;
+         arguments.push_back( value );
+         continue;
+      }
+      Entity * target;
+      Reference reference = readReference( body, target );
+      if( body.failed() || reference == Reference::absent ) return false;
+      if( target && !target->fwkType()->isA( *row->type ) ) {
+         return body.fail( "a reference to an entity of the argument's type" );
+      }
+      arguments.push_back( scratch.pointer( target ) );
+   }
+   return true;
+}
+
+/// Whether an instance made with these arguments would be what is there.
+bool
+In::isSame( const Entity & entity, const Plan & plan,
+            const std::vector< const void * > & arguments ) {
+   if( entity.fwkType() != &plan.type ) return false;
+   for( size_t i = 0; i < plan.parameters.size(); ++i ) {
+      const AttributeRow & row = *plan.parameters[i];
+      if( !row.stored->equal( row.address( &entity ), arguments[i + 1] ) ) return false;
+   }
+   return true;
+}
+
+bool
+In::repeats( FlowName name, const WireType & type ) {
+   const uint32_t id = name.id;
+   if( id && id < flows_.size() && flows_[id].type == &type && flows_[id].sa ) {
+      flows_[id].sequence = name.sequence;
+      return true;
+   }
+   flowIs( name, type );
+   return false;
+}
+
+bool
+In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & body,
+                   std::string_view & keyBytes ) {
+   if( !row.has( ownsMembers ) ) {
+      body.fail( "a member of a collection that owns none" );
+      return true;
+   }
+   Scratch scratch;
+   const ValueOps & keyOps = *row.keyType->values;
+   void * key = scratch.make( keyOps );
+   bool read = false;
+   FlowName flow{};
+   const uint8_t * start = body.at();
+   bool keyAccepted = guarded( [&] { read = keyOps.decode( body, key ); } );
+   if( body.failed() ) return true;
+   if( !keyAccepted ) {
+      // The type itself refuses the key; what follows cannot be found without it.
+      body.skip( body.left() );
+      return true;
+   }
+   keyBytes = bytesBetween( start, body.at() );
+   if( !flowName( body, flow ) ) return true;
+   const uint32_t id = flow.id;
+   const WireType * wire = wireType( body );
+   if( !wire ) return true;
+   if( wire->type && !wire->type->isA( *row.type ) ) {
+      body.fail( "a type that the collection holds" );
+      return true;
+   }
+   const bool inDirectory = row.id == entityAttr;
+   if( !wire->type || ( !inDirectory && wire->type != row.type ) ||
+       ( inDirectory && !wire->type->isNamed ) ) {
+      body.skip( body.left() );
+      repeats( flow, *wire );
+      return true;
+   }
+   Plan & plan = adapter_.plan( *wire->type );
+   const Name name = inDirectory ? Name( static_cast< String * >( key )->view() ) : Name();
+   std::vector< const void * > arguments{ inDirectory ? &name : key };
+   bool present = false;
+   bool accepted = guarded( [&] { present = readArguments( plan, body, scratch, arguments ); } );
+   if( body.failed() ) return true;
+   if( !accepted ) {
+      body.skip( body.left() );
+      repeats( flow, *wire );
+      return true;
+   }
+   if( !present ) {
+      // An argument refers to what is not there. The flow is asked for again when it comes.
+      body.skip( body.left() );
+      repeats( flow, *wire );
+      return false;
+   }
+   if( body.left() ) {
+      body.fail( "the end of the record" );
+      return true;
+   }
+   mention( sa, row, key );
+   const PtrInterface * found = row.collection->find( sa.entity_, key );
+   auto * member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
+   if( repeats( flow, *wire ) && member && flows_[id].sa->entity() == member ) return true;
+   flowIs( flow, *wire );
+   if( sa.is( Sa::toOwner ) && sa.awaitsOwner( row, key ) ) {
+      // Ours counts: gone, or another instance that the owner will take or refuse.
+      if( !member ) return true;
+      kind = Kind::adopt;
+   }
+   const bool same = member && isSame( *member, plan, arguments );
+   if( member && sa.is( Sa::fromPeer ) && !same ) {
+      // The owner's stands; the peer learns of it.
+      ++refused_;
+      lastRefusal_ =
+         "'" + EntityUriPath( *member ).text() + "' exists with other constructor arguments";
+      sa.markDirty( row, key );
+      return true;
+   }
+   if( member && ( !same || kind == Kind::instantiate ) && !sa.is( Sa::fromPeer ) ) {
+      remove( sa, row, key );
+      if( !sa.entity_ ) return true;
+      found = row.collection->find( sa.entity_, key );
+      member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
+   }
+   if( !member ) {
+      Entity::Ptr entity( sa.entity_ );
+      if( inDirectory ) {
+         Ptr< PtrInterface > made;
+         if( guarded( [&] { made = wire->type->create( arguments.data() ); } ) ) {
+            adapter_.childIs( *entity, Entity::Ptr( static_cast< Entity * >( made.ptr() ) ) );
+         }
+      } else {
+         change( sa, row, key, key, true,
+                 [&] { row.collection->is( entity.ptr(), key, arguments.data() + 1 ); } );
+      }
+      if( !sa.entity_ ) return true;
+      found = row.collection->find( entity.ptr(), key );
+      member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
+   }
+   if( !member ) {
+      refusedIs( sa, row, key );
+      return true;
+   }
+   if( member->fwkType() != wire->type ) return true;
+   Sa * child = sa.memberAdaptor( row, member );
+   if( !child ) return true;
+   if( sa.is( Sa::fromPeer ) && !child->announced_ ) {
+      // The peer has it; what it lacks is our flow.
+      child->cameFromPeer_ = true;
+      bind( id, *child );
+      sa.markDirty( row, key );
+   } else {
+      bind( id, *child );
+   }
+   return true;
+}
+
+// -- Collections as a whole -------------------------------------------------------------------
+
+void
+In::beginWhole( Sa & sa, const AttributeRow & row ) {
+   std::erase_if( wholes_, [&]( auto & w ) { return w.sa.ptr() == &sa && w.row == &row; } );
+   if( row.collection->count( sa.entity_ ) == 0 ) return; // nothing can be left over
+   wholes_.push_back( { Sa::Ptr( &sa ), &row, {} } );
+}
+
+void
+In::mention( Sa & sa, const AttributeRow & row, const void * key ) {
+   for( Whole & whole : wholes_ ) {
+      if( whole.sa.ptr() != &sa || whole.row != &row ) continue;
+      if( whole.mentioned.find( key ) == whole.mentioned.end() ) {
+         whole.mentioned.emplace( AnyKey( *row.keyType->values, key ), true );
+      }
+   }
+   if( !sa.hasSweep_ ) return;
+   for( Sweep & sweep : sweeps_ ) {
+      if( sweep.sa.ptr() != &sa || sweep.row != &row ) continue;
+      auto at = sweep.keys.find( key );
+      if( at != sweep.keys.end() ) sweep.keys.erase( at );
+   }
+}
+
+void
+In::endWhole( Sa & sa, const AttributeRow & row ) {
+   auto whole = std::find_if( wholes_.begin(), wholes_.end(),
+                              [&]( auto & w ) { return w.sa.ptr() == &sa && w.row == &row; } );
+   if( whole == wholes_.end() ) return;
+   Sweep sweep{ Sa::Ptr( &sa ), &row, {} };
+   const CollectionOps & ops = *row.collection;
+   const PtrInterface * member = ops.first( sa.entity_ );
+   while( member ) {
+      member = withMemberKey( row, member, [&]( const void * key ) {
+         if( whole->mentioned.find( key ) == whole->mentioned.end() ) {
+            sweep.keys.emplace( AnyKey( *row.keyType->values, key ), true );
+         }
+         return ops.after( sa.entity_, key );
+      } );
+   }
+   wholes_.erase( whole );
+   if( !sweep.keys.empty() ) {
+      sa.hasSweep_ = true;
+      sweeps_.push_back( std::move( sweep ) );
+   }
+   if( !openDumps_ ) sweepAll();
+}
+
+/// Removes what was not mentioned, what came last first: references go before what they refer to.
+void
+In::sweepAll() {
+   while( !sweeps_.empty() ) {
+      Sweep sweep = std::move( sweeps_.back() );
+      sweeps_.pop_back();
+      sweep.sa->hasSweep_ = false;
+      for( auto at = sweep.keys.rbegin(); at != sweep.keys.rend(); ++at ) {
+         if( !sweep.sa->entity_ ) break;
+         if( mayApply( *sweep.sa, *sweep.row, at->first.get() ) ) {
+            remove( *sweep.sa, *sweep.row, at->first.get() );
+         }
+      }
+   }
+}
+
+// -- What waits for what it refers to ---------------------------------------------------------
+
+void
+In::hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size ) {
+   if( held_.size() >= quota.held ) malformed( header, "fewer references that wait", 0 );
+   held_[{ header.flow, header.attribute, std::string( key ) }] = {
+      header.kind, std::vector< uint8_t >( body, body + size )
+   };
+}
+
+/// A newer record says what the attribute, or member, is.
+void
+In::dropHeld( uint32_t flow, uint16_t attribute, std::string_view key ) {
+   if( !held_.empty() ) held_.erase( { flow, attribute, std::string( key ) } );
+}
+
+void
+In::retryHeld() {
+   auto waiting = std::move( held_ );
+   held_.clear();
+   for( auto & [place, held] : waiting ) {
+      const auto & [id, attribute, key] = place;
+      Flow & flow = flows_[id];
+      if( !flow.sa ) continue;
+      FrameHeader header{};
+      header.flow = id;
+      header.attribute = attribute;
+      header.kind = held.kind;
+      Wire::Decoder body( held.body.data(), held.body.size() );
+      if( held.kind == Kind::instantiate || held.kind == Kind::adopt ) {
+         // Asked for again with all that was passed over meanwhile.
+         if( argumentsThere( *flow.sa, attribute, body ) ) {
+            again( id, attribute, key );
+         } else {
+            held_[place] = std::move( held );
+         }
+         continue;
+      }
+      entityRecord( flow, header, body );
+   }
+}
+
+bool
+In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body ) {
+   Scratch scratch;
+   const ValueOps & keyOps = *sa.plan_.row( attribute )->keyType->values;
+   FlowName flow;
+   if( !keyOps.decode( body, scratch.make( keyOps ) ) || !flowName( body, flow ) ) return false;
+   const WireType * wire = wireType( body );
+   std::vector< const void * > arguments;
+   return wire && readArguments( adapter_.plan( *wire->type ), body, scratch, arguments );
+}
+
+void
+In::again( uint32_t flow, uint16_t attribute, std::string_view key ) {
+   Wire::Encoder body = adapter_.out_.control( againControl );
+   body.u32( flow );
+   body.u16( attribute );
+   body.bytes( key.data(), key.size() );
+   adapter_.out_.controlEnd();
+}
+
+} // namespace NboAttrLog
+} // namespace Zek

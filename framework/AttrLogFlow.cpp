@@ -1,0 +1,243 @@
+#include "framework/AttrLog.h"
+
+#include "framework/Assert.h"
+#include "framework/StreamAdapter.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Zek {
+
+using Sa = Entity::ZekNboAttrLogSa;
+
+namespace NboAttrLog {
+
+// -- Plans ------------------------------------------------------------------------------------
+
+namespace {
+
+uint64_t
+mixText( uint64_t hash, std::string_view text ) {
+   // FNV-1a, and a byte that no text contains between two texts.
+   for( char c : text ) hash = ( hash ^ static_cast< uint8_t >( c ) ) * 0x100000001b3;
+   return ( hash ^ 0xff ) * 0x100000001b3;
+}
+
+constexpr uint64_t hashStart = 0xcbf29ce484222325;
+
+bool
+isSynchronised( const AttributeRow & row ) {
+   if( row.collection ) return true;
+   return row.address && row.write;
+}
+
+} // namespace
+
+uint32_t
+Plan::signature( const AttributeRow & row ) {
+   constexpr unsigned shape = isSet | ownsMembers | refersToMembers | keyIsField;
+   uint64_t hash = mixText( hashStart, row.name );
+   hash = mixText( hash, row.type->fullName );
+   hash = mixText( hash, row.keyType ? row.keyType->fullName : "" );
+   hash = mixText( hash, std::to_string( row.id ) );
+   hash = mixText( hash, std::to_string( static_cast< unsigned >( row.kind ) ) );
+   hash = mixText( hash, std::to_string( row.flags & shape ) );
+   return static_cast< uint32_t >( hash ^ hash >> 32 );
+}
+
+Plan::Plan( const TypeDescriptor & described ) : type( described ) {
+   std::vector< const TypeDescriptor * > line;
+   for( const TypeDescriptor * t = &type; t; t = t->base ) line.insert( line.begin(), t );
+   const AttributeRow * children = nullptr;
+   for( const TypeDescriptor * t : line ) {
+      for( const AttributeRow & row : t->attributes ) {
+         if( !isSynchronised( row ) ) continue;
+         attrIdsReqSync.push_back( row.id );
+         if( row.id == entityAttr ) {
+            children = &row;
+         } else {
+            ( row.collection ? collections : plain ).push_back( &row );
+         }
+      }
+   }
+   if( children ) collections.push_back( children );
+   std::sort( attrIdsReqSync.begin(), attrIdsReqSync.end() );
+   auto arguments = type.constructorParameters;
+   for( size_t i = 1; i < arguments.size(); ++i ) {
+      parameters.push_back( type.attribute( arguments[i].name ) );
+   }
+   fingerprint = mixText( hashStart, type.fullName );
+   for( const AttributeRow * row : parameters ) {
+      fingerprint = mixText( fingerprint, std::to_string( signature( *row ) ) );
+   }
+   for( uint16_t id : attrIdsReqSync ) {
+      fingerprint = mixText( fingerprint, std::to_string( signature( *type.attribute( id ) ) ) );
+   }
+}
+
+const AttributeRow *
+Plan::row( uint16_t attrId ) const {
+   const AttributeRow * row = type.attribute( attrId );
+   return row && isSynchronised( *row ) ? row : nullptr;
+}
+
+// -- Flows ------------------------------------------------------------------------------------
+
+std::unique_ptr< FlowOut >
+Demuxer::createFlowOut( Out & out, const EntityUriPath &, Entity::ZekNboAttrLogSa & sa,
+                        uint32_t first, uint32_t last ) {
+   uint32_t id;
+   if( out.free_.empty() ) {
+      id = static_cast< uint32_t >( out.flows_.size() );
+      out.flows_.push_back( &sa );
+   } else {
+      id = out.free_.back();
+      out.free_.pop_back();
+      out.flows_[id] = &sa;
+   }
+   return sa.createFlowOut( id, first, last );
+}
+
+FlowOut::~FlowOut() {
+   Out & out = sa_.adapter().nboAttrLogOut();
+   out.unqueue( *this );
+   if( id_ < out.flows_.size() && out.flows_[id_] == &sa_ ) {
+      out.flows_[id_] = nullptr;
+      out.free_.push_back( id_ );
+   }
+}
+
+void
+FlowOut::zekIsDirtyIs( uint16_t attrId, bool dirty ) {
+   if( dirty ) {
+      dirty_ |= bit( attrId );
+   } else {
+      dirty_ &= ~bit( attrId );
+   }
+}
+
+DirtyCollection *
+FlowOut::collection( uint16_t attrId ) const {
+   for( auto & c : collections_ ) {
+      if( c->row->id == attrId ) return c.get();
+   }
+   return nullptr;
+}
+
+DirtyCollection &
+FlowOut::collectionIs( const AttributeRow & row ) {
+   if( DirtyCollection * present = collection( row.id ) ) return *present;
+   collections_.push_back( std::make_unique< DirtyCollection >() );
+   collections_.back()->row = &row;
+   return *collections_.back();
+}
+
+void
+FlowOut::collectionDone( DirtyCollection & done ) {
+   std::erase_if( collections_, [&]( auto & c ) { return c.get() == &done; } );
+}
+
+const DirtyKeys *
+FlowOut::dirtyKeys( uint16_t attrId ) const {
+   DirtyCollection * c = collection( attrId );
+   return c ? &c->keys : nullptr;
+}
+
+bool
+FlowOut::hasDirtyCollKeys() const {
+   return std::any_of( collections_.begin(), collections_.end(),
+                       []( auto & c ) { return !c->keys.empty(); } );
+}
+
+bool
+FlowOut::zekIsKeyDirty( uint16_t attrId, const void * key ) const {
+   const DirtyKeys * keys = dirtyKeys( attrId );
+   return keys && keys->find( key ) != keys->end();
+}
+
+void
+FlowOut::zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal ) {
+   DirtyCollection & c = collectionIs( row );
+   // What has not begun includes it anyway.
+   if( c.whole && !c.resync ) return;
+   auto at = c.keys.find( key );
+   if( at != c.keys.end() ) {
+      at->second |= removal;
+      return;
+   }
+   c.keys.emplace( AnyKey( *row.keyType->values, key ), removal );
+   // Removals must not pile up behind a stalled reader.
+   size_t members = row.collection->count( sa_.entity() );
+   if( c.keys.size() > 2 * members + 16 ) wholeIs( row );
+}
+
+void
+FlowOut::zekKeyDirtyIs( uint16_t attrId, const void * key, bool dirty ) {
+   if( !dirty ) {
+      zekKeyDirtyDel( attrId, key );
+   } else if( const AttributeRow * row = sa_.plan_.row( attrId ) ) {
+      zekKeyDirtyIs( *row, key, false );
+   }
+}
+
+void
+FlowOut::zekKeyDirtyDel( uint16_t attrId, const void * key ) {
+   DirtyCollection * c = collection( attrId );
+   if( !c ) return;
+   auto at = c->keys.find( key );
+   if( at != c->keys.end() ) c->keys.erase( at );
+   if( c->keys.empty() && !c->whole && !c->resync ) collectionDone( *c );
+}
+
+bool
+FlowOut::prepareImmediateTransmission( uint16_t attrId ) {
+   attrIdIs( attrId );
+   if( sequence_ >= lastSequence_ || stateDirty_ ) return false;
+   const DirtyCollection * c = collections_.empty() ? nullptr : collection( attrId );
+   return !c || ( !c->whole && !c->resync );
+}
+
+void
+FlowOut::allDirty() {
+   const Plan & plan = sa_.plan_;
+   dirty_ = 0;
+   stateDirty_ = !plan.plain.empty() && sa_.is( Sa::withContent );
+   if( stateDirty_ ) {
+      for( const AttributeRow * row : plan.plain ) dirty_ |= bit( row->id );
+   }
+   for( const AttributeRow * row : plan.collections ) {
+      if( sa_.covers( *row ) ) wholeIs( *row );
+   }
+}
+
+void
+FlowOut::wholeIs( const AttributeRow & row ) {
+   DirtyCollection & c = collectionIs( row );
+   c.keys.clear();
+   c.resync.reset();
+   c.whole = true;
+}
+
+void
+FlowOut::freeResyncState() {
+   for( auto & c : collections_ ) {
+      if( !c->resync ) continue;
+      c->resync.reset();
+      c->whole = true;
+   }
+}
+
+void
+FlowOut::resynchronise() {
+   freeResyncState();
+   for( auto & c : collections_ ) {
+      [[maybe_unused]] DirtyCollection::ResyncState * rsc = c->resync.get();
+      assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
+   }
+   sequence_ = firstSequence_;
+   restarts_ = true;
+   allDirty();
+}
+
+} // namespace NboAttrLog
+} // namespace Zek

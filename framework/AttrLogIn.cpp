@@ -1,0 +1,405 @@
+#include "framework/AttrLogIn.h"
+
+#include <algorithm>
+
+namespace Zek {
+
+using Sa = Entity::ZekNboAttrLogSa;
+
+namespace NboAttrLog {
+
+// -- Inbound: frames --------------------------------------------------------------------------
+
+In::In( StreamAdapter & adapter ) : adapter_( adapter ) {}
+In::~In() = default;
+
+void
+In::reset() {
+   buffer_.clear();
+   late_.clear();
+   closed_ = false;
+   controlSequence_ = firstSequence;
+   records_ = acked_ = acknowledged_ = 0;
+   types_.clear();
+   flows_.clear();
+   held_.clear();
+   wholes_.clear();
+   sweeps_.clear();
+   roots_.clear();
+   openDumps_ = 0;
+}
+
+void
+In::malformed( const FrameHeader & header, const char * expected, size_t offset ) {
+   closed_ = true;
+   std::string where = "flow " + std::to_string( header.flow );
+   std::string attribute = std::to_string( header.attribute );
+   if( header.flow && header.flow < flows_.size() && flows_[header.flow].sa ) {
+      Entity & entity = *flows_[header.flow].sa->entity();
+      where = "'" + EntityUriPath( entity ).text() + "'";
+      if( auto * row = entity.fwkType()->attribute( header.attribute ) ) attribute = row->name;
+   }
+   throw StreamException( "malformed record " + std::to_string( records_ ) + " of " + where +
+                          ", attribute " + attribute + ", offset " + std::to_string( offset ) +
+                          ": expected " + expected );
+}
+
+namespace {
+
+FrameHeader
+readHeader( const uint8_t * at ) {
+   FrameHeader header;
+   uint8_t kind;
+   Wire::Decoder in( at, FrameHeader::size );
+   in.u32( header.length );
+   in.u32( header.checksum );
+   in.u32( header.flow );
+   in.u16( header.attribute );
+   in.u8( kind );
+   in.u8( header.flags );
+   in.u32( header.sequence );
+   header.kind = static_cast< Kind >( kind );
+   return header;
+}
+
+} // namespace
+
+void
+In::receive( const void * bytes, size_t count ) {
+   if( closed_ ) throw StreamException( "the stream was closed by a malformed record" );
+   if( receiving_ ) {
+      // From a callback of a mutator: the loop that called it goes on with them.
+      late_.append( bytes, count );
+      return;
+   }
+   buffer_.append( bytes, count );
+   receiving_ = true;
+   struct Done {
+      bool & flag;
+      ~Done() { flag = false; }
+   } done{ receiving_ };
+   while( buffer_.size() >= FrameHeader::size ) {
+      const FrameHeader header = readHeader( buffer_.data() );
+      if( header.length < FrameHeader::size + 2 || header.length > quota.recordBytes ) {
+         malformed( header, "a length of 22 bytes up to the quota", 0 );
+      }
+      if( buffer_.size() < header.length ) break;
+      const uint8_t * frame = buffer_.data();
+      if( Wire::checksum( frame + 8, header.length - 8 ) != header.checksum ) {
+         malformed( header, "the checksum of the record", 4 );
+      }
+      if( frame[FrameHeader::size] != openToken ) {
+         malformed( header, "the opening token", FrameHeader::size );
+      }
+      if( frame[header.length - 1] != closeToken ) {
+         malformed( header, "the closing token", header.length - 1 );
+      }
+      ++records_;
+      Wire::Decoder body( frame + FrameHeader::size + 1, header.length - FrameHeader::size - 2 );
+      record( header, body );
+      if( body.failed() ) {
+         malformed( header, body.expected(), FrameHeader::size + 1 + body.failedAt() );
+      }
+      buffer_.consume( header.length );
+      if( !late_.empty() ) {
+         buffer_.append( late_.data(), late_.size() );
+         late_.clear();
+      }
+   }
+   if( boundSomething_ && !held_.empty() ) retryHeld();
+   boundSomething_ = false;
+   if( adapter_.peerWrites_ ) acknowledge();
+}
+
+void
+In::acknowledge() {
+   if( acknowledged_ == records_ ) return;
+   acknowledged_ = records_;
+   Wire::Encoder body = adapter_.out_.control( ackControl );
+   body.u64( records_ );
+   adapter_.out_.controlEnd();
+}
+
+void
+In::record( const FrameHeader & header, Wire::Decoder & body ) {
+   auto sequenced = [&]( uint32_t & next ) {
+      if( header.flags & restartsSequence ) next = header.sequence;
+      if( header.flags & ~restartsSequence ) malformed( header, "known flags", 15 );
+      if( header.sequence != next ) malformed( header, "the next sequence number", 16 );
+      next = header.sequence + 1;
+   };
+   if( header.kind > Kind::state ) malformed( header, "a kind of record", 14 );
+   if( header.flow == 0 ) {
+      sequenced( controlSequence_ );
+      control( header.attribute, body );
+      if( !body.failed() && body.left() ) body.fail( "the end of the record" );
+      return;
+   }
+   if( header.flow >= flows_.size() || !flows_[header.flow].type ) {
+      malformed( header, "a flow that was announced", 8 );
+   }
+   Flow & flow = flows_[header.flow];
+   sequenced( flow.sequence );
+   if( flow.sa ) entityRecord( flow, header, body );
+}
+
+// -- Control ----------------------------------------------------------------------------------
+
+void
+In::control( uint16_t message, Wire::Decoder & body ) {
+   switch( message ) {
+   case typeControl:
+      typeDeclared( body );
+      return;
+   case rootControl:
+      rootCame( body );
+      return;
+   case noRootControl:
+      rootWent( body );
+      return;
+   case ackControl: {
+      uint64_t records;
+      if( !body.u64( records ) ) return;
+      if( records > adapter_.out_.records_ ) {
+         body.fail( "no more records than were sent" );
+         return;
+      }
+      acked_ = records;
+      return;
+   }
+   case againControl:
+      sendAgain( body );
+      return;
+   case bindControl:
+      bindToPeer( body );
+      return;
+   case beginControl: {
+      uint32_t id;
+      if( !body.u32( id ) ) return;
+      ++openDumps_;
+      adapter_.owner_.onDump( id, false );
+      return;
+   }
+   case endControl: {
+      uint32_t id;
+      if( !body.u32( id ) ) return;
+      if( !openDumps_ ) {
+         body.fail( "the end of a dump that began" );
+         return;
+      }
+      if( --openDumps_ == 0 ) sweepAll();
+      adapter_.owner_.onDump( id, true );
+      return;
+   }
+   default:
+      break;
+   }
+   if( message < firstUserControl ) {
+      body.fail( "a control message" );
+      return;
+   }
+   adapter_.owner_.onControl( message, body );
+}
+
+void
+In::typeDeclared( Wire::Decoder & body ) {
+   uint32_t number, count;
+   uint64_t fingerprint;
+   std::string_view name;
+   if( !body.u32( number ) || !body.text( name ) || !body.u64( fingerprint ) ||
+       !body.u32( count ) ) {
+      return;
+   }
+   if( number != types_.size() + 1 || number > quota.types ) {
+      body.fail( "the next type's number, up to the quota" );
+      return;
+   }
+   if( count > body.left() / 6 ) {
+      body.fail( "as many attributes as were counted" );
+      return;
+   }
+   WireType wire;
+   wire.type = typeNode( name );
+   if( wire.type && ( !wire.type->isEntity() || !wire.type->create ) ) wire.type = nullptr;
+   wire.same = wire.type && adapter_.plan( *wire.type ).fingerprint == fingerprint;
+   for( ; count; --count ) {
+      uint16_t id;
+      uint32_t signature;
+      if( !body.u16( id ) || !body.u32( signature ) ) return;
+      const AttributeRow * row = wire.type ? adapter_.plan( *wire.type ).row( id ) : nullptr;
+      if( row && Plan::signature( *row ) == signature ) wire.agreed.push_back( id );
+   }
+   std::sort( wire.agreed.begin(), wire.agreed.end() );
+   types_.push_back( std::move( wire ) );
+}
+
+/// The next type number, as the type declared under it; null after a failure.
+const In::WireType *
+In::wireType( Wire::Decoder & body ) {
+   uint32_t number;
+   if( !body.u32( number, "a type's number" ) ) return nullptr;
+   if( number == 0 || number > types_.size() ) {
+      body.fail( "the number of a type that was declared" );
+      return nullptr;
+   }
+   return &types_[number - 1];
+}
+
+/// Takes the flow's number into use.
+bool
+In::flowName( Wire::Decoder & body, FlowName & name ) {
+   if( !body.u32( name.id, "a flow's number" ) || !body.u32( name.sequence ) ) return false;
+   if( name.id > quota.flows || name.id > flows_.size() + 4096 ) {
+      return body.fail( "the number of a flow" );
+   }
+   return true;
+}
+
+void
+In::flowIs( FlowName name, const WireType & type ) {
+   if( !name.id ) return;
+   if( name.id >= flows_.size() ) flows_.resize( name.id + 1 );
+   Flow & flow = flows_[name.id];
+   if( flow.sa ) flow.sa->flowIn_ = 0;
+   flow = { nullptr, &type, name.sequence };
+}
+
+void
+In::bind( uint32_t id, Sa & sa ) {
+   if( !id ) return;
+   if( sa.flowIn_ ) flows_[sa.flowIn_].sa = nullptr;
+   flows_[id].sa = &sa;
+   sa.flowIn_ = id;
+   boundSomething_ = true;
+   if( sa.is( Sa::toOwner ) ) sa.boundToOwner();
+}
+
+void
+In::unbind( Sa & sa ) {
+   if( !sa.flowIn_ ) return;
+   flows_[sa.flowIn_].sa = nullptr;
+   sa.flowIn_ = 0;
+}
+
+void
+In::rootCame( Wire::Decoder & body ) {
+   uint32_t exportId;
+   FlowName flow;
+   std::string_view typeName, nameText;
+   if( !body.u32( exportId ) || !body.text( typeName ) || !body.text( nameText ) ||
+       !flowName( body, flow ) ) {
+      return;
+   }
+   const WireType * wire = wireType( body );
+   if( !wire ) return;
+   if( wire->type && typeName != wire->type->fullName ) {
+      body.fail( "the name of the type that was declared" );
+      return;
+   }
+   uint32_t flags = 0;
+   if( !wire->type ) {
+      // Of a type that is unknown here: its records are passed over.
+      body.skip( body.left() );
+      repeats( flow, *wire );
+      return;
+   }
+   if( !wire->type->isNamed ) {
+      body.fail( "a type with names" );
+      return;
+   }
+   const Name name( nameText );
+   if( name.empty() || !adapter_.owner_.acceptsRoot( exportId, wire->type, &flags ) ) {
+      body.fail( "the root of an export that was asked for" );
+      return;
+   }
+   Scratch scratch;
+   std::vector< const void * > arguments{ &name };
+   Plan & plan = adapter_.plan( *wire->type );
+   if( !readArguments( plan, body, scratch, arguments ) ) {
+      if( !body.failed() ) body.fail( "a root without references that wait" );
+      return;
+   }
+   if( body.left() ) {
+      body.fail( "the end of the record" );
+      return;
+   }
+   if( repeats( flow, *wire ) && flows_[flow.id].sa &&
+       flows_[flow.id].sa->entity()->name() == name ) {
+      flows_[flow.id].sa->flagsAdd( flags );
+      adapter_.owner_.onRoot( exportId, flows_[flow.id].sa->entity() );
+      return;
+   }
+   Entity::Ptr directory = adapter_.owner_.rootDirectory( exportId );
+   if( !directory ) return;
+   Entity::Ptr present = directory->entity( String( nameText ) );
+   if( !present || !isSame( *present, plan, arguments ) ) {
+      Ptr< PtrInterface > made = wire->type->create( arguments.data() );
+      present = Entity::Ptr( static_cast< Entity * >( made.ptr() ) );
+      adapter_.childIs( *directory, present );
+   }
+   if( Sa * sa = adapter_.adaptorIs( *present, flags ) ) bind( flow.id, *sa );
+   adapter_.owner_.onRoot( exportId, present.ptr() );
+}
+
+void
+In::rootWent( Wire::Decoder & body ) {
+   uint32_t exportId;
+   if( !body.u32( exportId ) ) return;
+   uint32_t flags = 0;
+   if( !adapter_.owner_.acceptsRoot( exportId, nullptr, &flags ) ) {
+      body.fail( "an export that was asked for" );
+      return;
+   }
+   adapter_.owner_.onRoot( exportId, nullptr );
+}
+
+/// The peer wants a member from its instantiation on.
+void
+In::sendAgain( Wire::Decoder & body ) {
+   uint32_t id;
+   uint16_t attribute;
+   if( !body.u32( id ) || !body.u16( attribute ) ) return;
+   Out & out = adapter_.out_;
+   Sa * sa = id < out.flows_.size() ? out.flows_[id] : nullptr;
+   const AttributeRow * row = sa && sa->entity_ ? sa->plan_.row( attribute ) : nullptr;
+   if( !row || !row->collection || !row->has( ownsMembers ) ) {
+      body.skip( body.left() ); // it went meanwhile
+      return;
+   }
+   Scratch scratch;
+   const ValueOps & keyOps = *row->keyType->values;
+   void * key = scratch.make( keyOps );
+   if( !keyOps.decode( body, key ) ) return;
+   if( const PtrInterface * found = row->collection->find( sa->entity_, key ) ) {
+      if( Sa * member = adapter_.adaptorOf( *static_cast< const Entity * >( found ) ) ) {
+         member->detach();
+      }
+   }
+   sa->markDirty( *row, key );
+}
+
+/// The peer, which may write, tells its flow for an instance that it has from us.
+void
+In::bindToPeer( Wire::Decoder & body ) {
+   FlowName theirs;
+   uint32_t ours;
+   if( !flowName( body, theirs ) || !body.u32( ours ) ) return;
+   const WireType * wire = wireType( body );
+   if( !wire ) return;
+   Out & out = adapter_.out_;
+   flowIs( theirs, *wire );
+   if( !theirs.id || ours >= out.flows_.size() ) {
+      body.fail( "a flow that was announced" );
+      return;
+   }
+   Sa * sa = out.flows_[ours];
+   if( !sa || !sa->entity_ ) return; // it went meanwhile
+   if( !sa->is( Sa::fromPeer ) ) {
+      body.fail( "an entity that may be written" );
+      return;
+   }
+   if( wire->type == sa->entity_->fwkType() ) bind( theirs.id, *sa );
+}
+
+} // namespace NboAttrLog
+} // namespace Zek

@@ -1,0 +1,101 @@
+// What the parts of the inbound half share. Not for others.
+
+#pragma once
+
+#include "framework/StreamAdapter.h"
+#include "framework/ValueOps.h"
+
+#include <cstddef>
+#include <exception>
+#include <vector>
+
+namespace Zek::NboAttrLog {
+
+/// While it lives, the adaptor knows which change arrived from the log.
+class In::Handles {
+ public:
+   Handles( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
+            const void * value, bool instance )
+      : sa_( &sa ) {
+      before_ = sa.handling_;
+      sa.handling_ = { row.id, key, value, instance };
+   }
+   ~Handles() { sa_->handling_ = before_; }
+   Handles( const Handles & ) = delete;
+   Handles & operator=( const Handles & ) = delete;
+
+ private:
+   Entity::ZekNboAttrLogSa::Ptr sa_;
+   Entity::ZekNboAttrLogSa::Handling before_;
+};
+
+/// Values of any type for the length of one record.
+class In::Scratch {
+ public:
+   Scratch() {} // the memory stays as it is
+   Scratch( const Scratch & ) = delete;
+   Scratch & operator=( const Scratch & ) = delete;
+   ~Scratch() {
+      for( size_t i = count_; i; --i ) ops_[i - 1]->destroy( values_[i - 1] );
+      count_ = 0;
+   }
+   /// The type's zero value.
+   void * make( const ValueOps & ops ) {
+      void * at;
+      size_t aligned = ( used_ + ops.alignment - 1 ) & ~size_t( ops.alignment - 1 );
+      if( aligned + ops.size <= sizeof memory_ && ops.alignment <= alignof( std::max_align_t ) &&
+          count_ < most ) {
+         at = memory_ + aligned;
+         used_ = aligned + ops.size;
+         ops.construct( at );
+         ops_[count_] = &ops;
+         values_[count_++] = at;
+      } else {
+         more_.push_back( AnyKey::zero( ops ) );
+         at = more_.back().get();
+      }
+      return at;
+   }
+   /// A pointer, as attributes and constructors take it.
+   const void * pointer( Entity * target ) {
+      auto * made = static_cast< Entity::Ptr * >( make( valueOps< Entity::Ptr > ) );
+      *made = Entity::Ptr( target );
+      return made;
+   }
+
+ private:
+   static constexpr size_t most = 48;
+   size_t used_ = 0;
+   size_t count_ = 0;
+   alignas( std::max_align_t ) char memory_[1024];
+   const ValueOps * ops_[most];
+   void * values_[most];
+   std::vector< AnyKey > more_;
+};
+
+/// Runs what calls mutators. What they and their notifiees throw is counted and traced, and is
+/// no fault of the stream's.
+template< class Change >
+bool
+In::guarded( Change change ) {
+   try {
+      change();
+      return true;
+   } catch( const std::exception & e ) {
+      lastRefusal_ = e.what();
+   } catch( ... ) {
+      lastRefusal_ = "an exception that is none of the standard library's";
+   }
+   ++refused_;
+   return false;
+}
+
+template< class Change >
+bool
+In::change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
+            const void * value, bool instance, Change change ) {
+   Handles handles( sa, row, key, value, instance );
+   return guarded( change );
+}
+
+} // namespace Zek::NboAttrLog

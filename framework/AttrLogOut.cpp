@@ -1,0 +1,218 @@
+#include "framework/AttrLog.h"
+
+#include "framework/StreamAdapter.h"
+
+#include <cstring>
+#include <utility>
+
+namespace Zek {
+
+using Sa = Entity::ZekNboAttrLogSa;
+
+namespace NboAttrLog {
+
+// -- Out --------------------------------------------------------------------------------------
+
+Out::~Out() = default;
+
+Wire::Encoder
+Out::beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags, uint32_t sequence ) {
+   frame_ = buffer_.size();
+   Wire::Encoder out( buffer_ );
+   uint8_t * at = buffer_.room( FrameHeader::size + 1 );
+   auto put = [&at]( auto number ) {
+      number = Wire::networkOrder( number );
+      std::memcpy( at, &number, sizeof number );
+      at += sizeof number;
+   };
+   put( uint64_t( 0 ) ); // length and checksum: end() knows them
+   put( flow );
+   put( attribute );
+   *at++ = static_cast< uint8_t >( kind );
+   *at++ = flags;
+   put( sequence );
+   *at++ = openToken;
+   buffer_.written( FrameHeader::size + 1 );
+   return out;
+}
+
+/// Before a record takes its number: what the peer wrote is in what follows.
+void
+Out::acknowledgeFirst() {
+   if( adapter_.peerWrites_ ) [[unlikely]] {
+      adapter_.in_.acknowledge();
+   }
+}
+
+Wire::Encoder
+Out::begin( FlowOut & flow, uint16_t attribute, Kind kind ) {
+   acknowledgeFirst();
+   uint8_t flags = std::exchange( flow.restarts_, false ) ? restartsSequence : 0;
+   return beginFrame( flow.id_, attribute, kind, flags, flow.sequence_++ );
+}
+
+void
+Out::end() {
+   *buffer_.room( 1 ) = closeToken;
+   buffer_.written( 1 );
+   uint8_t * frame = buffer_.at( frame_ );
+   auto length = static_cast< uint32_t >( buffer_.size() - frame_ );
+   uint32_t sum = Wire::networkOrder( Wire::checksum( frame + 8, length - 8 ) );
+   length = Wire::networkOrder( length );
+   std::memcpy( frame, &length, sizeof length );
+   std::memcpy( frame + 4, &sum, sizeof sum );
+   ++records_;
+}
+
+Wire::Encoder
+Out::control( uint16_t message ) {
+   acknowledgeFirst();
+   return beginFrame( 0, message, Kind::value, 0, controlSequence_++ );
+}
+
+void
+Out::declare( Plan & plan ) {
+   if( plan.wireType ) return;
+   plan.wireType = ++types_;
+   Wire::Encoder out = control( typeControl );
+   out.u32( plan.wireType );
+   out.text( plan.type.fullName );
+   out.u64( plan.fingerprint );
+   out.u32( static_cast< uint32_t >( plan.attrIdsReqSync.size() ) );
+   for( uint16_t id : plan.attrIdsReqSync ) {
+      out.u16( id );
+      out.u32( Plan::signature( *plan.type.attribute( id ) ) );
+   }
+   controlEnd();
+}
+
+void
+Out::queue( FlowOut & flow ) {
+   if( flow.queued_ ) return;
+   flow.queued_ = true;
+   flow.previous_ = queueTail_;
+   flow.next_ = nullptr;
+   ( queueTail_ ? queueTail_->next_ : queueHead_ ) = &flow;
+   queueTail_ = &flow;
+   ++queued_;
+}
+
+void
+Out::unqueue( FlowOut & flow ) {
+   if( !flow.queued_ ) return;
+   flow.queued_ = false;
+   ( flow.previous_ ? flow.previous_->next_ : queueHead_ ) = flow.next_;
+   ( flow.next_ ? flow.next_->previous_ : queueTail_ ) = flow.previous_;
+   --queued_;
+}
+
+bool
+Out::drain() {
+   while( queueHead_ && hasSufficientBuffer() ) {
+      FlowOut & flow = *queueHead_;
+      unqueue( flow );
+      if( !flow.sa_.serializeDirty() ) queue( flow );
+   }
+   return !queueHead_;
+}
+
+/// On a new connection: the flow of what is still there.
+void
+Out::renumber( FlowOut & flow ) {
+   flow.id_ = static_cast< uint32_t >( flows_.size() );
+   flows_.push_back( &flow.sa_ );
+   flow.sequence_ = flow.firstSequence_;
+   flow.restarts_ = false;
+   flow.freeResyncState();
+}
+
+void
+Out::reset() {
+   buffer_.clear();
+   flows_.assign( 1, nullptr );
+   free_.clear();
+   types_ = 0;
+   controlSequence_ = firstSequence;
+   records_ = 0;
+   barrier_ = false;
+}
+
+// -- References -------------------------------------------------------------------------------
+
+namespace {
+
+enum ReferenceTag : uint8_t { nullReference, flowReference, pathReference };
+
+const Entity *
+asEntity( const PtrInterface * target ) {
+   return dynamic_cast< const Entity * >( target );
+}
+
+} // namespace
+
+bool
+Out::announce( const Entity & entity ) {
+   Sa * sa = adapter_.adaptorOf( entity );
+   if( sa && sa->announced_ ) return true;
+   const Entity * parent = entity.parent();
+   if( !parent || !announce( *parent ) ) return false;
+   Sa * parentSa = adapter_.adaptorOf( *parent );
+   if( !parentSa->is( Sa::sends ) || !parentSa->is( Sa::withMembers ) ) return false;
+   const AttributeRow & row = *parent->fwkType()->attribute( entity.parentAttrId() );
+   withMemberKey( row, &entity, [&]( const void * key ) {
+      const DirtyKeys * keys = parentSa->flow_->dirtyKeys( row.id );
+      auto at = keys ? keys->find( key ) : DirtyKeys::const_iterator();
+      bool removal = keys && at != keys->end() && at->second;
+      if( removal ) parentSa->writeRemoval( row, key );
+      if( keys ) parentSa->flow_->zekKeyDirtyDel( row.id, key );
+      Kind kind = parentSa->dump_ && !removal ? Kind::adopt : Kind::instantiate;
+      parentSa->announceMember( row, const_cast< Entity & >( entity ), kind, false );
+   } );
+   sa = adapter_.adaptorOf( entity );
+   return sa && sa->announced_;
+}
+
+void
+Out::prepareReference( const PtrInterface * target ) {
+   if( !target ) return;
+   if( const Entity * entity = asEntity( target ) ) announce( *entity );
+}
+
+void
+Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
+   const Entity * entity = target ? asEntity( target ) : nullptr;
+   if( entity ) {
+      Sa * sa = adapter_.adaptorOf( *entity );
+      if( sa && sa->announced_ && sa->flow_ ) {
+         out.u8( flowReference );
+         out.u32( sa->flow_->id() );
+         return;
+      }
+      EntityUriPath path( *entity );
+      if( &path.root() == adapter_.root_.ptr() ) {
+         out.u8( pathReference );
+         path.encodeTo( out );
+         return;
+      }
+   }
+   out.u8( nullReference );
+}
+
+/// Behind the key: flow, number of its next record, type, further constructor arguments.
+void
+Out::encodeInstance( Wire::Encoder & out, Sa & sa ) {
+   out.u32( sa.flow_->id() );
+   out.u32( sa.flow_->sequence() );
+   out.u32( sa.plan_.wireType );
+   for( const AttributeRow * row : sa.plan_.parameters ) {
+      const void * value = row->address( sa.entity_ );
+      if( row->stored->encode ) {
+         row->stored->encode( value, out );
+      } else {
+         encodeReference( out, *static_cast< PtrInterface * const * >( value ) );
+      }
+   }
+}
+
+} // namespace NboAttrLog
+} // namespace Zek

@@ -1,0 +1,293 @@
+#include "framework/AttrLog.h"
+
+#include "framework/StreamAdapter.h"
+
+#include <cstring>
+#include <utility>
+
+namespace Zek {
+
+using NboAttrLog::DirtyCollection;
+using NboAttrLog::FlowOut;
+using NboAttrLog::Kind;
+using NboAttrLog::Out;
+using Sa = Entity::ZekNboAttrLogSa;
+
+// -- Serialisers ------------------------------------------------------------------------------
+
+bool
+Sa::serializeIfDirty( uint16_t attrId ) {
+   if( !announced_ || !flow_ ) return true;
+   const AttributeRow * row = plan_.row( attrId );
+   if( row && row->collection ) return serializeCollection( attrId );
+   return !flow_->zekIsDirty( attrId ) || serializeAttribute( attrId );
+}
+
+bool
+Sa::serializeAttribute( uint16_t attrId ) {
+   Out & out = adapter_.out_;
+   const AttributeRow & row = *plan_.row( attrId );
+   const void * value = row.address( entity_ );
+   if( row.stored->encode ) {
+      Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
+      row.stored->encode( value, body );
+   } else {
+      auto * target = *static_cast< PtrInterface * const * >( value );
+      out.prepareReference( target );
+      Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
+      out.encodeReference( body, target );
+   }
+   out.end();
+   flow_->zekIsDirtyIs( attrId, false );
+   if( is( toOwner ) ) wroteToOwner( row, nullptr );
+   return out.hasSufficientBuffer();
+}
+
+/// All plain attributes in one record: number, length and value of each.
+void
+Sa::serializeState() {
+   Out & out = adapter_.out_;
+   for( const AttributeRow * row : plan_.plain ) {
+      if( row->stored->encode ) continue;
+      out.prepareReference( *static_cast< PtrInterface * const * >( row->address( entity_ ) ) );
+   }
+   Wire::Encoder body = out.begin( *flow_, 0, Kind::state );
+   for( const AttributeRow * row : plan_.plain ) {
+      const void * value = row->address( entity_ );
+      body.u16( row->id );
+      body.u32( 0 );
+      size_t start = out.buffer_.size();
+      if( row->stored->encode ) {
+         row->stored->encode( value, body );
+      } else {
+         out.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
+      }
+      uint32_t length = Wire::networkOrder( static_cast< uint32_t >( out.buffer_.size() - start ) );
+      std::memcpy( out.buffer_.at( start - sizeof length ), &length, sizeof length );
+   }
+   out.end();
+   flow_->stateDirty_ = false;
+   flow_->dirty_ = 0;
+}
+
+void
+Sa::writeRemoval( const AttributeRow & row, const void * key ) {
+   Out & out = adapter_.out_;
+   Wire::Encoder body = out.begin( *flow_, row.id, Kind::removal );
+   row.keyType->values->encode( key, body );
+   out.end();
+   if( is( toOwner ) ) wroteToOwner( row, key );
+}
+
+/// Writes what the collection has under the key. `removal`: something else was there.
+void
+Sa::sendMember( const AttributeRow & row, const void * key, bool removal ) {
+   Out & out = adapter_.out_;
+   const PtrInterface * member = row.collection->find( entity_, key );
+   if( !member || removal ) writeRemoval( row, key );
+   if( !member ) return;
+   if( row.has( ownsMembers ) ) {
+      auto & child = const_cast< Entity & >( *static_cast< const Entity * >( member ) );
+      announceMember( row, child, Kind::instantiate, true );
+      return;
+   }
+   if( row.has( refersToMembers ) ) out.prepareReference( member );
+   Wire::Encoder body = out.begin( *flow_, row.id, Kind::value );
+   row.keyType->values->encode( key, body );
+   if( row.has( refersToMembers ) ) {
+      out.encodeReference( body, member );
+   } else if( const void * value =
+                 row.collection->memberValue ? row.collection->memberValue( member ) : nullptr ) {
+      row.type->values->encode( value, body );
+   }
+   out.end();
+   if( is( toOwner ) ) wroteToOwner( row, key );
+}
+
+/// The adaptor of a member of an owning collection, with what is passed on to members; null for
+/// a type without attribute log.
+Sa *
+Sa::memberAdaptor( const AttributeRow &, const PtrInterface * member ) {
+   auto & child = const_cast< Entity & >( *static_cast< const Entity * >( member ) );
+   uint32_t flags = flags_;
+   if( !is( deep ) ) flags &= ~( withContent | withMembers );
+   return adapter_.adaptorIs( child, flags );
+}
+
+void
+Sa::zekInstantiateSerialize( Kind kind ) {
+   Out & out = adapter_.out_;
+   Entity & parent = *entity_->parent();
+   Sa & parentSa = *adapter_.adaptorOf( parent );
+   const AttributeRow & row = *parent.fwkType()->attribute( entity_->parentAttrId() );
+   makeFlow();
+   for( const AttributeRow * parameter : plan_.parameters ) {
+      if( parameter->stored->encode ) continue;
+      out.prepareReference(
+         *static_cast< PtrInterface * const * >( parameter->address( entity_ ) ) );
+   }
+   out.declare( plan_ );
+   Wire::Encoder body = out.begin( *parentSa.flow_, row.id, kind );
+   withMemberKey( row, entity_,
+                  [&]( const void * key ) { row.keyType->values->encode( key, body ); } );
+   out.encodeInstance( body, *this );
+   out.end();
+}
+
+void
+Sa::doSerializeOrphan( uint32_t exportId ) {
+   Out & out = adapter_.out_;
+   makeFlow();
+   for( const AttributeRow * parameter : plan_.parameters ) {
+      if( parameter->stored->encode ) continue;
+      out.prepareReference(
+         *static_cast< PtrInterface * const * >( parameter->address( entity_ ) ) );
+   }
+   out.declare( plan_ );
+   Wire::Encoder body = out.control( NboAttrLog::rootControl );
+   body.u32( exportId );
+   body.text( entity_->fwkType()->fullName );
+   body.text( entity_->name().view() );
+   out.encodeInstance( body, *this );
+   out.controlEnd();
+}
+
+/// Announces a member of an owning collection. With `state`, what it has follows as far as there
+/// is room.
+void
+Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool state ) {
+   Out & out = adapter_.out_;
+   Sa * child = memberAdaptor( row, &member );
+   if( !child ) {
+      // Of a type that cannot be streamed: the instance alone.
+      for( const AttributeRow * p : adapter_.plan( *member.fwkType() ).parameters ) {
+         if( p->stored->encode ) continue;
+         out.prepareReference( *static_cast< PtrInterface * const * >( p->address( &member ) ) );
+      }
+      out.declare( adapter_.plan( *member.fwkType() ) );
+      Wire::Encoder body = out.begin( *flow_, row.id, kind );
+      withMemberKey( row, &member,
+                     [&]( const void * key ) { row.keyType->values->encode( key, body ); } );
+      body.u32( 0 ); // no flow
+      body.u32( 0 );
+      body.u32( adapter_.plan( *member.fwkType() ).wireType );
+      for( const AttributeRow * p : adapter_.plan( *member.fwkType() ).parameters ) {
+         const void * value = p->address( &member );
+         if( p->stored->encode ) {
+            p->stored->encode( value, body );
+         } else {
+            out.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
+         }
+      }
+      out.end();
+      return;
+   }
+   if( child->cameFromPeer_ ) kind = Kind::adopt;
+   bool isNew = !child->announced_;
+   if( !isNew && kind == Kind::instantiate ) return;
+   // Announced first: a reference back to it needs no other announcement.
+   child->zekInstantiateSerialize( isNew ? kind : Kind::adopt );
+   if( !isNew ) return;
+   child->announced_ = true;
+   if( is( toOwner ) ) {
+      withMemberKey( row, &member, [&]( const void * key ) { wroteToOwner( row, key ); } );
+   }
+   if( dump_ && !child->dump_ ) adapter_.joinDump( *child, dump_ );
+   child->flow_->allDirty();
+   if( !state || !out.hasSufficientBuffer() || !child->serializeDirty() ) {
+      out.queue( *child->flow_ );
+   }
+}
+
+bool
+Sa::serializeCollection( uint16_t attrId ) {
+   Out & out = adapter_.out_;
+   FlowOut & flow = *flow_;
+   const AttributeRow & row = *plan_.row( attrId );
+   DirtyCollection * c = flow.collection( attrId );
+   if( !c ) return true;
+   const CollectionOps & ops = *row.collection;
+   if( c->whole || c->resync ) {
+      if( !c->resync ) {
+         c->resync = std::make_unique< DirtyCollection::ResyncState >();
+         c->whole = false;
+         c->keys.clear();
+         out.begin( flow, attrId, Kind::beginWhole );
+         out.end();
+      }
+      const void * bookmark = c->resync->bookmark.get();
+      const PtrInterface * member =
+         bookmark ? ops.after( entity_, bookmark ) : ops.first( entity_ );
+      while( member ) {
+         if( !out.hasSufficientBuffer() ) return false;
+         if( flow.sequence_ >= flow.lastSequence_ ) {
+            flow.resynchronise();
+            return false;
+         }
+         const PtrInterface * next = withMemberKey( row, member, [&]( const void * key ) {
+            // Copied first: writing the member may announce others, but changes no collection.
+            c->resync->bookmark = AnyKey( *row.keyType->values, key );
+            if( row.has( ownsMembers ) ) {
+               auto & child = const_cast< Entity & >( *static_cast< const Entity * >( member ) );
+               announceInWhole( row, child );
+            } else {
+               sendMember( row, key, false );
+            }
+            return ops.after( entity_, key );
+         } );
+         member = next;
+      }
+      out.begin( flow, attrId, Kind::endWhole );
+      out.end();
+      c->resync.reset();
+   }
+   // Announcing one member may announce another and be the end of the marks.
+   while( ( c = flow.collection( attrId ) ) && !c->whole && !c->keys.empty() ) {
+      if( !out.hasSufficientBuffer() ) return false;
+      auto node = c->keys.extract( c->keys.begin() );
+      sendMember( row, node.key().get(), node.mapped() );
+   }
+   if( c && c->whole ) return false;
+   if( c ) flow.collectionDone( *c );
+   return true;
+}
+
+/// A member of an owning collection that is sent as a whole: across connections, the same key,
+/// type and arguments are the same member; on a live stream, what was not announced is new.
+void
+Sa::announceInWhole( const AttributeRow & row, Entity & member ) {
+   Sa * child = adapter_.adaptorOf( member );
+   bool known = child && child->announced_;
+   announceMember( row, member, dump_ || known ? Kind::adopt : Kind::instantiate, true );
+}
+
+bool
+Sa::serializeDirty() {
+   Zek::Ptr< Sa > self( this );
+   Out & out = adapter_.out_;
+   FlowOut & flow = *flow_;
+   if( !entity_->zekIsLogged() ) {
+      // Until it is logged again, which marks everything.
+      flow.dirty_ = 0;
+      flow.stateDirty_ = false;
+      flow.collections_.clear();
+      adapter_.flowDone( *this );
+      return true;
+   }
+   if( flow.sequence_ >= flow.lastSequence_ ) flow.resynchronise();
+   if( flow.stateDirty_ && !plan_.plain.empty() ) serializeState();
+   for( const AttributeRow * row : plan_.plain ) {
+      if( !flow.dirty_ ) break;
+      if( !flow.zekIsDirty( row->id ) ) continue;
+      if( !out.hasSufficientBuffer() ) return false;
+      serializeAttribute( row->id );
+   }
+   while( !flow.collections_.empty() ) {
+      if( !out.hasSufficientBuffer() ) return false;
+      if( !serializeCollection( flow.collections_.front()->row->id ) ) return false;
+   }
+   adapter_.flowDone( *this );
+   return true;
+}
+
+} // namespace Zek
