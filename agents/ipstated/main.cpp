@@ -3,9 +3,8 @@
 // Prints the table of all interfaces, then, if asked, why each would send from which address to a
 // destination, then the addresses of registered source interfaces, then a line for every
 // notification until interrupted. Ends before the last with --once, and where standard output is
-// no terminal unless --follow or --apply is given. With --dump, prints a part of the tree instead;
-// with
-// --types, the types that it is made of.
+// no terminal unless --follow, --apply or --serve is given. With --dump, prints a part of the tree
+// instead; with --types, the types that it is made of.
 
 #include "agents/ipstated/Apply.h"
 #include "agents/ipstated/Dump.h"
@@ -14,6 +13,7 @@
 #include "agents/ipstated/Mirror.h"
 #include "agents/ipstated/Observers.h"
 #include "agents/ipstated/Reflect.h"
+#include "agents/ipstated/Serve.h"
 #include "agents/ipstated/Sources.h"
 #include "agents/ipstated/Table.h"
 #include "agents/ipstated/Watch.h"
@@ -179,6 +179,8 @@ struct Options {
    bool json = false;
    std::vector< std::string > sourceIntfs;
    std::optional< Velon::Ip6Addr > explained; ///< destination
+   std::string served;                        ///< path of a socket, or empty
+   std::string servedGroup;
    NetlinkSource::Options source;
    KernelFeed::Options feed;
 };
@@ -207,6 +209,7 @@ run( const Options & options ) {
    }
    std::unique_ptr< Watch > watch;
    std::unique_ptr< Sources > sources;
+   std::unique_ptr< Kelmo::Server > server;
    bool shown = false;
    std::exception_ptr fault; // of what is called by the feed, which nothing must be thrown through
    mirror.onFullDump = [&] {
@@ -240,21 +243,30 @@ run( const Options & options ) {
       for( const std::string & name : options.sourceIntfs ) {
          sources->sourceIntfIs( Velon::IntfId( name ) );
       }
-      if( !options.follow && !options.apply ) {
+      if( !options.follow && !options.apply && options.served.empty() ) {
          output.close();
       }
    };
    feed.start( Clock::now() );
    while( output.open() ) {
+      if( shown && !server && !options.served.empty() ) {
+         // Not before: who mounts finds the whole.
+         server = serveTree( mirror.root(), options.served, options.servedGroup );
+      }
+      if( server ) {
+         server->flush();
+      }
       // Errors and hang-ups are told unasked: a reader who goes while there is nothing to say.
+      const bool isForReaders = options.follow || !options.sourceIntfs.empty() || !server;
       pollfd waits[] = { { feed.fd(), POLLIN, 0 },
                          { signals.fd(), POLLIN, 0 },
-                         { STDOUT_FILENO, 0, 0 } };
+                         { isForReaders ? STDOUT_FILENO : -1, 0, 0 },
+                         { server ? server->fd() : -1, POLLIN, 0 } };
       auto deadline = feed.deadline();
       if( const auto other = apply ? apply->deadline() : std::nullopt ) {
          deadline = std::min( deadline.value_or( *other ), *other );
       }
-      if( poll( waits, 3, timeoutUntil( deadline ) ) < 0 && errno != EINTR ) {
+      if( poll( waits, std::size( waits ), timeoutUntil( deadline ) ) < 0 && errno != EINTR ) {
          throw std::system_error( errno, std::generic_category(), "poll" );
       }
       if( waits[1].revents || waits[2].revents ) {
@@ -262,6 +274,9 @@ run( const Options & options ) {
       }
       if( waits[0].revents ) {
          feed.onReadable( Clock::now() );
+      }
+      if( waits[3].revents ) {
+         server->onReadable();
       }
       Clock::time_point now = Clock::now();
       if( feed.deadline() && *feed.deadline() <= now ) {
@@ -321,6 +336,14 @@ main( int argc, char ** argv ) {
    app.add_flag( "--apply", options.apply,
                  "Install the addresses of the records ip/config and ip6/config, and go on" )
       ->excludes( "--once" );
+   auto serve = app.add_option( "--serve", options.served,
+                                "Let other processes mount the records at this socket, and go on" )
+                   ->excludes( "--once" )
+                   ->type_name( "SOCKET" );
+   app.add_option( "--allow-group", options.servedGroup,
+                   "Let members of this group connect too, not only root and the agent's user" )
+      ->needs( serve )
+      ->type_name( "NAME" );
    app.add_option( "--source-intf", options.sourceIntfs,
                    "Show the address of packets from this interface, and each change of it; "
                    "repeatable,\nthe interface may be absent" )
@@ -342,7 +365,7 @@ main( int argc, char ** argv ) {
       ->needs( dump )
       ->type_name( "" );
    for( const char * other :
-        { "--once", "--follow", "--apply", "--source-intf", "--explain-source" } ) {
+        { "--once", "--follow", "--apply", "--serve", "--source-intf", "--explain-source" } ) {
       types->excludes( other );
       dump->excludes( other );
    }

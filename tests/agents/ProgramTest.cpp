@@ -1,6 +1,7 @@
 // The program as its users meet it: options, output, ends; and the addresses of source interfaces
 // while they are changed with ordinary tools.
 
+#include "tests/agents/Program.h"
 #include "agents/ipstated/Mirror.h"
 #include "agents/ipstated/Netlink.h"
 #include "tests/agents/Namespace.h"
@@ -19,132 +20,10 @@
 #include <memory>
 #include <net/if.h>
 #include <optional>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 namespace Ipstated::Scripted {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-using Lines = std::vector< std::string >;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
-
-constexpr auto patience = seconds( 20 );
-
-/// ipstated under way, its output in pipes.
-class Program {
- public:
-   explicit Program( const std::string & options, const std::string & redirection = "" ) {
-      int outputs[2], errors[2];
-      EXPECT_EQ( pipe2( outputs, O_CLOEXEC ), 0 );
-      EXPECT_EQ( pipe2( errors, O_CLOEXEC ), 0 );
-      const std::string command =
-         "exec " IPSTATE_BINARY_DIR "/ipstated " + options + " " + redirection;
-      posix_spawn_file_actions_t actions;
-      posix_spawn_file_actions_init( &actions );
-      posix_spawn_file_actions_adddup2( &actions, outputs[1], STDOUT_FILENO );
-      posix_spawn_file_actions_adddup2( &actions, errors[1], STDERR_FILENO );
-      const char * const words[] = { "sh", "-c", command.c_str(), nullptr };
-      EXPECT_EQ( posix_spawn( &pid_, "/bin/sh", &actions, nullptr,
-                              const_cast< char * const * >( words ), environ ),
-                 0 );
-      posix_spawn_file_actions_destroy( &actions );
-      close( outputs[1] );
-      close( errors[1] );
-      output_ = outputs[0];
-      errors_ = errors[0];
-   }
-
-   ~Program() {
-      if( pid_ > 0 ) {
-         kill( pid_, SIGKILL );
-         waitpid( pid_, nullptr, 0 );
-      }
-      stopReading();
-      close( errors_ );
-   }
-
-   /// The next line of output, or none when it ends or says nothing for long.
-   std::optional< std::string > line() {
-      size_t at;
-      while( ( at = text_.find( '\n' ) ) == std::string::npos ) {
-         if( !more( output_, text_, Clock::now() + patience ) ) {
-            return {};
-         }
-      }
-      std::string line = text_.substr( 0, at );
-      text_.erase( 0, at + 1 );
-      return line;
-   }
-
-   /// The next `count` lines that tell of sources, in alphabetical order: which registry comes
-   /// first is nobody's business.
-   Lines sources( size_t count ) {
-      Lines lines;
-      while( lines.size() < count ) {
-         const auto next = line();
-         if( !next ) {
-            break;
-         }
-         if( next->rfind( "source  ", 0 ) == 0 ) {
-            lines.push_back( *next );
-         }
-      }
-      std::sort( lines.begin(), lines.end() );
-      return lines;
-   }
-
-   std::string allOutput() { return rest( output_ ); }
-   std::string allErrors() { return rest( errors_ ); }
-
-   void stopReading() {
-      if( output_ >= 0 ) {
-         close( std::exchange( output_, -1 ) );
-      }
-   }
-
-   void smallPipe() { EXPECT_GE( fcntl( output_, F_SETPIPE_SZ, 4096 ), 4096 ); }
-   void signal( int number ) { kill( pid_, number ); }
-
-   /// The status it ends with by itself: below 0 for a signal, and none when it does not end.
-   std::optional< int > status() {
-      for( auto end = Clock::now() + patience; Clock::now() < end; ) {
-         int status;
-         if( waitpid( pid_, &status, WNOHANG ) == pid_ ) {
-            pid_ = -1;
-            return WIFEXITED( status ) ? WEXITSTATUS( status ) : -WTERMSIG( status );
-         }
-         usleep( 5000 );
-      }
-      return {};
-   }
-
- private:
-   static bool more( int fd, std::string & text, Clock::time_point end ) {
-      pollfd wait{ fd, POLLIN, 0 };
-      const auto left = std::chrono::ceil< milliseconds >( end - Clock::now() ).count();
-      char part[4096];
-      const ssize_t length =
-         left > 0 && poll( &wait, 1, int( left ) ) > 0 ? read( fd, part, sizeof part ) : 0;
-      text.append( part, size_t( std::max< ssize_t >( length, 0 ) ) );
-      return length > 0;
-   }
-
-   static std::string rest( int fd ) {
-      std::string text;
-      while( more( fd, text, Clock::now() + patience ) ) {}
-      return text;
-   }
-
-   pid_t pid_ = -1;
-   int output_ = -1;
-   int errors_ = -1;
-   std::string text_;
-};
 
 TEST( ProgramTest, PrintsTheTableAndEndsWhereNobodyLooks ) {
    for( const char * options : { "", "--once" } ) {

@@ -80,6 +80,11 @@ INSTANTIATE_TEST_SUITE_P( All, Example, ::testing::Values( "follow-address", "by
                              return name;
                           } );
 
+TEST( Documents, TheServerAndItsClientRunUnderAnEventLibrary ) {
+   EXPECT_EQ( outputOf( "'" + ( binaryDir / "examples/watch-libevent" ).string() + "'" ),
+              "synchronised\nEthernet1 1000\nEthernet1 2000\nEthernet1 3000\n" );
+}
+
 TEST( Documents, LinksLeadSomewhere ) {
    std::string dead;
    for( const std::string & path : documents() ) {

@@ -1,0 +1,119 @@
+// The agent's records in other processes: what a routing agent mounts, and how it follows the
+// kernel.
+
+#include "Ip/Ip.h"
+#include "Ip6/Ip6.h"
+#include "Ira/IpStatusMounter.h"
+#include "platform/Kelmo/SocketMountGroup.h"
+#include "tests/agents/Namespace.h"
+#include "tests/agents/Program.h"
+
+#include <filesystem>
+
+namespace Ipstated::Scripted {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ServeTest : public NamespaceTest {
+ protected:
+   void SetUp() override {
+      char name[] = "/tmp/ipstate-XXXXXX";
+      directory_ = mkdtemp( name );
+      socket = directory_ + "/socket";
+      NamespaceTest::SetUp();
+   }
+   void TearDown() override {
+      fs::remove_all( directory_ );
+      NamespaceTest::TearDown();
+   }
+   std::string socket;
+
+ private:
+   std::string directory_;
+};
+
+/// Whether the program says that line before long.
+testing::AssertionResult
+says( Program & program, const std::string & wanted ) {
+   std::string said;
+   while( const auto line = program.line() ) {
+      if( *line == wanted ) return testing::AssertionSuccess();
+      said += *line + "\n";
+   }
+   return testing::AssertionFailure() << "not '" << wanted << "' but\n" << said;
+}
+
+TEST_F( ServeTest, ARoutingAgentFollowsTheKernel ) {
+   ip( { "addr add 10.0.0.1/24 dev v0" } );
+   auto ipstated = std::make_unique< Program >( "--serve " + socket );
+   Program agent( socket + " v0", "", "examples/routing-agent" );
+   EXPECT_TRUE( says( agent, "synchronised" ) );
+   EXPECT_TRUE( says( agent, "IPv4 v0 has 10.0.0.1/24" ) );
+   EXPECT_TRUE( says( agent, "IPv4 source of v0 is 10.0.0.1" ) );
+   ip( { "addr add 10.0.0.2/24 dev v0" } );
+   EXPECT_TRUE( says( agent, "IPv4 v0 has 10.0.0.2/24" ) );
+   ip( { "addr add fe80::7/64 dev v1 nodad" } );
+   EXPECT_TRUE( says( agent, "IPv6 v1 has fe80::7/64" ) );
+
+   ipstated->signal( SIGTERM );
+   EXPECT_EQ( ipstated->status(), 0 );
+   EXPECT_EQ( ipstated->allErrors(), "" );
+   EXPECT_FALSE( fs::exists( socket ) );
+   ip( { "addr del 10.0.0.1/24 dev v0", "addr add 10.0.9.1/24 dev v0" } );
+   ipstated = std::make_unique< Program >( "--serve " + socket );
+   EXPECT_TRUE( says( agent, "IPv4 source of v0 is 10.0.9.1" ) );
+   EXPECT_TRUE( says( agent, "synchronised" ) );
+}
+
+TEST_F( ServeTest, HasAllThatTheMounterAsksFor ) {
+   Program ipstated( "--serve " + socket );
+   struct Owner final : Kelmo::MountGroupOwner {
+      void onRefused( const Kelmo::Mount & mount, const std::string & reason ) override {
+         refused += mount.path().toString() + ": " + reason + "\n";
+      }
+      std::string refused;
+   } owner;
+   auto root = Zek::dirFactory();
+   auto group = Zek::allocate< Kelmo::SocketMountGroup >( root, socket, owner );
+   Ira::IraIpStatusMounter::doMountEntities( group, true, true );
+   const auto end = Clock::now() + patience;
+   while( !group->isSynchronised() && Clock::now() < end ) {
+      group->timePassed( Clock::now() );
+      group->flush();
+      pollfd wait{ group->fd(), POLLIN, 0 };
+      if( poll( &wait, 1, 20 ) > 0 ) group->onReadable();
+   }
+   EXPECT_TRUE( group->isSynchronised() ) << group->fault();
+   EXPECT_EQ( owner.refused, "" );
+   std::string types;
+   for( const char * path : { "l3/intf/input/status/system", "cell/1/l3/intf/input/status-1",
+                              "ip/input/status", "cell/1/ip/input/status-1", "ip/status",
+                              "ip6/input/status", "cell/1/ip6/input/status-1", "ip6/status" } ) {
+      const auto entity = root->entityAt( path );
+      types += std::string( entity ? entity->fwkType()->fullName : "none" ) + "\n";
+   }
+   EXPECT_EQ( types, "L3::Intf::Input::StatusDir\nL3::Intf::Input::StatusDir\n"
+                     "Zek::Dir\nIp::Input::Status\nIp::Status\n"
+                     "Zek::Dir\nIp6::Input::Status\nIp6::Status\n" );
+   auto status = dynamic_cast< Ip::Status * >( root->entityAt( "ip/status" ).ptr() );
+   auto input =
+      dynamic_cast< Ip::Input::Status * >( root->entityAt( "cell/1/ip/input/status-1" ).ptr() );
+   const Velon::IntfId v0( "v0" );
+   EXPECT_EQ( status->ipIntfStatus( v0 ), input->ipIntfStatus( v0 ) );
+   EXPECT_TRUE( input->ipIntfStatus( v0 )->l3Status() );
+}
+
+TEST( ProgramTest, SaysWhyItCannotServe ) {
+   Program group( "--serve /tmp/x --allow-group 'no\tgroup'", ">/dev/null" );
+   EXPECT_EQ( group.status(), 1 );
+   EXPECT_EQ( group.allErrors(), "ipstated: 'no\\x09group' is no group of this system\n" );
+   Program directory( "--serve /tmp", ">/dev/null" );
+   EXPECT_EQ( directory.status(), 1 );
+   EXPECT_EQ( directory.allErrors(),
+              "ipstated: cannot listen at '/tmp': it is no socket; expected one that nobody "
+              "answers on, or nothing: Address already in use\n" );
+}
+
+} // namespace
+} // namespace Ipstated::Scripted
