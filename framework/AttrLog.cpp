@@ -151,9 +151,9 @@ Sa::allDirtyIs() {
 }
 
 bool
-Sa::convertedToWritable( uint16_t attrId, const void * key ) const {
-   static_cast< void >( key );
-   return !is( readOnly ) || handling_.attrId == attrId;
+Sa::convertedToWritable() {
+   if( is( toOwner ) ) flags_ &= ~readOnly;
+   return !is( readOnly );
 }
 
 void
@@ -209,7 +209,7 @@ Sa::markDirty( const AttributeRow & row, const void * key, bool removal ) {
 bool
 Sa::mayGoOut( const AttributeRow & row, const void * key ) {
    if( !entity_->zekIsLogged() || arrivedFromLog( row, key ) ) return false;
-   if( is( readOnly ) ) doThrowReadOnly( row.name );
+   if( is( readOnly ) && !convertedToWritable() ) doThrowReadOnly( row.name );
    if( !is( sends ) || !covers( row ) ) return false;
    Out & out = adapter_.out_;
    out.clearBarrier();

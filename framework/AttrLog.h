@@ -255,9 +255,9 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
 
    /// True while a record of this attribute is being applied to the entity.
    bool handlingFlowInFor( uint16_t attrId ) const { return handling_.attrId == attrId; }
-   /// Makes a read-only entity writable where that is possible: while a record is applied to it.
-   /// A change of any other attribute meanwhile did not arrive from the log.
-   bool convertedToWritable( uint16_t attrId, const void * key ) const;
+   /// Makes a read-only entity writable where that is possible: where another mount of the same
+   /// entity is writable. False when it stays read-only.
+   bool convertedToWritable();
    /// The error of a local change of a read-only entity.
    [[noreturn]] void doThrowReadOnly( const char * attribute ) const;
 

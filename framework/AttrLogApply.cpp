@@ -416,7 +416,12 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
    mention( sa, row, key );
    const PtrInterface * found = row.collection->find( sa.entity_, key );
    auto * member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
-   if( repeats( flow, *wire ) && member && flows_[id].sa->entity() == member ) return true;
+   if( repeats( flow, *wire ) && member && flows_[id].sa->entity() == member ) {
+      // Perhaps by another mount, which may do more.
+      Sa * known = sa.memberAdaptor( row, member );
+      if( known->is( Sa::toOwner ) ) known->boundToOwner();
+      return true;
+   }
    flowIs( flow, *wire );
    if( sa.is( Sa::toOwner ) && sa.awaitsOwner( row, key ) ) {
       // Ours counts: gone, or another instance that the owner will take or refuse.

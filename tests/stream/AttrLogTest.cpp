@@ -244,6 +244,15 @@ TEST( AttrLog, crossingWritesAgree ) {
    EXPECT_EQ( world.intf->secondaryWithMask( a1 ), world.replica()->secondaryWithMask( a1 ) );
 }
 
+TEST( AttrLog, aWritableMountOfThePartMakesThePartWritable ) {
+   OneInterface world;
+   world.mount( "ip", "Zek::Dir", "w" );
+   world.settle();
+   world.replica()->addrWithMaskIs( a1 );
+   world.settle();
+   EXPECT_EQ( world.intf->addrWithMask(), a1 );
+}
+
 TEST( AttrLog, anAdaptorIsOneAndFollowsTheSwitches ) {
    OneInterface world;
    auto * sa = world.sa();
