@@ -217,15 +217,23 @@ Server::accept() {
          admit( std::move( socket ) );
          continue;
       }
-      if( ( errno == EMFILE || errno == ENFILE ) && spare_ ) {
-         // Left alone, the one who waits would keep the loop turning.
-         spare_ = Descriptor();
-         Descriptor( accept4( listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC ) );
-         spare_ = openSpare();
-         fault( "a client is turned away: no more file descriptors" );
-      }
-      if( errno != EINTR && errno != ECONNABORTED ) return;
+      if( errno == EINTR || errno == ECONNABORTED ) continue;
+      if( ( errno != EMFILE && errno != ENFILE ) || !turnAway() ) return;
    }
+}
+
+/// Without a descriptor for the one who waits: left alone, it would keep the loop turning.
+bool
+Server::turnAway() {
+   spare_ = Descriptor();
+   bool any;
+   {
+      const Descriptor socket( accept4( listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC ) );
+      any = bool( socket );
+   }
+   spare_ = openSpare();
+   if( any ) fault( "a client is turned away: no more file descriptors" );
+   return any;
 }
 
 void

@@ -79,6 +79,7 @@ class IPSTATE_EXPORT Server {
    void listen();
    void removeStale();
    void accept();
+   bool turnAway();
    void admit( Descriptor socket );
    void fault( const std::string & text );
 

@@ -91,13 +91,13 @@ struct Link : Kelmo::SessionOwner {
 
 struct World {
    explicit World( uint64_t seed ) : random( seed ) {
-      uint32_t trees = 2 + random.below( 3 );
-      for( uint32_t i = 0; i < trees; ++i ) this->trees.push_back( dirFactory() );
-      this->trees[0]->dirIs( "all" );
-      for( uint32_t i = 1; i < trees; ++i ) {
+      uint32_t count = 2 + random.below( 3 );
+      for( uint32_t i = 0; i < count; ++i ) trees.push_back( dirFactory() );
+      trees[0]->dirIs( "all" );
+      for( uint32_t i = 1; i < count; ++i ) {
          // Chains and stars.
          uint32_t from = random.oneIn( 2 ) ? i - 1 : 0;
-         links.push_back( std::make_unique< Link >( this->trees[from], this->trees[i] ) );
+         links.push_back( std::make_unique< Link >( trees[from], trees[i] ) );
          Link & link = *links.back();
          link.client.mount( Kelmo::Mount( "all", "Zek::Dir", "r", Kelmo::MountFilter( false ) ) );
          if( random.oneIn( 2 ) ) {

@@ -16,6 +16,7 @@
 #include <functional>
 #include <grp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -405,6 +406,23 @@ TEST_F( Sockets, TurnAwayOneTooMany ) {
    EXPECT_EQ( read( raw.fd(), &byte, 1 ), 0 );
    EXPECT_EQ( server->clients(), 1u );
    EXPECT_EQ( server->faults(), 1u );
+}
+
+TEST_F( Sockets, TurnAwayForWantOfDescriptors ) {
+   serve();
+   const Kelmo::Descriptor first( connectRaw( path ) ), second( connectRaw( path ) );
+   rlimit before;
+   ASSERT_EQ( getrlimit( RLIMIT_NOFILE, &before ), 0 );
+   rlimit none = before;
+   none.rlim_cur = static_cast< rlim_t >( Kelmo::Descriptor( dup( first.fd() ) ).fd() );
+   ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &none ), 0 );
+   settle(); // ends: nobody is left waiting
+   setrlimit( RLIMIT_NOFILE, &before );
+   EXPECT_EQ( server->faults(), 2u );
+   EXPECT_EQ( server->lastFault(), "a client is turned away: no more file descriptors" );
+   const Kelmo::Descriptor third( connectRaw( path ) );
+   settle();
+   EXPECT_EQ( server->clients(), 1u );
 }
 
 } // namespace
