@@ -6,12 +6,15 @@
 
 #include <cstdio>
 #include <grp.h>
+#include <utility>
 
 namespace Ipstated {
 
 std::unique_ptr< Kelmo::Server >
-serveTree( const Zek::Entity::Ptr & root, const std::string & path, const std::string & group ) {
+serveTree( const Zek::Entity::Ptr & root, const std::string & path, const std::string & group,
+           std::vector< std::string > writable ) {
    Kelmo::ServerOptions options;
+   options.writable = std::move( writable );
    if( !group.empty() ) {
       const ::group * found = getgrnam( group.c_str() );
       if( !found ) {

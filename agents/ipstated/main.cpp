@@ -251,7 +251,9 @@ run( const Options & options ) {
    while( output.open() ) {
       if( shown && !server && !options.served.empty() ) {
          // Not before: who mounts finds the whole.
-         server = serveTree( mirror.root(), options.served, options.servedGroup );
+         std::vector< std::string > writable;
+         if( options.apply ) writable = { "ip/config", "ip6/config" };
+         server = serveTree( mirror.root(), options.served, options.servedGroup, writable );
       }
       if( server ) {
          server->flush();

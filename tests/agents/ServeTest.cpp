@@ -104,6 +104,24 @@ TEST_F( ServeTest, HasAllThatTheMounterAsksFor ) {
    EXPECT_TRUE( input->ipIntfStatus( v0 )->l3Status() );
 }
 
+TEST_F( ServeTest, ConfigurationOfAnotherProcessReachesTheKernel ) {
+   Program ipstated( "--apply --serve " + socket );
+   auto configure = [&]( const std::string & what ) {
+      Program program( socket + " " + what, "2>&1", "examples/configure-address" );
+      return program.allOutput();
+   };
+   EXPECT_EQ( configure( "v0 10.0.0.1/24" ), "v0 has 10.0.0.1/24\n" );
+   EXPECT_EQ( configure( "v0 2001:db8::1/64" ), "v0 has 2001:db8::1/64\n" );
+   EXPECT_EQ( configure( "v0 10.0.9.1/24" ), "v0 has 10.0.9.1/24\n" );
+   EXPECT_NE( configure( "none7 10.0.0.1/24" ).find( "none7: " ), std::string::npos );
+   EXPECT_EQ( configure( "v0 none" ), "v0 has none\n" );
+   Program readers( "--serve " + socket + ".2" );
+   EXPECT_NE( Program( socket + ".2 v0 10.0.0.1/24", "2>&1", "examples/configure-address" )
+                 .allOutput()
+                 .find( "cannot mount ip/config" ),
+              std::string::npos );
+}
+
 TEST( ProgramTest, SaysWhyItCannotServe ) {
    Program group( "--serve /tmp/x --allow-group 'no\tgroup'", ">/dev/null" );
    EXPECT_EQ( group.status(), 1 );

@@ -1,0 +1,109 @@
+// Configures the address of an interface through a running ipstated, and waits until the kernel has
+// it:
+//
+//    ipstated --apply --serve /run/ipstated.socket &
+//    configure-address /run/ipstated.socket eth0 10.0.0.1/24
+//    configure-address /run/ipstated.socket eth0 none
+
+#include "Ip/Ip.h"
+#include "Ip6/Ip6.h"
+#include "Ira/IpStatusMounter.h"
+#include "platform/Kelmo/SocketMountGroup.h"
+
+#include <algorithm>
+#include <iostream>
+#include <poll.h>
+
+using Clock = Kelmo::SocketMountGroup::Clock;
+
+struct Configuration final : Kelmo::MountGroupOwner {
+   /// Says it in the configuration records; "none" takes the interface out of them.
+   void onSynchronised() override {
+      const auto config = get< Ip::Config >( "ip/config" );
+      const auto config6 = get< Ip6::Config >( "ip6/config" );
+      if( !fault.empty() || !config || !config6 ) return;
+      if( !wanted ) {
+         config->ipIntfConfigDel( intf );
+         config6->intfDel( intf );
+      } else if( wanted.af() == Velon::AddressFamily::ipv4 ) {
+         config->ipIntfConfigIs( intf )->addrWithMaskIs( wanted.v4AddrWithMask() );
+      } else {
+         config6->intfIs( intf )->addrIs( Ip6::AddressInfo( wanted.v6AddrWithMask() ) );
+      }
+   }
+   void onRefused( const Kelmo::Mount & mount, const std::string & reason ) override {
+      fault = "cannot mount " + mount.path().toString() + ": " + reason;
+   }
+   // It connects again by itself.
+   void onLost( const std::string & reason ) override { lost = reason; }
+
+   /// Whether the kernel's state, as ipstated tells it, is what was asked for.
+   bool agrees() {
+      if( const auto errors = get< Ip::IpConfigError >( "ip/configError" ) ) {
+         const auto error = errors->ipIntfConfigError( intf );
+         if( !error.empty() ) fault = error.toString();
+      }
+      const auto status = get< Ip::Status >( "ip/status" );
+      const auto status6 = get< Ip6::Status >( "ip6/status" );
+      if( !status || !status6 ) return false;
+      const auto has4 = status->ipIntfStatus( intf );
+      const auto has6 = status6->intf( intf );
+      if( !wanted ) return !has4 || !has4->activeAddrWithMask();
+      if( wanted.af() == Velon::AddressFamily::ipv4 ) {
+         return has4 && ( has4->activeAddrWithMask() == wanted.v4AddrWithMask() ||
+                          has4->activeSecondaryWithMaskHas( wanted.v4AddrWithMask() ) );
+      }
+      return has6 && has6->addrHas( wanted.v6AddrWithMask() );
+   }
+   template< class T >
+   Zek::Ptr< T > get( const char * path ) {
+      return Zek::ptrCast< T >( root->entityAt( path ) );
+   }
+
+   Velon::IntfId intf;
+   Velon::IpGenAddrWithMask wanted; // empty: none
+   std::string fault;
+   std::string lost = "no answer from the kernel";
+   Zek::Dir::Ptr root = Zek::dirFactory();
+};
+
+int
+main( int argc, char ** argv ) {
+   if( argc != 4 ) {
+      std::cerr << "usage: configure-address SOCKET INTERFACE ADDRESS/LENGTH|none\n";
+      return 2;
+   }
+   Configuration configuration;
+   configuration.intf = Velon::IntfId( argv[2] );
+   if( std::string_view( argv[3] ) != "none" ) {
+      try {
+         configuration.wanted = Velon::IpGenAddrWithMask( argv[3] );
+      } catch( const Zek::RangeException & e ) {
+         std::cerr << e.what() << "\n";
+         return 2;
+      }
+   }
+   auto group =
+      Zek::allocate< Kelmo::SocketMountGroup >( configuration.root, argv[1], configuration );
+   const auto mount = [&]( const char * path, const char * type, const char * mode ) {
+      group->doMount( Kelmo::Mount( path, type, mode, Kelmo::MountFilter( false ) ) );
+   };
+   Ira::IraIpStatusMounter::doMountEntities( group, true, true );
+   mount( "ip/configError", "Ip::IpConfigError", "r" );
+   mount( "ip/config", "Ip::Config", "w" );
+   mount( "ip6/config", "Ip6::Config", "w" );
+   const auto end = Clock::now() + std::chrono::seconds( 10 );
+   while( Clock::now() < end && configuration.fault.empty() ) {
+      group->timePassed( Clock::now() );
+      group->flush();
+      if( group->isSynchronised() && configuration.agrees() ) {
+         std::cout << argv[2] << " has " << argv[3] << std::endl;
+         return 0;
+      }
+      pollfd wait{ group->fd(), POLLIN, 0 };
+      if( poll( &wait, 1, 100 ) > 0 ) group->onReadable();
+   }
+   std::cerr << argv[2] << ": "
+             << ( configuration.fault.empty() ? configuration.lost : configuration.fault ) << "\n";
+   return 1;
+}
