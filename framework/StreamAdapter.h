@@ -195,6 +195,7 @@ class IPSTATE_EXPORT StreamAdapter {
    NboAttrLog::Out & nboAttrLogOut() { return out_; }
    const NboAttrLog::Out & nboAttrLogOut() const { return out_; }
    NboAttrLog::In & nboAttrLogIn() { return in_; }
+   const NboAttrLog::In & nboAttrLogIn() const { return in_; }
    Entity & root() const { return *root_; }
    StreamOwner & owner() const { return owner_; }
 

@@ -61,6 +61,8 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    bool isSynchronised() const { return synchronised_; }
    /// Nothing is to be sent, and nothing waits for what it refers to.
    bool isAtRest() const;
+   /// Records received on this connection.
+   uint64_t received() const { return adapter_.nboAttrLogIn().records(); }
    Zek::StreamAdapter & adapter() { return adapter_; }
 
  private:
