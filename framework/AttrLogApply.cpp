@@ -1,5 +1,7 @@
 #include "framework/AttrLogIn.h"
 
+#include "framework/Generic.h"
+
 #include <algorithm>
 
 namespace Zek {
@@ -446,9 +448,11 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
    if( !member ) {
       Entity::Ptr entity( sa.entity_ );
       if( inDirectory ) {
-         Ptr< PtrInterface > made;
-         if( guarded( [&] { made = wire->type->create( arguments.data() ); } ) ) {
-            adapter_.childIs( *entity, Entity::Ptr( static_cast< Entity * >( made.ptr() ) ) );
+         Entity::Ptr made;
+         if( guarded( [&] {
+                made = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
+             } ) ) {
+            adapter_.childIs( *entity, made );
          }
       } else {
          change( sa, row, key, key, true,

@@ -1,5 +1,7 @@
 #include "framework/AttrLogIn.h"
 
+#include "framework/Generic.h"
+
 #include <algorithm>
 
 namespace Zek {
@@ -333,8 +335,7 @@ In::rootCame( Wire::Decoder & body ) {
    if( !directory ) return;
    Entity::Ptr present = directory->entity( String( nameText ) );
    if( !present || !isSame( *present, plan, arguments ) ) {
-      Ptr< PtrInterface > made = wire->type->create( arguments.data() );
-      present = Entity::Ptr( static_cast< Entity * >( made.ptr() ) );
+      present = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
       adapter_.childIs( *directory, present );
    }
    if( Sa * sa = adapter_.adaptorIs( *present, flags ) ) bind( flow.id, *sa );

@@ -18,6 +18,12 @@ struct EnumType {
    static E instance( std::string_view name ) {
       return static_cast< E >( enumeratorValue( TypeOf< E >::descriptor, name ) );
    }
+   /// Reads an enumerator's name, the whole of `text`; RangeException when it is none.
+   static E fromText( std::string_view text ) {
+      E value{};
+      if( !readField( text, value ) ) throwNotRead( TypeOf< E >::descriptor, text );
+      return value;
+   }
    /// Its name; for a number that is no enumerator, the number.
    static String stringValue( E value ) {
       std::string text;

@@ -684,7 +684,14 @@ GenericIf::newEntityForAttrLog( Arguments arguments ) const {
    if( !type_.isEntity() || !type_.hasAttrLog ) {
       throwRejected( std::string( "objects of type " ) + type_.fullName + " are not logged" );
    }
-   return genericIfFromCtorArgs( arguments ).as< Ptr< Entity > >();
+   checkArguments( type_.fullName, type_.constructorParameters, arguments );
+   return newEntityForAttrLogUnchecked( addresses( arguments ).data() );
+}
+
+Ptr< Entity >
+GenericIf::newEntityForAttrLogUnchecked( const void * const * arguments ) const {
+   const Ptr< PtrInterface > made = type_.create( arguments );
+   return static_cast< Entity * >( made.ptr() );
 }
 
 Ptr< Entity >

@@ -207,8 +207,10 @@ class IPSTATE_EXPORT GenericIf {
    /// A fresh entity of this type as a stream announces it, in no collection yet. RejectedException
    /// for types that are not logged.
    Ptr< Entity > newEntityForAttrLog( Arguments arguments ) const;
+   /// The same of arguments that are known to fit, by address: one per constructor parameter.
+   Ptr< Entity > newEntityForAttrLogUnchecked( const void * const * arguments ) const;
    /// The same in collection `id` of `parent`, which makes it, or has it already; announced like
-   /// any member. `id` may be the `entity` directory.
+   /// any member. In the `entity` directory it takes the place of what has its name.
    Ptr< Entity > newEntityForAttrLog( Entity & parent, uint16_t id, Arguments arguments ) const;
 
    /// What the rules of `parameters` are about arguments: throws naming `what` otherwise.

@@ -70,6 +70,16 @@ TypeDescriptor::attribute( uint16_t id ) const {
    return nullptr;
 }
 
+const TypeDescriptor *
+TypeDescriptor::ownerOf( const AttributeRow & row ) const {
+   for( const TypeDescriptor * type = this; type; type = type->base ) {
+      for( const AttributeRow & own : type->attributes ) {
+         if( &own == &row ) return type;
+      }
+   }
+   return nullptr;
+}
+
 bool
 TypeDescriptor::isA( const TypeDescriptor & other ) const {
    for( const TypeDescriptor * type = this; type; type = type->base ) {

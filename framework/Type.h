@@ -219,6 +219,8 @@ struct TypeDescriptor {
    /// framework attributes of entities are rows of the base Zek::Entity.
    IPSTATE_EXPORT const AttributeRow * attribute( std::string_view name ) const;
    IPSTATE_EXPORT const AttributeRow * attribute( uint16_t id ) const;
+   /// The type that declares the row: this one or a base. Null for a row of another type.
+   IPSTATE_EXPORT const TypeDescriptor * ownerOf( const AttributeRow & row ) const;
    IPSTATE_EXPORT bool isA( const TypeDescriptor & other ) const;
    bool isCounted() const { return kind >= TypeKind::entity; }
    bool isEntity() const { return kind == TypeKind::entity || kind == TypeKind::stateMachine; }

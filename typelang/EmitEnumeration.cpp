@@ -195,7 +195,7 @@ operator<<( std::ostream & out, $own$ value ) {
 void
 sequenceToValue( Zek::String::IteratorConst begin, Zek::String::IteratorConst end,
                  $own$ & value ) {
-   value = Zek::EnumType< $own$ >::instance( Zek::String::IteratorConst::view( begin, end ) );
+   value = Zek::EnumType< $own$ >::fromText( Zek::String::IteratorConst::view( begin, end ) );
 }
 )",
                           holes );

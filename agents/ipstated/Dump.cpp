@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -143,6 +144,9 @@ jsonOf( const Zek::GenericValue & value ) {
    Json json;
    if( value.isPointer() ) {
       return value.object() ? Json( utf8( reference( *value.object() ) ) ) : json;
+   }
+   if( value.is< double >() && !std::isfinite( value.as< double >() ) ) {
+      return value.text(); // no number of JSON's
    }
    if( readNumber< bool, uint8_t, uint16_t, uint32_t, uint64_t, int8_t, int16_t, int32_t, int64_t,
                    double >( value, json ) ) {

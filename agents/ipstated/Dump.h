@@ -10,7 +10,7 @@
 //
 // JSON, the same with numbers, truth values and values by field; a record's own members are
 // "fullName" and "fwkType", followed by its attributes. A text that is no UTF-8 has its odd bytes
-// written as \xNN.
+// written as \xNN; infinite numbers and NaN are texts.
 //
 // Attributes come in the order of their declaration, without constants and operations, members of
 // collections in the order of their keys. What a record refers to and does not own stands as its

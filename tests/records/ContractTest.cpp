@@ -141,8 +141,8 @@ refusals( const AttributeRow & row, void * object ) {
 std::map< std::string, std::string >
 callbacks() {
    std::map< std::string, std::string > found;
-   static const std::regex space( R"(^namespace (\w+) \{$)" ), spaceEnd( R"(^\} // namespace.*)" ),
-      type( R"(^class IPSTATE_EXPORT (\w+) : .*)" ),
+   static const std::regex space( R"(^namespace ([\w:]+) \{$)" ),
+      spaceEnd( R"(^\} // namespace.*)" ), type( R"(^class IPSTATE_EXPORT (\w+) : .*)" ),
       callback( R"(^ +virtual void (on\w+)\( ?(?:const )?([^&)]*?)(?: ?&)? ?\).*)" );
    for( const auto & file :
         std::filesystem::recursive_directory_iterator( IPSTATE_BINARY_DIR "/generated" ) ) {
@@ -184,6 +184,12 @@ appendType( const TypeDescriptor & type, const std::string & callbacks, std::ost
    }
    out << '\n';
    if( !callbacks.empty() ) out << name << " calls" << callbacks << '\n';
+   const bool changes =
+      std::any_of( type.attributes.begin(), type.attributes.end(), []( auto & row ) {
+         return row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer ||
+                row.kind == AttributeKind::collection;
+      } );
+   EXPECT_EQ( type.relay && changes, !callbacks.empty() ) << name;
    for( const Zek::EnumeratorRow & row : type.enumerators ) {
       out << name << ' ' << row.value << ' ' << row.name << '\n';
    }

@@ -3,6 +3,7 @@
 #include "framework/Generic.h"
 #include "Ip/Ip.h"
 #include "Ip6/Ip6.h"
+#include "IpGen/IpGenStatusSm.h"
 #include "tests/records/Records.h"
 
 #include <array>
@@ -143,11 +144,63 @@ TEST( Generic, PutsRootsIntoDirectoriesByTheirTypes ) {
    EXPECT_THROW( add( "x", "Ip::IpIntfConfig" ), Zek::RejectedException );
    EXPECT_THROW( add( "x", "Ip::Confi" ), Zek::RejectedException );
    EXPECT_EQ( root->entityCount(), 1u );
+}
 
-   auto logged = companion( "Ip::IpIntfConfig" )
-                    .newEntityForAttrLog( *root->entity( "ip" ), 258,
-                                          std::array< GenericValue, 1 >{ IntfId( "Ethernet1" ) } );
-   EXPECT_EQ( logged->fullName(), Zek::Name( "ar/ip/ipIntfConfig[Ethernet1]" ) );
+TEST( Generic, MakesEntitiesThatAStreamAnnounces ) {
+   using Argument = std::array< GenericValue, 1 >;
+   const auto &config = companion( "Ip::Config" ), &member = companion( "Ip::IpIntfConfig" );
+   const Argument ip{ Zek::Name( "ip" ) }, ethernet1{ IntfId( "Ethernet1" ) };
+   const auto fresh = config.newEntityForAttrLog( ip );
+   EXPECT_EQ( fresh->fullName(), "ip" );
+   EXPECT_EQ( fresh->parent(), nullptr );
+   EXPECT_EQ( fresh->references(), 1u );
+
+   auto root = Zek::dirFactory( "ar" );
+   Story story( *root );
+   auto child = config.newEntityForAttrLog( *root, Zek::entityAttr, ip );
+   EXPECT_EQ( root->entity( "ip" ), child );
+   auto made = member.newEntityForAttrLog( *child, 258, ethernet1 );
+   EXPECT_EQ( made->fullName(), "ar/ip/ipIntfConfig[Ethernet1]" );
+   EXPECT_EQ( member.newEntityForAttrLog( *child, 258, ethernet1 ), made );
+   EXPECT_NE( config.newEntityForAttrLog( *root, Zek::entityAttr, ip ), child );
+   EXPECT_EQ( story.told(), "entity[ip]\nentity[ip]\n" );
+
+   EXPECT_EQ( rejection( [&] { companion( "Ira::IntfDir" ).newEntityForAttrLog( {} ); } ),
+              "objects of type Ira::IntfDir are not logged" );
+   EXPECT_EQ( rejection( [&] { config.newEntityForAttrLog( ethernet1 ); } ),
+              "argument 'name' of Ip::Config is a value of type Zek::Name, not a value of type "
+              "Velon::IntfId" );
+   EXPECT_EQ( rejection( [&] { config.newEntityForAttrLog( *child, 258, ip ); } ),
+              "Ip::Config::ipIntfConfig cannot be added to: its members are of type "
+              "Ip::IpIntfConfig, not Ip::Config" );
+}
+
+TEST( Generic, ReadsTheInputsOfMachines ) {
+   const IntfId ethernet1( "Ethernet1" );
+   const auto status = Ip::statusFactory();
+   const auto record = Ip::ipIntfStatusFactory( ethernet1, L3::Intf::statusFactory( ethernet1 ) );
+   status->ipIntfStatusIs( record );
+   const auto & type = companion( "IpGen::StatusSm" );
+   GenericValue view = companion( "IpGen::Ipv4Status" )
+                          .genericIfFromCtorArgs( { Zek::Ptr< const Ip::Status >( status ) } );
+   GenericValue machine = type.genericIfFromCtorArgs( { view } );
+   auto read = [&]( const char * name ) {
+      return type.genericIfAttributeOp( machine, GenericOperation::read, name );
+   };
+   EXPECT_EQ( read( "status" ), view );
+   EXPECT_EQ( read( "initialized" ), GenericValue( true ) );
+   EXPECT_EQ( read( "ipv4Status" ).object(), status.ptr() );
+   EXPECT_EQ( read( "ipv6Status" ).shape(), "a null pointer" );
+   auto inputs = type.genericIfIterator( machine, type.attribute( "ipv4IntfStatus" ).id );
+   ASSERT_TRUE( inputs );
+   EXPECT_EQ( inputs.key(), GenericValue( ethernet1 ) );
+   EXPECT_EQ( inputs.value().object(), record.ptr() );
+   EXPECT_FALSE( ++inputs );
+   EXPECT_EQ( type.genericIfAttributeOp( machine, GenericOperation::count, "ipv6IntfStatus" ),
+              GenericValue( uint64_t( 0 ) ) );
+   type.genericIfAttributeOp( machine, GenericOperation::call, "handleInitialized" );
+   EXPECT_DEATH( type.genericIfFromCtorArgs( { IpGen::statusFactory() } ),
+                 "assertion 'Unsupported Address Family' failed" );
 }
 
 } // namespace

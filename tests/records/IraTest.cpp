@@ -10,10 +10,7 @@ namespace {
 
 Velon::Prefix
 net( unsigned third ) {
-   Velon::Prefix prefix;
-   const std::string text = "10.0." + std::to_string( third ) + ".0/24";
-   EXPECT_TRUE( Zek::valueOps< Velon::Prefix >.read( text, &prefix ) );
-   return prefix;
+   return valueOf< Velon::Prefix >( "10.0." + std::to_string( third ) + ".0/24" );
 }
 
 TEST( IraRecords, StartWithTheirDefaultsInThisOrder ) {

@@ -112,6 +112,11 @@ TEST_F( Mounter, IsReachedByName ) {
    mount( Kelmo::MountGroup::Ptr( group ) );
    EXPECT_EQ( group->seen, l3 + ipv6 );
    EXPECT_THROW( mount( made ), Zek::RejectedException ) << "no mount group";
+   // It is static: the type will do.
+   mounter.genericIfAttributeOp( Zek::GenericTarget( mounter.type() ), Zek::GenericOperation::call,
+                                 "doMountEntities",
+                                 { Kelmo::MountGroup::Ptr( group ), true, false } );
+   EXPECT_EQ( group->seen, l3 + ipv6 + l3 + ipv4 );
    EXPECT_THROW(
       mounter.genericIfAttributeOp( made, Zek::GenericOperation::read, "doMountEntities" ),
       Zek::RejectedException );

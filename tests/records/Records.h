@@ -17,23 +17,41 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace Records {
 
-/// All registered record types by full name: those of which `chosen` holds.
-inline std::map< std::string, const Zek::TypeDescriptor * >
-recordTypes( bool ( *chosen )( const Zek::TypeDescriptor & ) = nullptr ) {
-   std::map< std::string, const Zek::TypeDescriptor * > types;
+using Types = std::map< std::string, const Zek::TypeDescriptor * >;
+
+/// All registered types of which `chosen` holds, by full name.
+template< class Chosen >
+Types
+typesThat( Chosen chosen ) {
+   Types types;
    Zek::forEachType(
       []( const Zek::TypeDescriptor & type, void * context ) {
-         if( !type.isRecord ) return;
-         ( *static_cast< decltype( types ) * >( context ) )[type.fullName] = &type;
+         ( *static_cast< Types * >( context ) )[type.fullName] = &type;
       },
       &types );
-   std::erase_if( types, [&]( auto & entry ) { return chosen && !chosen( *entry.second ); } );
+   std::erase_if( types, [&]( auto & entry ) { return !chosen( *entry.second ); } );
    return types;
+}
+
+/// The record types.
+inline Types
+recordTypes() {
+   return typesThat( []( auto & type ) { return type.isRecord; } );
+}
+
+/// The value that has that text.
+template< class Value >
+Value
+valueOf( std::string_view text ) {
+   Value value;
+   EXPECT_TRUE( Zek::valueOps< Value >.read( text, &value ) ) << text;
+   return value;
 }
 
 /// A value of a type known by its operations only.

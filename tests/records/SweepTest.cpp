@@ -110,9 +110,11 @@ nameOf( const testing::TestParamInfo< const TypeDescriptor * > & info ) {
 }
 
 std::vector< const TypeDescriptor * >
-typesThat( bool ( *chosen )( const TypeDescriptor & ) ) {
+recordsThat( bool ( *chosen )( const TypeDescriptor & ) ) {
    std::vector< const TypeDescriptor * > types;
-   for( auto & [name, type] : recordTypes( chosen ) ) types.push_back( type );
+   for( auto & [name, type] : recordTypes() ) {
+      if( chosen( *type ) ) types.push_back( type );
+   }
    return types;
 }
 
@@ -314,6 +316,7 @@ TEST_P( EveryType, NumbersItsAttributesInOneRun ) {
       }
       EXPECT_EQ( type().attribute( row.name ), &row );
       EXPECT_EQ( type().attribute( row.id ), &row );
+      EXPECT_EQ( type().ownerOf( row ), &type() );
       if( row.kind != AttributeKind::callable ) {
          EXPECT_NE( row.type, nullptr ) << row.name;
       }
@@ -327,6 +330,7 @@ TEST_P( EveryType, NumbersItsAttributesInOneRun ) {
    for( const char * name : { "name", "fullName", "parent", "parentAttrName", "entity" } ) {
       ASSERT_NE( type().attribute( name ), nullptr ) << name;
       EXPECT_EQ( type().attribute( name )->id, ++number );
+      EXPECT_EQ( type().ownerOf( *type().attribute( name ) ), &Zek::Entity::zekTypeDescriptor_ );
    }
 }
 
@@ -416,15 +420,17 @@ TEST_P( EveryValue, DiffersWhenOneFieldDoes ) {
    }
 }
 
-INSTANTIATE_TEST_SUITE_P( Records, EveryType, testing::ValuesIn( typesThat( nullptr ) ), nameOf );
+INSTANTIATE_TEST_SUITE_P( Records, EveryType,
+                          testing::ValuesIn( recordsThat( []( auto & ) { return true; } ) ),
+                          nameOf );
 INSTANTIATE_TEST_SUITE_P( Records, EveryRecord,
-                          testing::ValuesIn( typesThat( []( const TypeDescriptor & type ) {
+                          testing::ValuesIn( recordsThat( []( const TypeDescriptor & type ) {
                              // A machine's inputs are records that stand already.
                              return type.create && type.kind != TypeKind::stateMachine;
                           } ) ),
                           nameOf );
 INSTANTIATE_TEST_SUITE_P( Records, EveryValue,
-                          testing::ValuesIn( typesThat( []( const TypeDescriptor & type ) {
+                          testing::ValuesIn( recordsThat( []( const TypeDescriptor & type ) {
                              return !type.isCounted();
                           } ) ),
                           nameOf );

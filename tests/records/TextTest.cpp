@@ -160,7 +160,7 @@ TEST( EnumerationText, IsTheEnumeratorsName ) {
               "'Loose' is no enumerator of Urpf::UrpfMode" );
    EXPECT_EQ( refusal< Zek::RangeException >(
                  [&] { sequenceToValue( text.begin(), text.end() - 1, value ); } ),
-              "'isTru' is no enumerator of Ip6::TristateBool" );
+              "Ip6::TristateBool expected at offset 0 of \"isTru\"" );
 }
 
 TEST( EnumerationText, OfANestedEnumerationIsServedByItsClass ) {
@@ -213,17 +213,10 @@ TEST( Text, OfBuiltinAndNetworkTypesHasTheSameCompanions ) {
 
 // -- Any value of any type --------------------------------------------------------------------
 
-/// Types with values by full name, in the order of fuzz/Text.cpp.
-std::map< std::string, const Zek::TypeDescriptor * >
+/// Types with values, in the order of fuzz/Text.cpp.
+Types
 valueTypes() {
-   std::map< std::string, const Zek::TypeDescriptor * > types;
-   Zek::forEachType(
-      []( const Zek::TypeDescriptor & type, void * context ) {
-         if( !type.values ) return;
-         ( *static_cast< decltype( types ) * >( context ) )[type.fullName] = &type;
-      },
-      &types );
-   return types;
+   return typesThat( []( auto & type ) { return type.values; } );
 }
 
 bool

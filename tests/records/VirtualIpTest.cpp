@@ -11,26 +11,17 @@ using VirtualIp::VrfIpWithMaskPair;
 
 namespace {
 
-template< class Value >
-Value
-read( const char * text ) {
-   Value value;
-   EXPECT_TRUE( Zek::valueOps< Value >.read( text, &value ) ) << text;
-   return value;
-}
-
 struct Ipv4 {
    static auto status() { return VirtualIp::virtualIpStatusFactory( "status" ); }
    static VrfIpWithMaskPair key( const char * vrf, unsigned host ) {
-      const std::string text = "10.0.0." + std::to_string( host ) + "/24";
-      return { vrf, read< Velon::IpGenAddrWithMask >( text.c_str() ) };
+      return { vrf,
+               valueOf< Velon::IpGenAddrWithMask >( "10.0.0." + std::to_string( host ) + "/24" ) };
    }
 };
 struct Ipv6 {
    static auto status() { return VirtualIp::virtualIp6StatusFactory( "status" ); }
    static VrfIpPair key( const char * vrf, unsigned host ) {
-      const std::string text = "2001:db8::" + std::to_string( host );
-      return { vrf, read< Velon::IpGenAddr >( text.c_str() ) };
+      return { vrf, valueOf< Velon::IpGenAddr >( "2001:db8::" + std::to_string( host ) ) };
    }
 };
 
@@ -97,11 +88,11 @@ TYPED_TEST( VirtualIpStatus, KeepsTheAcceptModeOfEachInterface ) {
 }
 
 TEST( VrfIpWithMaskPair, TellsPrefixLengthsApartThatItsAddressDoesNot ) {
-   const VrfIpWithMaskPair narrow( "red", read< Velon::IpGenAddrWithMask >( "10.0.0.1/32" ) );
-   const VrfIpWithMaskPair wide( "red", read< Velon::IpGenAddrWithMask >( "10.0.0.1/24" ) );
+   const VrfIpWithMaskPair narrow( "red", valueOf< Velon::IpGenAddrWithMask >( "10.0.0.1/32" ) );
+   const VrfIpWithMaskPair wide( "red", valueOf< Velon::IpGenAddrWithMask >( "10.0.0.1/24" ) );
    EXPECT_NE( narrow, wide );
    EXPECT_EQ( narrow.vrfIp(), wide.vrfIp() );
-   EXPECT_EQ( narrow.vrfIp(), VrfIpPair( "red", read< Velon::IpGenAddr >( "10.0.0.1" ) ) );
+   EXPECT_EQ( narrow.vrfIp(), VrfIpPair( "red", valueOf< Velon::IpGenAddr >( "10.0.0.1" ) ) );
    auto status = Ipv4::status();
    EXPECT_NE( status->virtualIpIs( narrow, "" ), status->virtualIpIs( wide, "" ) );
 }

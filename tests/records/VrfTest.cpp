@@ -8,12 +8,7 @@ using Velon::AddressFamily;
 
 namespace {
 
-Velon::RouteDistinguisher
-rd( const char * text ) {
-   Velon::RouteDistinguisher value;
-   EXPECT_TRUE( Zek::valueOps< Velon::RouteDistinguisher >.read( text, &value ) ) << text;
-   return value;
-}
+constexpr auto rd = valueOf< Velon::RouteDistinguisher >;
 
 TEST( VrfRecords, StartWithTheirDefaults ) {
    const struct {

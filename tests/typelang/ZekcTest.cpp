@@ -253,6 +253,20 @@ TEST( ZekcOutput, theSampleIsExplainedAndDrawn ) {
               0 );
 }
 
+TEST( ZekcOutput, drawsAllSchemasTogether ) {
+   const std::string drawing = testing::TempDir() + "/zekc-" + std::to_string( getpid() ) + ".dot";
+   EXPECT_EQ( std::system( ( "cd " + tree +
+                             " && " IPSTATE_BINARY_DIR "/zekc --graph */*.zek platform/*/*.zek > " +
+                             drawing + " && dot -Tcanon -o /dev/null " + drawing )
+                              .c_str() ),
+              0 );
+   const std::string text = *contents( drawing );
+   for( const char * type : { "Ip::IpIntfStatus", "IpGen::StatusSm", "VrfTypes::VrfAgentInfo" } ) {
+      EXPECT_NE( text.find( type ), std::string::npos ) << type;
+   }
+   fs::remove( drawing );
+}
+
 TEST( ZekcOutput, generatedCodeReadsLikeWrittenCode ) {
    int files = 0;
    for( const auto & entry : fs::recursive_directory_iterator( tree ) ) {
@@ -310,11 +324,12 @@ class ZekcCommand : public testing::Test {
    const std::string roots = "--include-root a --include-root b ";
 };
 
-TEST_F( ZekcCommand, writesTwoFilesAndARuleOfAllItRead ) {
+TEST_F( ZekcCommand, writesItsFilesAndARuleOfAllItRead ) {
    ASSERT_EQ( zekc( roots + "--out-dir out --depfile out/Main.d Room/Main.zek" ), 0 ) << said;
    EXPECT_EQ( said, "" );
    EXPECT_EQ( contents( folder + "/out/Main.d" ),
-              "out/Room/Main.h out/Room/Main.zek.cpp : a/Room/Main.zek b/Far/Far.zek\n" );
+              "out/Room/Main.h out/Room/MainAttrLog.h out/Room/Main.zek.cpp : a/Room/Main.zek "
+              "b/Far/Far.zek\n" );
    EXPECT_TRUE( contents( folder + "/out/Room/Main.h" ) );
    EXPECT_TRUE( contents( folder + "/out/Room/Main.zek.cpp" ) );
    EXPECT_FALSE( fs::exists( folder + "/out/Far" ) );
