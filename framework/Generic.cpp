@@ -701,7 +701,7 @@ GenericIf::newEntityForAttrLog( Entity & parent, uint16_t id, Arguments argument
    constexpr auto add = GenericOperation::add;
    if( !row.has( ownsMembers ) ) companion.rejectFor( add, row );
    if( id == entityAttr ) {
-      const Ptr< Entity > child = newEntityForAttrLog( arguments );
+      Ptr< Entity > child = newEntityForAttrLog( arguments );
       parent.entityIs( child );
       return child;
    }

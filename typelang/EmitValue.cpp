@@ -204,6 +204,7 @@ $order$
    /// Reads that form; false, and `out` unchanged, when `text` is not exactly one.
    static bool fromText( std::string_view text, $Self$ & out );
 
+   static const Zek::TypeDescriptor * fwkType() { return &zekTypeDescriptor_; }
    static const Zek::TypeDescriptor zekTypeDescriptor_;
 
  private:

@@ -174,7 +174,7 @@ const Words countedNames{
 };
 
 // What every value has.
-const Words valueNames{ "hash", "appendTo", "toString", "fromText" };
+const Words valueNames{ "hash", "appendTo", "toString", "fromText", "fwkType" };
 
 // What every reactor has, and what its callbacks call their own.
 const Words reactorNames{

@@ -38,6 +38,7 @@ expectText( const V & value, const std::string & expected ) {
    EXPECT_EQ( stringValue( value ), expected );
    EXPECT_EQ( valueToStrep( value ), expected );
    EXPECT_EQ( value.toString(), expected );
+   EXPECT_EQ( Zek::typeNode( value.fwkType()->fullName ), V::fwkType() );
    std::ostringstream out;
    out << value;
    EXPECT_EQ( out.str(), expected );

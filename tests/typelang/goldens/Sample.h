@@ -170,6 +170,7 @@ class IPSTATE_EXPORT Pair {
    /// Reads that form; false, and `out` unchanged, when `text` is not exactly one.
    static bool fromText( std::string_view text, Pair & out );
 
+   static const Zek::TypeDescriptor * fwkType() { return &zekTypeDescriptor_; }
    static const Zek::TypeDescriptor zekTypeDescriptor_;
 
  private:
@@ -232,6 +233,7 @@ class IPSTATE_EXPORT Group {
    /// Reads that form; false, and `out` unchanged, when `text` is not exactly one.
    static bool fromText( std::string_view text, Group & out );
 
+   static const Zek::TypeDescriptor * fwkType() { return &zekTypeDescriptor_; }
    static const Zek::TypeDescriptor zekTypeDescriptor_;
 
  private:
@@ -279,6 +281,7 @@ class IPSTATE_EXPORT Cursor {
    /// Reads that form; false, and `out` unchanged, when `text` is not exactly one.
    static bool fromText( std::string_view text, Cursor & out );
 
+   static const Zek::TypeDescriptor * fwkType() { return &zekTypeDescriptor_; }
    static const Zek::TypeDescriptor zekTypeDescriptor_;
 
  private:
