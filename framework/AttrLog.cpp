@@ -225,7 +225,7 @@ Sa::mayGoOut( const AttributeRow & row, const void * key ) {
 void
 Sa::onAttribute( const AttributeRow & row ) {
    if( !row.address || !row.write ) return;
-   if( mayGoOut( row, nullptr ) ) serializeAttribute( row.id );
+   if( mayGoOut( row, nullptr ) ) serializeAttribute( row );
 }
 
 void

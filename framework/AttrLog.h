@@ -107,9 +107,18 @@ struct IPSTATE_EXPORT Plan {
    uint32_t wireType = 0; // its number on the stream, 0 until declared
 
    /// Row of a synchronised attribute, or null.
-   const AttributeRow * row( uint16_t attrId ) const;
+   const AttributeRow * row( uint16_t attrId ) const {
+      if( attrId == entityAttr ) return children_;
+      const size_t index = static_cast< size_t >( attrId ) - firstAttrId_;
+      return index < rows_.size() ? rows_[index] : nullptr;
+   }
    /// Hash of what both ends must agree on to exchange the attribute.
    static uint32_t signature( const AttributeRow & row );
+
+ private:
+   const AttributeRow * children_ = nullptr;
+   std::vector< const AttributeRow * > rows_; // from firstAttrId_ on
+   size_t firstAttrId_ = 0;
 };
 
 /// What is still to be sent of one collection.
@@ -172,7 +181,9 @@ class IPSTATE_EXPORT FlowOut {
    void attrIdIs( uint16_t attrId ) { attrId_ = attrId; }
    uint16_t attrId() const { return attrId_; }
    bool zekIsDirty( uint16_t attrId ) const { return dirty_ & bit( attrId ); }
-   void zekIsDirtyIs( uint16_t attrId, bool dirty );
+   void zekIsDirtyIs( uint16_t attrId, bool dirty ) {
+      dirty_ = dirty ? dirty_ | bit( attrId ) : dirty_ & ~bit( attrId );
+   }
    /// Whether members of any collection are to be sent.
    bool hasDirtyCollKeys() const;
    bool zekIsKeyDirty( uint16_t attrId, const void * key ) const;
@@ -185,7 +196,12 @@ class IPSTATE_EXPORT FlowOut {
 
    /// Whether a change of the attribute may go out now, ahead of what is dirty. False while the
    /// collection is being sent as a whole, and where the sequence is at its end.
-   bool prepareImmediateTransmission( uint16_t attrId );
+   bool prepareImmediateTransmission( uint16_t attrId ) {
+      attrIdIs( attrId );
+      if( sequence_ >= lastSequence_ || stateDirty_ ) return false;
+      const DirtyCollection * c = collections_.empty() ? nullptr : collection( attrId );
+      return !c || ( !c->whole && !c->resync );
+   }
    /// Marks everything that the adaptor sends.
    void allDirty();
    /// Marks all of one collection.
@@ -319,6 +335,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    bool mayGoOut( const AttributeRow & row, const void * key );
    void markDirty( const AttributeRow & row, const void * key, bool removal = false );
    void allDirtyIs();
+   bool serializeAttribute( const AttributeRow & row );
    void serializeState();
    void writeRemoval( const AttributeRow & row, const void * key );
    void sendMember( const AttributeRow & row, const void * key, bool removal );

@@ -146,14 +146,9 @@ In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
 
 void
 In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
-   struct Item {
-      const AttributeRow * row;
-      const void * value; // null: to be held
-      const uint8_t * bytes;
-      uint32_t size;
-   };
    Scratch scratch;
-   std::vector< Item > items;
+   std::vector< Item > & items = stateItems_;
+   items.clear();
    // All of it is read before any of it is applied.
    while( body.left() ) {
       uint16_t id;
@@ -207,6 +202,9 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          continue;
       }
       dropHeld( sa.flowIn_, item.row->id, {} );
+      // Most of a new instance's attributes are what its constructor made them.
+      const AttributeRow & row = *item.row;
+      if( row.stored->equal( row.address( entity.ptr() ), item.value ) ) continue;
       if( !mayApply( sa, *item.row, nullptr ) ) continue;
       if( !change( sa, *item.row, nullptr, item.value, false,
                    [&] { item.row->write( entity.ptr(), item.value ); } ) ) {

@@ -48,19 +48,30 @@ Plan::signature( const AttributeRow & row ) {
 Plan::Plan( const TypeDescriptor & described ) : type( described ) {
    std::vector< const TypeDescriptor * > line;
    for( const TypeDescriptor * t = &type; t; t = t->base ) line.insert( line.begin(), t );
-   const AttributeRow * children = nullptr;
    for( const TypeDescriptor * t : line ) {
       for( const AttributeRow & row : t->attributes ) {
          if( !isSynchronised( row ) ) continue;
          attrIdsReqSync.push_back( row.id );
          if( row.id == entityAttr ) {
-            children = &row;
+            children_ = &row;
          } else {
             ( row.collection ? collections : plain ).push_back( &row );
          }
       }
    }
-   if( children ) collections.push_back( children );
+   for( auto * rows : { &plain, &collections } ) {
+      for( const AttributeRow * row : *rows ) {
+         if( rows_.empty() ) firstAttrId_ = row->id;
+         if( row->id < firstAttrId_ ) {
+            rows_.insert( rows_.begin(), firstAttrId_ - row->id, nullptr );
+            firstAttrId_ = row->id;
+         }
+         const size_t index = row->id - firstAttrId_;
+         if( index >= rows_.size() ) rows_.resize( index + 1 );
+         rows_[index] = row;
+      }
+   }
+   if( children_ ) collections.push_back( children_ );
    std::sort( attrIdsReqSync.begin(), attrIdsReqSync.end() );
    auto arguments = type.constructorParameters;
    for( size_t i = 1; i < arguments.size(); ++i ) {
@@ -73,12 +84,6 @@ Plan::Plan( const TypeDescriptor & described ) : type( described ) {
    for( uint16_t id : attrIdsReqSync ) {
       fingerprint = mixText( fingerprint, std::to_string( signature( *type.attribute( id ) ) ) );
    }
-}
-
-const AttributeRow *
-Plan::row( uint16_t attrId ) const {
-   const AttributeRow * row = type.attribute( attrId );
-   return row && isSynchronised( *row ) ? row : nullptr;
 }
 
 // -- Flows ------------------------------------------------------------------------------------
@@ -104,15 +109,6 @@ FlowOut::~FlowOut() {
    if( id_ < out.flows_.size() && out.flows_[id_] == &sa_ ) {
       out.flows_[id_] = nullptr;
       out.free_.push_back( id_ );
-   }
-}
-
-void
-FlowOut::zekIsDirtyIs( uint16_t attrId, bool dirty ) {
-   if( dirty ) {
-      dirty_ |= bit( attrId );
-   } else {
-      dirty_ &= ~bit( attrId );
    }
 }
 
@@ -187,14 +183,6 @@ FlowOut::zekKeyDirtyDel( uint16_t attrId, const void * key ) {
    auto at = c->keys.find( key );
    if( at != c->keys.end() ) c->keys.erase( at );
    if( c->keys.empty() && !c->whole && !c->resync ) collectionDone( *c );
-}
-
-bool
-FlowOut::prepareImmediateTransmission( uint16_t attrId ) {
-   attrIdIs( attrId );
-   if( sequence_ >= lastSequence_ || stateDirty_ ) return false;
-   const DirtyCollection * c = collections_.empty() ? nullptr : collection( attrId );
-   return !c || ( !c->whole && !c->resync );
 }
 
 void

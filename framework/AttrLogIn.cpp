@@ -3,6 +3,7 @@
 #include "framework/Generic.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace Zek {
 
@@ -50,17 +51,19 @@ namespace {
 
 FrameHeader
 readHeader( const uint8_t * at ) {
+   auto get = [&at]( auto number ) {
+      std::memcpy( &number, at, sizeof number );
+      at += sizeof number;
+      return Wire::networkOrder( number );
+   };
    FrameHeader header;
-   uint8_t kind;
-   Wire::Decoder in( at, FrameHeader::size );
-   in.u32( header.length );
-   in.u32( header.checksum );
-   in.u32( header.flow );
-   in.u16( header.attribute );
-   in.u8( kind );
-   in.u8( header.flags );
-   in.u32( header.sequence );
-   header.kind = static_cast< Kind >( kind );
+   header.length = get( uint32_t() );
+   header.checksum = get( uint32_t() );
+   header.flow = get( uint32_t() );
+   header.attribute = get( uint16_t() );
+   header.kind = static_cast< Kind >( *at++ );
+   header.flags = *at++;
+   header.sequence = get( uint32_t() );
    return header;
 }
 

@@ -25,8 +25,13 @@ Sa::serializeIfDirty( uint16_t attrId ) {
 
 bool
 Sa::serializeAttribute( uint16_t attrId ) {
+   return serializeAttribute( *plan_.row( attrId ) );
+}
+
+bool
+Sa::serializeAttribute( const AttributeRow & row ) {
    Out & out = adapter_.out_;
-   const AttributeRow & row = *plan_.row( attrId );
+   const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
    if( row.stored->encode ) {
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
@@ -280,7 +285,7 @@ Sa::serializeDirty() {
       if( !flow.dirty_ ) break;
       if( !flow.zekIsDirty( row->id ) ) continue;
       if( !out.hasSufficientBuffer() ) return false;
-      serializeAttribute( row->id );
+      serializeAttribute( *row );
    }
    while( !flow.collections_.empty() ) {
       if( !out.hasSufficientBuffer() ) return false;

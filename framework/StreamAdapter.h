@@ -102,6 +102,13 @@ class IPSTATE_EXPORT In {
       const AttributeRow * row;
       DirtyKeys keys;
    };
+   /// An attribute of a whole state.
+   struct Item {
+      const AttributeRow * row;
+      const void * value; // null: to be held
+      const uint8_t * bytes;
+      uint32_t size;
+   };
    class Handles;
    class Scratch;
 
@@ -176,6 +183,7 @@ class IPSTATE_EXPORT In {
    std::deque< WireType > types_;
    std::vector< Flow > flows_;
    std::map< HeldPlace, Held > held_;
+   std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;
    std::vector< Sweep > sweeps_;
    std::map< uint32_t, uint32_t > roots_; // flow of each export's root
