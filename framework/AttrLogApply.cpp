@@ -149,7 +149,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    Scratch scratch;
    std::vector< Item > & items = stateItems_;
    items.clear();
-   // All of it is read before any of it is applied.
+   // All of it is read before any of it is applied. Empty collections come last.
    while( body.left() ) {
       uint16_t id;
       uint32_t size;
@@ -159,9 +159,17 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
       if( !body.bytes( bytes, size, "a value of that length" ) ) return;
       const AttributeRow * row = sa.plan_.row( id );
       bool agreed = type.same || std::binary_search( type.agreed.begin(), type.agreed.end(), id );
-      if( !row || row->collection || !agreed ) continue;
+      if( !row || !agreed ) continue;
       Wire::Decoder in( bytes, size );
       Item item{ row, nullptr, bytes, size };
+      if( row->collection ) {
+         if( size ) {
+            body.failAt( "an empty collection", offset );
+            return;
+         }
+         items.push_back( item );
+         continue;
+      }
       if( row->stored->decode ) {
          void * value = scratch.make( *row->stored );
          bool read = false;
@@ -193,6 +201,11 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    Entity::Ptr entity( sa.entity_ );
    for( const Item & item : items ) {
       if( !sa.entity_ ) return; // a reaction removed it
+      if( item.row->collection ) {
+         beginWhole( sa, *item.row );
+         endWhole( sa, *item.row );
+         continue;
+      }
       if( !item.value ) {
          FrameHeader header{};
          header.flow = sa.flowIn_;

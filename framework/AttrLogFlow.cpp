@@ -194,7 +194,14 @@ FlowOut::allDirty() {
       for( const AttributeRow * row : plan.plain ) dirty_ |= bit( row->id );
    }
    for( const AttributeRow * row : plan.collections ) {
-      if( sa_.covers( *row ) ) wholeIs( *row );
+      if( !sa_.covers( *row ) ) continue;
+      if( stateDirty_ && row->collection->count( sa_.entity() ) == 0 ) {
+         // The state says that it is empty.
+         if( DirtyCollection * c = collection( row->id ) ) collectionDone( *c );
+         dirty_ |= bit( row->id );
+      } else {
+         wholeIs( *row );
+      }
    }
 }
 

@@ -48,7 +48,8 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    return out.hasSufficientBuffer();
 }
 
-/// All plain attributes in one record: number, length and value of each.
+/// All plain attributes in one record: number, length and value of each; and the numbers of
+/// empty collections, with length 0.
 void
 Sa::serializeState() {
    Out & out = adapter_.out_;
@@ -69,6 +70,15 @@ Sa::serializeState() {
       }
       uint32_t length = Wire::networkOrder( static_cast< uint32_t >( out.buffer_.size() - start ) );
       std::memcpy( out.buffer_.at( start - sizeof length ), &length, sizeof length );
+   }
+   for( const AttributeRow * row : plan_.collections ) {
+      if( !flow_->zekIsDirty( row->id ) ) continue;
+      if( row->collection->count( entity_ ) == 0 ) {
+         body.u16( row->id );
+         body.u32( 0 );
+      } else {
+         flow_->wholeIs( *row ); // no longer empty
+      }
    }
    out.end();
    flow_->stateDirty_ = false;

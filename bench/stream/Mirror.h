@@ -209,12 +209,12 @@ class Mirror {
       out.field( directedBroadcastEnabled, record.directedBroadcastEnabled );
       out.field( attachedRoutes, record.attachedRoutes );
       out.field( unnumberedIntf, record.unnumberedIntf );
-      out.end();
-      // Its two collections, each empty between marks.
-      for( uint32_t mark = 0; mark < 4; ++mark ) {
-         out.begin( uint32_t( i + 1 ), instance, uint8_t( 4 + mark % 2 ), mark + 1 );
-         out.end();
+      // Its two collections, which are empty.
+      for( uint16_t collection : { 14, 15 } ) {
+         out.number( collection );
+         out.number( uint32_t( 0 ) );
       }
+      out.end();
    }
 
    // -- The reader
@@ -255,10 +255,6 @@ class Mirror {
          byNumber_[numberAt< uint32_t >( body + 4 + intf.size() )] = &record;
          return;
       }
-      if( kind == 4 || kind == 5 ) {
-         complete_ += frame[19] == 4;
-         return;
-      }
       MirrorRecord & record = *byNumber_.find( numberAt< uint32_t >( frame + 8 ) )->second;
       if( kind == 0 ) {
          store( record, attribute, body );
@@ -269,6 +265,7 @@ class Mirror {
          store( record, numberAt< uint16_t >( body ), body + 6 );
          body += 6 + size;
       }
+      ++complete_;
    }
    void store( MirrorRecord & record, uint16_t attribute, const uint8_t * at ) {
       switch( attribute ) {
