@@ -32,7 +32,7 @@ class In::Handles {
 /// Values of any type for the length of one record.
 class In::Scratch {
  public:
-   Scratch() {} // the memory stays as it is
+   Scratch() = default; // the memory stays as it is
    Scratch( const Scratch & ) = delete;
    Scratch & operator=( const Scratch & ) = delete;
    ~Scratch() {

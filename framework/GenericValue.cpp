@@ -68,8 +68,7 @@ GenericValue::operator=( GenericValue && other ) noexcept {
 
 void *
 GenericValue::room( const ValueOps & ops ) {
-   constexpr size_t alignment = alignof( void * );
-   if( ops.size <= roomInPlace && ops.alignment <= alignment ) {
+   if( fitsInPlace( ops ) ) {
       holding_ = Holding::inPlace;
       return storage_;
    }

@@ -60,7 +60,12 @@ class IPSTATE_EXPORT GenericValue {
    GenericValue & operator=( const GenericValue & other );
    GenericValue & operator=( GenericValue && other ) noexcept;
    ~GenericValue() {
-      if( holding_ > Holding::trivial ) destroy();
+      if( holding_ <= Holding::trivial ) return;
+      if( holding_ == Holding::inPlace ) {
+         type_->values->destroy( storage_ );
+      } else {
+         destroy();
+      }
    }
 
    /// The type's zero value.
@@ -139,23 +144,34 @@ class IPSTATE_EXPORT GenericValue {
       if( ops.isTrivial && ops.size <= roomInPlace ) [[likely]] {
          copyBytes( ops.size, value );
          holding_ = Holding::trivial;
+      } else if( fitsInPlace( ops ) ) [[likely]] {
+         ops.copy( storage_, value );
+         holding_ = Holding::inPlace;
       } else {
          ops.copy( room( ops ), value );
       }
    }
    // The sizes that occur most, each by one move.
    void copyBytes( size_t size, const void * from ) {
-      if( size == 8 ) [[likely]] {
+      switch( size ) {
+      case 8:
          std::memcpy( storage_, from, 8 );
-      } else if( size == 4 ) {
+         break;
+      case 4:
          std::memcpy( storage_, from, 4 );
-      } else if( size == 2 ) {
+         break;
+      case 2:
          std::memcpy( storage_, from, 2 );
-      } else if( size == 1 ) {
+         break;
+      case 1:
          std::memcpy( storage_, from, 1 );
-      } else {
+         break;
+      default:
          std::memcpy( storage_, from, size );
       }
+   }
+   static bool fitsInPlace( const ValueOps & ops ) {
+      return ops.size <= roomInPlace && ops.alignment <= alignof( void * );
    }
    // Where a value is about to be made.
    void * room( const ValueOps & ops );
