@@ -91,7 +91,8 @@ struct Quota {
    uint32_t recordBytes = 16 << 20;
    uint32_t flows = 1 << 24;
    uint32_t types = 1024;
-   uint32_t held = 1 << 20; // references and instances that wait for their target
+   uint32_t reserved = 1 << 20; // members that tables are made large enough for beforehand
+   uint32_t held = 1 << 20;     // references and instances that wait for their target
 };
 
 /// How the attributes of a type are streamed; made once per type and adapter.

@@ -49,15 +49,18 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
    }
    switch( header.kind ) {
    case Kind::beginWhole:
-   case Kind::endWhole:
+   case Kind::endWhole: {
+      uint32_t members = 0;
+      if( header.kind == Kind::beginWhole && !body.u32( members, "a count of members" ) ) return;
       if( body.left() || !row->collection ) {
          body.fail( "a collection and nothing more" );
       } else if( header.kind == Kind::beginWhole ) {
-         beginWhole( *sa, *row );
+         beginWhole( *sa, *row, members );
       } else {
          endWhole( *sa, *row );
       }
       return;
+   }
    default:
       break;
    }
@@ -202,7 +205,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    for( const Item & item : items ) {
       if( !sa.entity_ ) return; // a reaction removed it
       if( item.row->collection ) {
-         beginWhole( sa, *item.row );
+         beginWhole( sa, *item.row, 0 );
          endWhole( sa, *item.row );
          continue;
       }
@@ -494,9 +497,17 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
 // -- Collections as a whole -------------------------------------------------------------------
 
 void
-In::beginWhole( Sa & sa, const AttributeRow & row ) {
+In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
    std::erase_if( wholes_, [&]( auto & w ) { return w.sa.ptr() == &sa && w.row == &row; } );
-   if( row.collection->count( sa.entity_ ) == 0 ) return; // nothing can be left over
+   if( row.collection->count( sa.entity_ ) == 0 ) {
+      // Nothing can be left over. They come in the order of the table, which would be one long run
+      // in a table that grows.
+      if( row.collection->reserve && members <= quota.reserved - reserved_ ) {
+         row.collection->reserve( sa.entity_, members );
+         reserved_ += members;
+      }
+      return;
+   }
    wholes_.push_back( { Sa::Ptr( &sa ), &row, {} } );
 }
 

@@ -29,7 +29,7 @@ In::reset() {
    wholes_.clear();
    sweeps_.clear();
    roots_.clear();
-   openDumps_ = 0;
+   openDumps_ = reserved_ = 0;
 }
 
 void

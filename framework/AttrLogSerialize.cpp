@@ -227,7 +227,8 @@ Sa::serializeCollection( uint16_t attrId ) {
          c->resync = std::make_unique< DirtyCollection::ResyncState >();
          c->whole = false;
          c->keys.clear();
-         out.begin( flow, attrId, Kind::beginWhole );
+         Wire::Encoder body = out.begin( flow, attrId, Kind::beginWhole );
+         body.u32( static_cast< uint32_t >( ops.count( entity_ ) ) );
          out.end();
       }
       const void * bookmark = c->resync->bookmark.get();

@@ -72,6 +72,8 @@ class HashMap {
    }
    /// Empties the map first, then drops the members in order.
    void clear() { table_.clear(); }
+   /// Makes room for so many members in an empty map.
+   void reserve( size_t members ) { table_.reserve( ops, members ); }
 
    /// Nodes of key and value: sets the value under `key`. True when a member was added or its
    /// value changed; allocates one node at most.

@@ -270,6 +270,15 @@ HashTable::migrate( uint32_t atLeast ) {
 // -- Changes ----------------------------------------------------------------------------------
 
 void
+HashTable::reserve( const HashTableOps & ops, size_t members ) {
+   if( rep_ || members <= denseLength ) return;
+   uint8_t shift = firstShift;
+   while( shift > 1 && ( 1u << ( 32 - shift ) ) / 4 * 3 < members ) --shift;
+   const uint32_t homes = 1u << ( 32 - shift );
+   rep_ = make( ops, shift, homes + slotsBehind( homes ) );
+}
+
+void
 HashTable::insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                    PtrInterface * member ) {
    if( rep_ && rep_->cursors ) disturbCursors( nullptr );

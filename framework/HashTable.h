@@ -102,6 +102,9 @@ class IPSTATE_EXPORT HashTable {
    /// Adds a member and takes a reference. REQUIRES its key absent. Changes nothing on bad_alloc.
    void insert( const HashTableOps & ops, uint32_t reversedHash, const void * key,
                 PtrInterface * member );
+   /// Makes room in a table that never had a member since it was cleared: it does not grow before
+   /// it has so many. Changes nothing on bad_alloc.
+   void reserve( const HashTableOps & ops, size_t members );
    /// Removes the member of a slot and leaves its reference to the caller.
    void unlink( Slot * slot );
    /// Puts `member` into the slot, takes a reference to it and leaves that of the old member to

@@ -396,6 +396,9 @@ struct Reading {
    static const PtrInterface * find( const void * object, const void * k ) {
       return map( object ).find( key( k ) );
    }
+   static void reserve( void * object, size_t members ) {
+      ( static_cast< Object * >( object )->*Field ).reserve( members );
+   }
 };
 
 /// What all forms share: reading, and the mutators that take a key alone. The types of the
@@ -463,6 +466,9 @@ fillCollectionOps() {
    ops.del = &Common::del;
    ops.delAll = &Common::delAll;
    ops.notify = &Common::notify;
+   if constexpr( requires( typename Common::Map & map ) { map.reserve( size_t() ); } ) {
+      ops.reserve = &Common::reserve;
+   }
    return ops;
 }
 

@@ -146,7 +146,7 @@ class IPSTATE_EXPORT In {
    void bind( uint32_t id, Entity::ZekNboAttrLogSa & sa );
    void unbind( Entity::ZekNboAttrLogSa & sa );
    void bindToPeer( Wire::Decoder & body );
-   void beginWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row );
+   void beginWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, uint32_t members );
    void endWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row );
    void mention( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void sweepAll();
@@ -188,6 +188,7 @@ class IPSTATE_EXPORT In {
    std::vector< Sweep > sweeps_;
    std::map< uint32_t, uint32_t > roots_; // flow of each export's root
    uint32_t openDumps_ = 0;
+   uint32_t reserved_ = 0; // members that room was made for, as the peer announced them
 };
 
 } // namespace NboAttrLog

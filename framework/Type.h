@@ -128,6 +128,9 @@ struct CollectionOps {
    void ( *del )( void * object, const void * key );
    void ( *delAll )( void * object );
    void ( *notify )( void * object, const void * key );
+   /// Makes room for members to come, where the collection is empty; null for collections that
+   /// have no use for it.
+   void ( *reserve )( void * object, size_t members ) = nullptr;
 };
 
 /// A set inside a value, for code that knows it by its row only. Keys by untyped address.
