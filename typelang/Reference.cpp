@@ -125,8 +125,8 @@ std::string
 indexPage( const Program & program ) {
    std::string out = mark( "the schemas" ) + R"(# Reference
 
-Every type that the schemas declare, by model. Attributes 1 to 5 are the same in every entity and not
-listed again: `name`, `fullName`, `parent`, `parentAttrName` and `entity`. A callback is one of the
+Every type that the schemas declare, by model. Attributes 1 to 5 are the same in every entity and
+not listed again: `name`, `fullName`, `parent`, `parentAttrName` and `entity`. A callback is one of the
 type's notifiees; `zero value` is what the type's default constructor makes.
 )";
    std::vector< const Schema * > schemas;
