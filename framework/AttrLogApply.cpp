@@ -205,8 +205,10 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    for( const Item & item : items ) {
       if( !sa.entity_ ) return; // a reaction removed it
       if( item.row->collection ) {
-         beginWhole( sa, *item.row, 0 );
-         endWhole( sa, *item.row );
+         if( item.row->collection->count( entity.ptr() ) ) {
+            beginWhole( sa, *item.row, 0 );
+            endWhole( sa, *item.row );
+         }
          continue;
       }
       if( !item.value ) {
@@ -410,7 +412,9 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
    }
    Plan & plan = adapter_.plan( *wire->type );
    const Name name = inDirectory ? Name( static_cast< String * >( key )->view() ) : Name();
-   std::vector< const void * > arguments{ inDirectory ? &name : key };
+   std::vector< const void * > arguments;
+   arguments.reserve( plan.parameters.size() + 1 );
+   arguments.push_back( inDirectory ? &name : key );
    bool present = false;
    bool accepted = guarded( [&] { present = readArguments( plan, body, scratch, arguments ); } );
    if( body.failed() ) return true;

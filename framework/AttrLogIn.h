@@ -41,19 +41,16 @@ class In::Scratch {
    }
    /// The type's zero value.
    void * make( const ValueOps & ops ) {
-      void * at;
-      size_t aligned = ( used_ + ops.alignment - 1 ) & ~size_t( ops.alignment - 1 );
-      if( aligned + ops.size <= sizeof memory_ && ops.alignment <= alignof( std::max_align_t ) &&
-          count_ < most ) {
-         at = memory_ + aligned;
-         used_ = aligned + ops.size;
-         ops.construct( at );
-         ops_[count_] = &ops;
-         values_[count_++] = at;
-      } else {
-         more_.push_back( AnyKey::zero( ops ) );
-         at = more_.back().get();
+      const size_t aligned = ( used_ + ops.alignment - 1 ) & ~size_t( ops.alignment - 1 );
+      if( aligned + ops.size > sizeof memory_ || ops.alignment > alignof( std::max_align_t ) ||
+          count_ == most ) [[unlikely]] {
+         return makeElsewhere( ops );
       }
+      void * at = memory_ + aligned;
+      used_ = aligned + ops.size;
+      ops.construct( at );
+      ops_[count_] = &ops;
+      values_[count_++] = at;
       return at;
    }
    /// A pointer, as attributes and constructors take it.
@@ -64,6 +61,11 @@ class In::Scratch {
    }
 
  private:
+   [[gnu::noinline]] void * makeElsewhere( const ValueOps & ops ) {
+      more_.push_back( AnyKey::zero( ops ) );
+      return more_.back().get();
+   }
+
    static constexpr size_t most = 48;
    size_t used_ = 0;
    size_t count_ = 0;

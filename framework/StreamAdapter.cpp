@@ -36,8 +36,11 @@ StreamAdapter::adaptorOf( const Entity & entity, const StreamAdapter & adapter )
 
 NboAttrLog::Plan &
 StreamAdapter::plan( const TypeDescriptor & type ) {
+   // Mostly that of the record before.
+   if( lastPlan_ && &lastPlan_->type == &type ) return *lastPlan_;
    auto & plan = plans_[&type];
    if( !plan ) plan = std::make_unique< NboAttrLog::Plan >( type );
+   lastPlan_ = plan.get();
    return *plan;
 }
 

@@ -262,6 +262,7 @@ class IPSTATE_EXPORT StreamAdapter {
    NboAttrLog::Out out_;
    NboAttrLog::In in_;
    std::unordered_map< const TypeDescriptor *, std::unique_ptr< NboAttrLog::Plan > > plans_;
+   NboAttrLog::Plan * lastPlan_ = nullptr;
    Entity::ZekNboAttrLogSa * first_ = nullptr;
    size_t adaptors_ = 0;
    bool peerWrites_ = false;
