@@ -60,7 +60,7 @@ class Ovsdb {
 
    explicit Ovsdb( size_t records )
       : records_( records ),
-        server_( [&] { serve(); } ),
+        server_( [&] { serve(); }, Place::any ),
         started_( appears( directory_ / "socket" ) ),
         reader_( [&] { read(); } ),
         requests_( directory_ / "socket" ) {

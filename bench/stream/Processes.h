@@ -11,6 +11,7 @@
 #include <ctime>
 #include <functional>
 #include <new>
+#include <sched.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -57,16 +58,31 @@ waitFor( const std::atomic< uint64_t > & value ) {
    while( !value.load( std::memory_order_acquire ) ) usleep( 100 );
 }
 
+/// Where a process runs: on one processor, so that a writer that spins and its reader never wait
+/// for each other's, or on any.
+enum class Place { writer, reader, any };
+
+inline void
+runAt( Place place ) {
+   cpu_set_t set;
+   CPU_ZERO( &set );
+   for( int cpu = 0; cpu < CPU_SETSIZE; ++cpu ) {
+      if( place == Place::any || cpu == static_cast< int >( place ) ) CPU_SET( cpu, &set );
+   }
+   sched_setaffinity( 0, sizeof set, &set ); // fails where there is one: then it is that
+}
+
 /// A process that ends with its parent, or when told.
 class Child {
  public:
    template< class Work >
-   explicit Child( Work work ) {
+   explicit Child( Work work, Place place = Place::reader ) {
       std::fflush( stdout );
       pid_ = fork();
       if( pid_ < 0 ) die( "fork" );
       if( pid_ == 0 ) {
          prctl( PR_SET_PDEATHSIG, SIGKILL );
+         runAt( place );
          work();
          _exit( 0 );
       }
@@ -94,7 +110,7 @@ inline double
 isolated( const std::function< double() > & measure ) {
    Shared * shared = Shared::make();
    shared->result = -1;
-   Child child( [&] { shared->result = measure(); } );
+   Child child( [&] { shared->result = measure(); }, Place::writer );
    child.wait();
    double result = shared->result;
    munmap( shared, sizeof *shared );
@@ -176,7 +192,7 @@ hopOf( Shared & shared, Change change ) {
    return double( end - start );
 }
 
-/// What all peers hold of an interface.
+/// Updates that go out together.
 constexpr size_t updatesATurn = 1000;
 
 inline std::string

@@ -24,12 +24,14 @@ class Redis {
 
    explicit Redis( size_t records )
       : records_( records ),
-        server_( [&] {
-           std::string path = directory_ / "socket", home = directory_ / "";
-           std::freopen( "/dev/null", "w", stdout );
-           execl( program, program, "--port", "0", "--unixsocket", path.c_str(), "--save", "",
-                  "--appendonly", "no", "--dir", home.c_str(), nullptr );
-        } ),
+        server_(
+           [&] {
+              std::string path = directory_ / "socket", home = directory_ / "";
+              std::freopen( "/dev/null", "w", stdout );
+              execl( program, program, "--port", "0", "--unixsocket", path.c_str(), "--save", "",
+                     "--appendonly", "no", "--dir", home.c_str(), nullptr );
+           },
+           Place::any ),
         started_( appears( directory_ / "socket" ) ),
         reader_( [&] { read(); } ),
         context_( connect() ) {
