@@ -56,7 +56,9 @@ void
 Sa::flagsAdd( uint32_t flags ) {
    uint32_t before = flags_;
    flags_ |= flags;
-   if( is( sends ) && flags_ != before && announced_ ) {
+   if( is( toOwner ) && !( before & toOwner ) && flowIn_ ) boundToOwner();
+   // An owner has it all.
+   if( is( sends ) && !is( toOwner ) && flags_ != before && announced_ ) {
       flow_->allDirty();
       adapter_.out_.queue( *flow_ );
    }
@@ -175,19 +177,29 @@ sameValue( const ValueOps & ops, const void * a, const void * b ) {
 
 /// Whether the present state of the attribute, or member, is what the record being applied says.
 bool
-Sa::arrivedFromLog( const AttributeRow & row, const void * key ) const {
+Sa::isAsInLog( const AttributeRow & row, const void * key ) const {
    const Handling & h = handling_;
-   if( h.attrId != row.id ) return false;
    if( !row.collection ) {
       return h.value && sameValue( *row.stored, row.address( entity_ ), h.value );
    }
    if( !h.key || !row.keyType->values->equal( h.key, key ) ) return false;
    const PtrInterface * member = row.collection->find( entity_, key );
-   if( h.instance ) return member != nullptr;
+   if( h.instance ) return row.id == entityAttr ? member == h.value : member != nullptr;
    if( !member || !h.value ) return !member && !h.value;
    if( row.has( refersToMembers ) ) return member == h.value;
    if( row.has( isSet ) ) return true;
    return sameValue( *row.type->values, row.collection->memberValue( member ), h.value );
+}
+
+/// Whether a change is the one that the record being applied makes. What is changed here
+/// meanwhile is not, even where it ends as the record says: the peer was told of the way there.
+bool
+Sa::arrivedFromLog( const AttributeRow & row, const void * key ) {
+   Handling & h = handling_;
+   if( h.attrId != row.id || h.answered ) return false;
+   if( h.key && !( key && row.keyType->values->equal( h.key, key ) ) ) return false;
+   h.answered = !isAsInLog( row, key );
+   return !h.answered;
 }
 
 void
@@ -205,6 +217,15 @@ Sa::markDirty( const AttributeRow & row, const void * key, bool removal ) {
    if( announced_ ) adapter_.out_.queue( flow );
 }
 
+/// Whether a reaction puts a member in the place of the instance that is just arriving, which the
+/// peer has: that one must go first.
+bool
+Sa::replacesArrived( const AttributeRow & row, const void * key ) const {
+   const Handling & h = handling_;
+   return h.instance && h.answered && h.attrId == row.id && key &&
+          row.keyType->values->equal( h.key, key );
+}
+
 /// The steps that all changes have in common. True when the change is to be written now.
 bool
 Sa::mayGoOut( const AttributeRow & row, const void * key ) {
@@ -216,7 +237,7 @@ Sa::mayGoOut( const AttributeRow & row, const void * key ) {
    if( !announced_ && !is( toOwner ) ) return false;
    FlowOut & flow = makeFlow();
    if( !announced_ || !out.hasSufficientBuffer() || !flow.prepareImmediateTransmission( row.id ) ) {
-      markDirty( row, key );
+      markDirty( row, key, replacesArrived( row, key ) );
       return false;
    }
    return true;
@@ -237,10 +258,10 @@ Sa::onMember( const AttributeRow & row, const void * key ) {
    }
    if( !mayGoOut( row, key ) ) return;
    const DirtyKeys * keys = flow_->dirtyKeys( row.id );
-   bool removal = false;
+   bool removal = replacesArrived( row, key );
    if( keys ) {
       auto at = keys->find( key );
-      removal = at != keys->end() && at->second;
+      removal |= at != keys->end() && at->second;
       flow_->zekKeyDirtyDel( row.id, key );
    }
    sendMember( row, key, removal );
@@ -262,14 +283,18 @@ Sa::wroteToOwner( const AttributeRow & row, const void * key ) {
 bool
 Sa::awaitsOwner( const AttributeRow & row, const void * key ) {
    if( flow_ ) {
-      if( key ? flow_->zekIsKeyDirty( row.id, key ) : flow_->zekIsDirty( row.id ) ) return true;
+      if( flow_->zekIsDirty( row.id ) ) return true;
+      if( key && flow_->zekIsKeyDirty( row.id, key ) ) return true;
+      auto * dirty = key ? flow_->dirtyCollection( row.id ) : nullptr;
+      if( dirty && ( dirty->whole || dirty->resync ) ) return true;
    }
    if( !unacked_ ) return false;
    uint64_t acked = adapter_.in_.acked_;
    std::erase_if( unacked_->writes, [=]( auto & w ) { return w.record <= acked; } );
    for( auto & write : unacked_->writes ) {
       if( write.attrId != row.id ) continue;
-      if( !key || row.keyType->values->equal( write.key.get(), key ) ) return true;
+      const void * written = write.key.get(); // null: all of them
+      if( !key || !written || row.keyType->values->equal( written, key ) ) return true;
    }
    if( unacked_->writes.empty() ) unacked_ = nullptr;
    return false;
@@ -281,7 +306,13 @@ Sa::rewriteUnacked() {
    if( !unacked_ ) return;
    auto held = std::move( unacked_ );
    for( auto & write : held->writes ) {
-      markDirty( *plan_.row( write.attrId ), write.key.get() );
+      if( write.record <= adapter_.in_.acked_ ) continue;
+      const AttributeRow & row = *plan_.row( write.attrId );
+      if( row.collection && !write.key.get() ) {
+         makeFlow().wholeIs( row );
+      } else {
+         markDirty( row, write.key.get() );
+      }
    }
 }
 
@@ -316,7 +347,7 @@ Entity::zekIsLoggedIs( bool logged ) {
    notLogged_ = !logged;
    if( !logged ) return;
    for( uint32_t n = 0; auto * adaptor = notifieeList().logAdaptor( n ); ++n ) {
-      static_cast< Sa * >( adaptor->zekSink() )->allDirtyIs();
+      if( auto * sa = static_cast< Sa * >( adaptor->zekSink() ) ) sa->allDirtyIs();
    }
 }
 

@@ -189,10 +189,13 @@ class IPSTATE_EXPORT FlowOut {
    bool hasDirtyCollKeys() const;
    bool zekIsKeyDirty( uint16_t attrId, const void * key ) const;
    /// `removal`: the member that was there must go first.
+   /// Where dirty removals outgrow the members, all of the collection is marked.
    void zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal );
    void zekKeyDirtyIs( uint16_t attrId, const void * key, bool dirty );
    void zekKeyDirtyDel( uint16_t attrId, const void * key );
    const DirtyKeys * dirtyKeys( uint16_t attrId ) const;
+   /// What is to be sent of a collection, or null.
+   const DirtyCollection * dirtyCollection( uint16_t attrId ) const { return collection( attrId ); }
    bool isDirty() const { return dirty_ != 0 || !collections_.empty(); }
 
    /// Whether a change of the attribute may go out now, ahead of what is dirty. False while the
@@ -328,11 +331,14 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
       const void * key = nullptr;   // of a member
       const void * value = nullptr; // stored form; null for a removal
       bool instance = false;        // an instance comes into being
+      bool answered = false;        // something here has changed it since
    };
-   bool arrivedFromLog( const AttributeRow & row, const void * key ) const;
+   bool isAsInLog( const AttributeRow & row, const void * key ) const;
+   bool arrivedFromLog( const AttributeRow & row, const void * key );
    bool covers( const AttributeRow & row ) const {
       return is( row.has( ownsMembers ) ? withMembers : withContent );
    }
+   bool replacesArrived( const AttributeRow & row, const void * key ) const;
    bool mayGoOut( const AttributeRow & row, const void * key );
    void markDirty( const AttributeRow & row, const void * key, bool removal = false );
    void allDirtyIs();
@@ -431,7 +437,8 @@ class IPSTATE_EXPORT Out {
    void unqueue( FlowOut & flow );
    void reset();
    void renumber( FlowOut & flow );
-   void encodeInstance( Wire::Encoder & out, Entity::ZekNboAttrLogSa & sa );
+   static void encodeFlow( Wire::Encoder & out, const FlowOut * flow, const Plan & plan );
+   void encodeArguments( Wire::Encoder & out, const Entity & entity, const Plan & plan );
    /// Announces what the pointer refers to where this stream exports it.
    void prepareReference( const PtrInterface * target );
    void encodeReference( Wire::Encoder & out, const PtrInterface * target );

@@ -33,6 +33,45 @@ In::refusedIs( Sa & sa, const AttributeRow & row, const void * key ) {
    if( sa.entity_ && sa.is( Sa::fromPeer ) ) sa.markDirty( row, key );
 }
 
+/// The row of an attribute of which both ends think the same, or null.
+const AttributeRow *
+In::agreedRow( Sa & sa, const WireType & type, uint16_t attribute ) {
+   const AttributeRow * row = sa.plan_.row( attribute );
+   if( type.same ) return row;
+   return std::binary_search( type.agreed.begin(), type.agreed.end(), attribute ) ? row : nullptr;
+}
+
+/// An instance takes its flow into use even where nothing here follows the parent.
+void
+In::instanceRecord( const FrameHeader & header, Wire::Decoder & body ) {
+   const uint8_t * start = body.at();
+   const size_t size = body.left();
+   FlowName name;
+   if( !flowName( body, name ) ) return;
+   const WireType * wire = wireType( body );
+   if( !wire ) return;
+   const Flow & flow = flows_[header.flow];
+   Sa::Ptr sa( takes( flow.sa ) ? flow.sa : nullptr );
+   const AttributeRow * row = sa ? agreedRow( *sa, *flow.type, header.attribute ) : nullptr;
+   if( !row ) {
+      body.skip( body.left() );
+      repeats( name, *wire );
+      return;
+   }
+   if( !row->has( ownsMembers ) ) {
+      body.fail( "a member of a collection that owns none" );
+      return;
+   }
+   std::string_view key;
+   const bool complete = applyInstance( *sa, *row, header.kind, name, *wire, body, key );
+   if( body.failed() ) return;
+   if( complete ) {
+      dropHeld( header.flow, header.attribute, key );
+   } else {
+      hold( header, key, start, size );
+   }
+}
+
 void
 In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body ) {
    Sa::Ptr sa( flow.sa );
@@ -41,9 +80,8 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
       applyState( *sa, type, body );
       return;
    }
-   const AttributeRow * row = sa->plan_.row( header.attribute );
-   if( !row || ( !type.same && !std::binary_search( type.agreed.begin(), type.agreed.end(),
-                                                    header.attribute ) ) ) {
+   const AttributeRow * row = agreedRow( *sa, type, header.attribute );
+   if( !row ) {
       body.skip( body.left() ); // the peer knows more than we do
       return;
    }
@@ -74,8 +112,6 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
          return;
       }
       complete = applyValue( *sa, *row, body );
-   } else if( header.kind == Kind::instantiate || header.kind == Kind::adopt ) {
-      complete = applyInstance( *sa, *row, header.kind, body, key );
    } else {
       complete = applyMember( *sa, *row, header.kind, body, key );
    }
@@ -358,7 +394,9 @@ In::isSame( const Entity & entity, const Plan & plan,
    if( entity.fwkType() != &plan.type ) return false;
    for( size_t i = 0; i < plan.parameters.size(); ++i ) {
       const AttributeRow & row = *plan.parameters[i];
-      if( !row.stored->equal( row.address( &entity ), arguments[i + 1] ) ) return false;
+      // One with a mutator may have changed since: it is no part of what the instance is.
+      if( !row.write && !row.stored->equal( row.address( &entity ), arguments[i + 1] ) )
+         return false;
    }
    return true;
 }
@@ -375,42 +413,33 @@ In::repeats( FlowName name, const WireType & type ) {
 }
 
 bool
-In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & body,
-                   std::string_view & keyBytes ) {
-   if( !row.has( ownsMembers ) ) {
-      body.fail( "a member of a collection that owns none" );
-      return true;
-   }
+In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
+                   const WireType & wire, Wire::Decoder & body, std::string_view & keyBytes ) {
    Scratch scratch;
    const ValueOps & keyOps = *row.keyType->values;
    void * key = scratch.make( keyOps );
    bool read = false;
-   FlowName flow{};
    const uint8_t * start = body.at();
    bool keyAccepted = guarded( [&] { read = keyOps.decode( body, key ); } );
    if( body.failed() ) return true;
-   if( !keyAccepted ) {
-      // The type itself refuses the key; what follows cannot be found without it.
-      body.skip( body.left() );
+   if( !keyAccepted || !read ) {
+      body.skip( body.left() ); // the type itself refuses the key
+      repeats( flow, wire );
       return true;
    }
    keyBytes = bytesBetween( start, body.at() );
-   if( !flowName( body, flow ) ) return true;
-   const uint32_t id = flow.id;
-   const WireType * wire = wireType( body );
-   if( !wire ) return true;
-   if( wire->type && !wire->type->isA( *row.type ) ) {
+   if( wire.type && !wire.type->isA( *row.type ) ) {
       body.fail( "a type that the collection holds" );
       return true;
    }
    const bool inDirectory = row.id == entityAttr;
-   if( !wire->type || ( !inDirectory && wire->type != row.type ) ||
-       ( inDirectory && !wire->type->isNamed ) ) {
+   if( !wire.type || ( !inDirectory && wire.type != row.type ) ||
+       ( inDirectory && !wire.type->isNamed ) ) {
       body.skip( body.left() );
-      repeats( flow, *wire );
+      repeats( flow, wire );
       return true;
    }
-   Plan & plan = adapter_.plan( *wire->type );
+   Plan & plan = adapter_.plan( *wire.type );
    const Name name = inDirectory ? Name( static_cast< String * >( key )->view() ) : Name();
    std::vector< const void * > arguments;
    arguments.reserve( plan.parameters.size() + 1 );
@@ -420,13 +449,13 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
    if( body.failed() ) return true;
    if( !accepted ) {
       body.skip( body.left() );
-      repeats( flow, *wire );
+      repeats( flow, wire );
       return true;
    }
    if( !present ) {
       // An argument refers to what is not there. The flow is asked for again when it comes.
       body.skip( body.left() );
-      repeats( flow, *wire );
+      repeats( flow, wire );
       return false;
    }
    if( body.left() ) {
@@ -436,13 +465,13 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
    mention( sa, row, key );
    const PtrInterface * found = row.collection->find( sa.entity_, key );
    auto * member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
-   if( repeats( flow, *wire ) && member && flows_[id].sa->entity() == member ) {
+   if( repeats( flow, wire ) && member && flows_[flow.id].sa->entity() == member ) {
       // Perhaps by another mount, which may do more.
       Sa * known = sa.memberAdaptor( row, member );
       if( known->is( Sa::toOwner ) ) known->boundToOwner();
       return true;
    }
-   flowIs( flow, *wire );
+   flowIs( flow, wire );
    if( sa.is( Sa::toOwner ) && sa.awaitsOwner( row, key ) ) {
       // Ours counts: gone, or another instance that the owner will take or refuse.
       if( !member ) return true;
@@ -463,12 +492,13 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
       found = row.collection->find( sa.entity_, key );
       member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
    }
-   if( !member ) {
+   const bool isNew = !member;
+   if( isNew ) {
       Entity::Ptr entity( sa.entity_ );
       if( inDirectory ) {
          Entity::Ptr made;
          if( guarded( [&] {
-                made = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
+                made = wire.type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
              } ) ) {
             adapter_.childIs( *entity, made );
          }
@@ -484,16 +514,17 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
       refusedIs( sa, row, key );
       return true;
    }
-   if( member->fwkType() != wire->type ) return true;
+   if( isNew && answered_ ) return true; // what stands there now is not what came
+   if( member->fwkType() != wire.type ) return true;
    Sa * child = sa.memberAdaptor( row, member );
    if( !child ) return true;
    if( sa.is( Sa::fromPeer ) && !child->announced_ ) {
       // The peer has it; what it lacks is our flow.
       child->cameFromPeer_ = true;
-      bind( id, *child );
+      bind( flow.id, *child );
       sa.markDirty( row, key );
    } else {
-      bind( id, *child );
+      bind( flow.id, *child );
    }
    return true;
 }
@@ -503,7 +534,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder &
 void
 In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
    std::erase_if( wholes_, [&]( auto & w ) { return w.sa.ptr() == &sa && w.row == &row; } );
-   if( row.collection->count( sa.entity_ ) == 0 ) {
+   if( row.collection->count( sa.entity_ ) == 0 && !sa.is( Sa::fromPeer ) ) {
       // Nothing can be left over. They come in the order of the table, which would be one long run
       // in a table that grows.
       if( row.collection->reserve && members <= quota.reserved - reserved_ ) {
@@ -541,7 +572,8 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
    const PtrInterface * member = ops.first( sa.entity_ );
    while( member ) {
       member = withMemberKey( row, member, [&]( const void * key ) {
-         if( whole->mentioned.find( key ) == whole->mentioned.end() ) {
+         // What the owner does not know yet is not gone there.
+         if( whole->mentioned.find( key ) == whole->mentioned.end() && mayApply( sa, row, key ) ) {
             sweep.keys.emplace( AnyKey( *row.keyType->values, key ), true );
          }
          return ops.after( sa.entity_, key );
@@ -618,10 +650,11 @@ In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body ) {
    Scratch scratch;
    const ValueOps & keyOps = *sa.plan_.row( attribute )->keyType->values;
    FlowName flow;
-   if( !keyOps.decode( body, scratch.make( keyOps ) ) || !flowName( body, flow ) ) return false;
+   if( !flowName( body, flow ) ) return false;
    const WireType * wire = wireType( body );
    std::vector< const void * > arguments;
-   return wire && readArguments( adapter_.plan( *wire->type ), body, scratch, arguments );
+   return wire && keyOps.decode( body, scratch.make( keyOps ) ) &&
+          readArguments( adapter_.plan( *wire->type ), body, scratch, arguments );
 }
 
 void

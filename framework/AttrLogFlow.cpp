@@ -159,9 +159,9 @@ FlowOut::zekKeyDirtyIs( const AttributeRow & row, const void * key, bool removal
    auto at = c.keys.find( key );
    if( at != c.keys.end() ) {
       at->second |= removal;
-      return;
+   } else {
+      c.keys.emplace( AnyKey( *row.keyType->values, key ), removal );
    }
-   c.keys.emplace( AnyKey( *row.keyType->values, key ), removal );
    // Removals must not pile up behind a stalled reader.
    size_t members = row.collection->count( sa_.entity() );
    if( c.keys.size() > 2 * members + 16 ) wholeIs( row );
@@ -230,6 +230,7 @@ FlowOut::resynchronise() {
       assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
    }
    sequence_ = firstSequence_;
+   lastSequence_ = lastSequence;
    restarts_ = true;
    allDirty();
 }

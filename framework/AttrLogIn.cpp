@@ -125,6 +125,16 @@ In::acknowledge() {
    adapter_.out_.controlEnd();
 }
 
+/// Whether records for the entity are applied: it is the peer's, or the peer may write it.
+bool
+In::takes( const Sa * sa ) {
+   if( !sa ) return false;
+   if( sa->flags_ & ( Sa::readOnly | Sa::toOwner | Sa::fromPeer ) ) return true;
+   ++refused_;
+   lastRefusal_ = "'" + EntityUriPath( *sa->entity_ ).text() + "' is not mounted for writing";
+   return false;
+}
+
 void
 In::record( const FrameHeader & header, Wire::Decoder & body ) {
    auto sequenced = [&]( uint32_t & next ) {
@@ -145,7 +155,11 @@ In::record( const FrameHeader & header, Wire::Decoder & body ) {
    }
    Flow & flow = flows_[header.flow];
    sequenced( flow.sequence );
-   if( flow.sa ) entityRecord( flow, header, body );
+   if( header.kind == Kind::instantiate || header.kind == Kind::adopt ) {
+      instanceRecord( header, body );
+   } else if( takes( flow.sa ) ) {
+      entityRecord( flow, header, body );
+   }
 }
 
 // -- Control ----------------------------------------------------------------------------------
@@ -398,8 +412,10 @@ In::bindToPeer( Wire::Decoder & body ) {
    }
    Sa * sa = out.flows_[ours];
    if( !sa || !sa->entity_ ) return; // it went meanwhile
-   if( !sa->is( Sa::fromPeer ) ) {
-      body.fail( "an entity that may be written" );
+   // It may be a member of what is still to be exported for writing: what is written before that
+   // is refused.
+   if( !adapter_.peerWrites_ ) {
+      body.fail( "a mount for writing before" );
       return;
    }
    if( wire->type == sa->entity_->fwkType() ) bind( theirs.id, *sa );

@@ -14,17 +14,22 @@ namespace Zek::NboAttrLog {
 /// While it lives, the adaptor knows which change arrived from the log.
 class In::Handles {
  public:
-   Handles( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
+   Handles( In & in, Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
             const void * value, bool instance )
-      : sa_( &sa ) {
+      : in_( in ),
+        sa_( &sa ) {
       before_ = sa.handling_;
       sa.handling_ = { row.id, key, value, instance };
    }
-   ~Handles() { sa_->handling_ = before_; }
+   ~Handles() {
+      in_.answered_ = sa_->handling_.answered;
+      sa_->handling_ = before_;
+   }
    Handles( const Handles & ) = delete;
    Handles & operator=( const Handles & ) = delete;
 
  private:
+   In & in_;
    Entity::ZekNboAttrLogSa::Ptr sa_;
    Entity::ZekNboAttrLogSa::Handling before_;
 };
@@ -96,7 +101,7 @@ template< class Change >
 bool
 In::change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
             const void * value, bool instance, Change change ) {
-   Handles handles( sa, row, key, value, instance );
+   Handles handles( *this, sa, row, key, value, instance );
    return guarded( change );
 }
 

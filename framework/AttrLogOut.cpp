@@ -198,14 +198,20 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
    out.u8( nullReference );
 }
 
-/// Behind the key: flow, number of its next record, type, further constructor arguments.
+/// An instance's flow, the number of its next record, and type: first, so that a reader that
+/// knows no more of the instance can pass over what follows. No flow: nothing follows.
 void
-Out::encodeInstance( Wire::Encoder & out, Sa & sa ) {
-   out.u32( sa.flow_->id() );
-   out.u32( sa.flow_->sequence() );
-   out.u32( sa.plan_.wireType );
-   for( const AttributeRow * row : sa.plan_.parameters ) {
-      const void * value = row->address( sa.entity_ );
+Out::encodeFlow( Wire::Encoder & out, const FlowOut * flow, const Plan & plan ) {
+   out.u32( flow ? flow->id() : 0 );
+   out.u32( flow ? flow->sequence() : 0 );
+   out.u32( plan.wireType );
+}
+
+/// The constructor's arguments behind the key.
+void
+Out::encodeArguments( Wire::Encoder & out, const Entity & entity, const Plan & plan ) {
+   for( const AttributeRow * row : plan.parameters ) {
+      const void * value = row->address( &entity );
       if( row->stored->encode ) {
          row->stored->encode( value, out );
       } else {

@@ -76,6 +76,7 @@ Sa::serializeState() {
       if( row->collection->count( entity_ ) == 0 ) {
          body.u16( row->id );
          body.u32( 0 );
+         if( is( toOwner ) ) wroteToOwner( *row, nullptr );
       } else {
          flow_->wholeIs( *row ); // no longer empty
       }
@@ -83,6 +84,8 @@ Sa::serializeState() {
    out.end();
    flow_->stateDirty_ = false;
    flow_->dirty_ = 0;
+   if( !is( toOwner ) ) return;
+   for( const AttributeRow * row : plan_.plain ) wroteToOwner( *row, nullptr );
 }
 
 void
@@ -143,9 +146,10 @@ Sa::zekInstantiateSerialize( Kind kind ) {
    }
    out.declare( plan_ );
    Wire::Encoder body = out.begin( *parentSa.flow_, row.id, kind );
+   out.encodeFlow( body, flow_.get(), plan_ );
    withMemberKey( row, entity_,
                   [&]( const void * key ) { row.keyType->values->encode( key, body ); } );
-   out.encodeInstance( body, *this );
+   out.encodeArguments( body, *entity_, plan_ );
    out.end();
 }
 
@@ -163,7 +167,8 @@ Sa::doSerializeOrphan( uint32_t exportId ) {
    body.u32( exportId );
    body.text( entity_->fwkType()->fullName );
    body.text( entity_->name().view() );
-   out.encodeInstance( body, *this );
+   out.encodeFlow( body, flow_.get(), plan_ );
+   out.encodeArguments( body, *entity_, plan_ );
    out.controlEnd();
 }
 
@@ -175,25 +180,17 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
    Sa * child = memberAdaptor( row, &member );
    if( !child ) {
       // Of a type that cannot be streamed: the instance alone.
-      for( const AttributeRow * p : adapter_.plan( *member.fwkType() ).parameters ) {
+      NboAttrLog::Plan & plan = adapter_.plan( *member.fwkType() );
+      for( const AttributeRow * p : plan.parameters ) {
          if( p->stored->encode ) continue;
          out.prepareReference( *static_cast< PtrInterface * const * >( p->address( &member ) ) );
       }
-      out.declare( adapter_.plan( *member.fwkType() ) );
+      out.declare( plan );
       Wire::Encoder body = out.begin( *flow_, row.id, kind );
+      out.encodeFlow( body, nullptr, plan );
       withMemberKey( row, &member,
                      [&]( const void * key ) { row.keyType->values->encode( key, body ); } );
-      body.u32( 0 ); // no flow
-      body.u32( 0 );
-      body.u32( adapter_.plan( *member.fwkType() ).wireType );
-      for( const AttributeRow * p : adapter_.plan( *member.fwkType() ).parameters ) {
-         const void * value = p->address( &member );
-         if( p->stored->encode ) {
-            p->stored->encode( value, body );
-         } else {
-            out.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
-         }
-      }
+      out.encodeArguments( body, member, plan );
       out.end();
       return;
    }
@@ -243,8 +240,14 @@ Sa::serializeCollection( uint16_t attrId ) {
          const PtrInterface * next = withMemberKey( row, member, [&]( const void * key ) {
             // Copied first: writing the member may announce others, but changes no collection.
             c->resync->bookmark = AnyKey( *row.keyType->values, key );
+            // Changed behind the mark, and now part of the whole.
+            auto at = c->keys.find( key );
+            const bool removal = at != c->keys.end() && at->second;
+            if( at != c->keys.end() ) c->keys.erase( at );
             if( row.has( ownsMembers ) ) {
                auto & child = const_cast< Entity & >( *static_cast< const Entity * >( member ) );
+               Sa * sa = adapter_.adaptorOf( child );
+               if( removal && !( sa && sa->announced_ ) ) writeRemoval( row, key );
                announceInWhole( row, child );
             } else {
                sendMember( row, key, false );
@@ -255,6 +258,8 @@ Sa::serializeCollection( uint16_t attrId ) {
       }
       out.begin( flow, attrId, Kind::endWhole );
       out.end();
+      // What it did not mention goes at the owner.
+      if( is( toOwner ) ) wroteToOwner( row, nullptr );
       c->resync.reset();
    }
    // Announcing one member may announce another and be the end of the marks.

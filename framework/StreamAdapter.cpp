@@ -29,7 +29,7 @@ StreamAdapter::adaptorOf( const Entity & entity, const StreamAdapter & adapter )
    NotifieeList & list = entity.notifieeList();
    for( uint32_t n = 0; auto * notifiee = list.logAdaptor( n ); ++n ) {
       auto * sa = static_cast< Sa * >( notifiee->zekSink() );
-      if( &sa->adapter_ == &adapter ) return sa;
+      if( sa && &sa->adapter_ == &adapter ) return sa;
    }
    return nullptr;
 }
@@ -120,6 +120,20 @@ mark( NboAttrLog::Out & out, NboAttrLog::Control mark, uint32_t exportId ) {
 
 } // namespace
 
+/// Says that the export's dump begins, unless it is under way.
+StreamAdapter::Export *
+StreamAdapter::beginDump( uint32_t exportId ) {
+   Export * present = exported( exportId );
+   if( present && !present->ended ) return present;
+   if( !present ) {
+      exports_.push_back( { exportId, nullptr, nullptr } );
+      present = &exports_.back();
+   }
+   present->ended = false;
+   mark( out_, NboAttrLog::beginControl, exportId );
+   return present;
+}
+
 void
 StreamAdapter::exportIs( uint32_t exportId, Entity & entity, uint32_t flags ) {
    Sa * sa = adaptorIs( entity, flags | Sa::sends );
@@ -127,15 +141,11 @@ StreamAdapter::exportIs( uint32_t exportId, Entity & entity, uint32_t flags ) {
       throwRangeException( std::string( "'" ) + EntityUriPath( entity ).text() + "' of type " +
                            entity.fwkType()->fullName + " cannot be streamed" );
    }
-   Export * present = exported( exportId );
-   if( !present ) {
-      exports_.push_back( { exportId, nullptr, nullptr } );
-      present = &exports_.back();
-   }
+   Export * present = beginDump( exportId );
    present->root = sa;
    present->entity = &entity;
-   present->ended = false;
-   mark( out_, NboAttrLog::beginControl, exportId );
+   // Within another export, as its member first: what stood there before is taken away by that.
+   out_.announce( entity );
    bool isNew = !sa->announced_;
    sa->doSerializeOrphan( exportId );
    sa->announced_ = true;
@@ -149,14 +159,8 @@ StreamAdapter::exportIs( uint32_t exportId, Entity & entity, uint32_t flags ) {
 
 void
 StreamAdapter::exportAbsent( uint32_t exportId ) {
-   Export * present = exported( exportId );
-   if( !present ) {
-      exports_.push_back( { exportId, nullptr, nullptr } );
-      present = &exports_.back();
-   }
-   mark( out_, NboAttrLog::beginControl, exportId );
+   beginDump( exportId );
    mark( out_, NboAttrLog::noRootControl, exportId );
-   present->ended = false;
    endDumps();
 }
 

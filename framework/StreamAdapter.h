@@ -109,6 +109,11 @@ class IPSTATE_EXPORT In {
       const uint8_t * bytes;
       uint32_t size;
    };
+   /// A flow as an instance names it: its number, and that of its next record.
+   struct FlowName {
+      uint32_t id;
+      uint32_t sequence;
+   };
    class Handles;
    class Scratch;
 
@@ -118,12 +123,17 @@ class IPSTATE_EXPORT In {
    void rootCame( Wire::Decoder & body );
    void rootWent( Wire::Decoder & body );
    void entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body );
+   bool takes( const Entity::ZekNboAttrLogSa * sa );
+   void instanceRecord( const FrameHeader & header, Wire::Decoder & body );
+   static const AttributeRow * agreedRow( Entity::ZekNboAttrLogSa & sa, const WireType & type,
+                                          uint16_t attribute );
    void applyState( Entity::ZekNboAttrLogSa & sa, const WireType & type, Wire::Decoder & body );
    bool applyValue( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Wire::Decoder & body );
    bool applyMember( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
                      Wire::Decoder & body, std::string_view & keyBytes );
    bool applyInstance( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
-                       Wire::Decoder & body, std::string_view & keyBytes );
+                       FlowName flow, const WireType & wire, Wire::Decoder & body,
+                       std::string_view & keyBytes );
    static bool hasKey( const AttributeRow & row, const void * value, const void * key );
    /// The further constructor arguments; false when one refers to what is not there yet.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
@@ -134,11 +144,6 @@ class IPSTATE_EXPORT In {
    enum class Reference { null, found, absent };
    Reference readReference( Wire::Decoder & body, Entity *& target );
    const WireType * wireType( Wire::Decoder & body );
-   /// A flow as an instance names it: its number, and that of its next record.
-   struct FlowName {
-      uint32_t id;
-      uint32_t sequence;
-   };
    bool flowName( Wire::Decoder & body, FlowName & name );
    void flowIs( FlowName name, const WireType & type );
    /// Whether the flow is bound already; else it is taken into use.
@@ -174,6 +179,7 @@ class IPSTATE_EXPORT In {
    bool receiving_ = false;
    bool closed_ = false;
    bool boundSomething_ = false;
+   bool answered_ = false; // the last change was changed again by a reaction to it
    uint32_t controlSequence_ = firstSequence;
    uint64_t records_ = 0;
    uint64_t refused_ = 0;
@@ -256,6 +262,7 @@ class IPSTATE_EXPORT StreamAdapter {
       bool ended = false;
    };
    Export * exported( uint32_t exportId );
+   Export * beginDump( uint32_t exportId );
 
    Entity::Ptr root_;
    StreamOwner & owner_;

@@ -329,6 +329,7 @@ Session::look( Export & wanted ) {
       wanted.unwatch();
       for( const Entity::Ptr & directory : way ) {
          auto watch = Zek::allocate< DirectoryWatch >( *this, wanted );
+         watch->zekIsLogAdaptorIs( true ); // whatever the notifiees before it throw
          watch->notifierIs( directory );
          watch->isRegisteredNotifieeIs( true );
          wanted.watches.push_back( watch );

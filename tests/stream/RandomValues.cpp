@@ -11,9 +11,9 @@ using namespace Zek;
 
 namespace {
 
-const std::map< std::string, std::vector< std::string > > &
+const std::map< std::string, std::vector< std::string >, std::less<> > &
 texts() {
-   static const std::map< std::string, std::vector< std::string > > all = {
+   static const std::map< std::string, std::vector< std::string >, std::less<> > all = {
       { "Zek::String", { "", "a", "bb", "Rib", "a longer text with 'quotes', commas" } },
       { "Zek::Name", { "a", "b", "c", "d" } },
       { "Velon::IntfId", { "Ethernet1", "Ethernet2", "Ethernet10", "Vlan7", "lo" } },
@@ -55,9 +55,14 @@ randomise( Random & random, const TypeDescriptor & type, void * value ) {
       return;
    }
    case TypeKind::scalar: {
-      const char * number = random.oneIn( 2 ) ? "1" : random.oneIn( 2 ) ? "0" : "100";
-      if( !type.values->read( number, value ) ) {
-         type.values->read( random.oneIn( 2 ) ? "true" : "false", value );
+      // The last is out of several attributes' range, where the type can hold it.
+      const char * number = random.oneIn( 2 )    ? "1"
+                            : random.oneIn( 2 )  ? "0"
+                            : random.oneIn( 12 ) ? "65530"
+                                                 : "100";
+      if( type.values->read( number, value ) ) return;
+      if( !type.values->read( random.oneIn( 2 ) ? "true" : "false", value ) ) {
+         type.values->read( "7", value );
       }
       return;
    }

@@ -1,7 +1,14 @@
 #include "tests/stream/Simulation.h"
 
+#include "framework/Exception.h"
+#include "tests/stream/Link.h"
+#include "tests/stream/Trees.h"
+
 #include <algorithm>
-#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
 
 namespace ipstate::test {
 
@@ -9,212 +16,717 @@ using namespace Zek;
 
 namespace {
 
-/// A byte pipe with a capacity that moves.
-struct Pipe {
-   std::deque< char > bytes;
-   size_t capacity = 65536;
-   bool stalled = false;
+using Live = std::map< const AllocTrackTypeInfo *, uint64_t >;
+
+Live
+liveObjects() {
+   Live live;
+   for( auto * type = AllocTrackTypeInfo::all(); type; type = type->next() ) {
+      if( type->liveObjects() ) live[type] = type->liveObjects();
+   }
+   return live;
+}
+
+uint64_t
+mix( uint64_t seed, uint64_t n ) {
+   uint64_t x = seed * 0x9e3779b97f4a7c15 + n;
+   x = ( x ^ x >> 30 ) * 0xbf58476d1ce4e5b9;
+   x = ( x ^ x >> 27 ) * 0x94d049bb133111eb;
+   return x ^ x >> 31;
+}
+
+class World;
+
+/// Watches one entity, and does what agents do in callbacks.
+class Reactor final : public AttributeSink {
+ public:
+   Reactor( World & world, uint32_t tree, const Entity & entity, bool throws, bool writes )
+      : world_( world ),
+        tree_( tree ),
+        throws_( throws ),
+        writes_( writes ) {
+      const TypeDescriptor * type = entity.fwkType();
+      while( !type->relay ) type = type->base;
+      auto relay = type->relay( entity, *this );
+      relay_ = Ptr< PtrInterface::NotifieeConst >(
+         static_cast< PtrInterface::NotifieeConst * >( relay.ptr() ) );
+      relay_->isWeakNotifieeIs( true );
+   }
+   ~Reactor() override { relay_->notifierIs( nullptr ); }
+   bool isGone() const { return !relay_->notifier(); }
+   void onAttribute( const AttributeRow & row ) override { react( row ); }
+   void onMember( const AttributeRow & row, const void * ) override { react( row ); }
+   void onNotificationException() override { throw; }
+
+ private:
+   void react( const AttributeRow & row );
+
+   World & world_;
+   uint32_t tree_;
+   bool throws_;
+   bool writes_;
+   Ptr< PtrInterface::NotifieeConst > relay_;
 };
 
-struct Link : Kelmo::SessionOwner {
-   Link( const Dir::Ptr & source, const Dir::Ptr & copy )
-      : server( source, *this ),
-        client( copy, *this ) {}
-
-   void onMountRefused( const Kelmo::Mount &, const std::string & why ) override {
-      problem = "refused: " + why;
+/// Notes what it is told.
+class Witness final : public AttributeSink {
+ public:
+   Witness( std::map< std::string, uint32_t > & seen, const Entity & entity )
+      : seen_( seen ),
+        entity_( entity ) {
+      const TypeDescriptor * type = entity.fwkType();
+      while( !type->relay ) type = type->base;
+      relay_ = type->relay( entity, *this );
+   }
+   void onAttribute( const AttributeRow & row ) override {
+      if( row.address && row.write ) ++seen_[placeOf( entity_, row, nullptr )];
+   }
+   void onMember( const AttributeRow & row, const void * key ) override {
+      ++seen_[placeOf( entity_, row, key )];
    }
 
-   Kelmo::Session server;
-   Kelmo::Session client;
-   Pipe down; // server to client
-   Pipe up;
-   bool connected = false;
-   std::string problem;
-
-   void connect() {
-      server.connected();
-      client.connected();
-      connected = true;
-   }
-   void cut() {
-      if( !connected ) return;
-      server.disconnected();
-      client.disconnected();
-      down.bytes.clear();
-      up.bytes.clear();
-      connected = false;
-   }
-   static void fill( Kelmo::Session & from, Pipe & pipe, size_t most ) {
-      if( pipe.stalled || pipe.bytes.size() >= pipe.capacity ) return;
-      size_t n = std::min( { from.output().size(), most, pipe.capacity - pipe.bytes.size() } );
-      auto * data = reinterpret_cast< const char * >( from.output().data() );
-      pipe.bytes.insert( pipe.bytes.end(), data, data + n );
-      from.carried( n );
-   }
-   void empty( Kelmo::Session & to, Pipe & pipe, size_t most ) {
-      if( pipe.stalled ) return;
-      std::string piece( pipe.bytes.begin(),
-                         pipe.bytes.begin() +
-                            static_cast< ptrdiff_t >( std::min( most, pipe.bytes.size() ) ) );
-      pipe.bytes.erase( pipe.bytes.begin(),
-                        pipe.bytes.begin() + static_cast< ptrdiff_t >( piece.size() ) );
-      try {
-         to.receive( piece.data(), piece.size() );
-      } catch( const StreamException & e ) {
-         if( !corrupted ) problem = e.what();
-         corrupted = false;
-         cut();
-      }
-   }
-   bool corrupted = false;
-
-   /// Moves some bytes of each pipe. True when anything moved.
-   bool pump( Random & random, bool all ) {
-      if( !connected ) return false;
-      size_t before =
-         down.bytes.size() + up.bytes.size() + server.output().size() + client.output().size();
-      size_t most = all ? 1 << 20 : 1 + random.below( random.oneIn( 2 ) ? 40 : 4000 );
-      fill( server, down, most );
-      fill( client, up, most );
-      empty( client, down, most );
-      if( connected ) empty( server, up, most );
-      if( !connected ) return true;
-      if( all ) {
-         server.drain();
-         client.drain();
-      }
-      return before || down.bytes.size() || up.bytes.size() || !server.output().empty() ||
-             !client.output().empty();
-   }
+ private:
+   std::map< std::string, uint32_t > & seen_;
+   const Entity & entity_;
+   Ptr< PtrInterface > relay_;
 };
 
-struct World {
-   explicit World( uint64_t seed ) : random( seed ) {
-      uint32_t count = 2 + random.below( 3 );
-      for( uint32_t i = 0; i < count; ++i ) trees.push_back( dirFactory() );
-      trees[0]->dirIs( "all" );
-      for( uint32_t i = 1; i < count; ++i ) {
-         // Chains and stars.
-         uint32_t from = random.oneIn( 2 ) ? i - 1 : 0;
-         links.push_back( std::make_unique< Link >( trees[from], trees[i] ) );
-         Link & link = *links.back();
-         link.client.mount( Kelmo::Mount( "all", "Zek::Dir", "r", Kelmo::MountFilter( false ) ) );
-         if( random.oneIn( 2 ) ) {
-            link.server.adapter().nboAttrLogOut().capacityIs( random.below( 3000 ) + 1 );
-         }
-         link.connect();
+class World {
+ public:
+   World( const Schedule & schedule, Situations & situations );
+   ~World();
+
+   Outcome run();
+
+ private:
+   friend class Reactor;
+
+   void step( uint32_t what );
+   void change( uint32_t tree, Entity & top );
+   void changed( uint32_t tree, const Change & change );
+   void cross();
+   void write();
+   void scribble();
+   void switchAdaptor();
+   void boundSequence();
+   void attachReactor();
+   void restart( uint32_t tree );
+   void settle();
+   void rest();
+   void reconnect( Link & link );
+   void check( bool afterDump );
+   void checkMemory();
+   Change writeContent( Entity & top );
+   void noteFull( const Link & link, const Change & change );
+   bool isWritable( uint32_t tree ) const;
+   Entity * mounted( const Link & link, const Kelmo::Mount & mount ) const;
+   Link & anyLink() { return *links_[random_.below( static_cast< uint32_t >( links_.size() ) )]; }
+   Dir::Ptr cloned( const Dir::Ptr & tree );
+   void problem( const std::string & what ) {
+      if( problem_.size() < 4000 ) problem_ += what + "\n";
+   }
+   void log( std::string what ) {
+      if( schedule_.describe && !what.empty() ) log_.push_back( std::move( what ) );
+   }
+   void reached( Situation situation ) { situations_.reached( situation ); }
+
+   const Schedule & schedule_;
+   Situations & situations_;
+   Random random_;
+   std::vector< Dir::Ptr > trees_; // the first is the source of all
+   std::vector< std::unique_ptr< Link > > links_;
+   std::vector< std::unique_ptr< Reactor > > reactors_;
+   /// Stored and rejected, by entity's path and attribute: told to nobody before the next dump.
+   std::set< std::string > untold_;
+   bool scribbled_ = false;
+   uint32_t reactions_ = 0; // that may still happen in this step
+   std::string problem_;
+   std::vector< std::string > log_;
+};
+
+World::World( const Schedule & schedule, Situations & situations )
+   : schedule_( schedule ),
+     situations_( situations ),
+     random_( mix( schedule.seed, 0 ) ) {
+   const uint32_t trees = 2 + random_.below( 3 );
+   const std::string child =
+      random_.oneIn( 2 )
+         ? "Ip::Status"
+         : rootTypes()[random_.below( static_cast< uint32_t >( rootTypes().size() ) )]->fullName;
+   for( uint32_t i = 0; i < trees; ++i ) trees_.push_back( dirFactory() );
+   Dir::Ptr all = trees_[0]->dirIs( "all" );
+   if( random_.oneIn( 2 ) ) {
+      for( const char * name : { "L3::Intf::StatusDir", "Ip::Status" } ) {
+         Entity::Ptr made = all->entityIs( name, Name( name ) );
+         for( int n = 0; n < 5; ++n ) mutate( random_, *made, false );
       }
    }
-   ~World() {
-      for( auto & link : links ) link->cut();
-      links.clear();
+   for( uint32_t i = 1; i < trees; ++i ) {
+      // Chains and stars.
+      const uint32_t from = random_.oneIn( 2 ) ? i - 1 : 0;
+      links_.push_back( std::make_unique< Link >( from, i, situations_ ) );
+      Link & link = *links_.back();
+      const bool mayWrite = from == 0 || isWritable( from );
+      const uint32_t which = random_.below( 4 ); // the directory, a child of it, or both
+      auto mount = [&]( const std::string & path, const std::string & type ) {
+         const uint32_t mode = random_.below( 10 );
+         const bool isDirectory = type == "Zek::Dir";
+         const char * name = mayWrite && which >= 2 && mode < 4 ? "w"
+                             : mode == 9 && isDirectory         ? "ri"
+                                                                : "r";
+         link.mounts.emplace_back( String( path ), String( type ), name,
+                                   Kelmo::MountFilter( mode == 8 ) );
+      };
+      if( which ) mount( "all", "Zek::Dir" );
+      if( which < 2 ) mount( "all/" + child, child );
+      // What members of the others refer to, from a mount of its own.
+      if( !which ) mount( "all/L3::Intf::StatusDir", "L3::Intf::StatusDir" );
+      if( which == 1 && random_.oneIn( 2 ) ) std::swap( link.mounts.front(), link.mounts.back() );
+      if( random_.oneIn( 2 ) ) link.capacity = 1 + random_.below( 3000 );
+      std::string how = "tree " + std::to_string( i ) + " of " + std::to_string( from ) +
+                        ", capacity " + std::to_string( link.capacity );
+      for( auto & m : link.mounts ) {
+         how += ", " + m.path().toString() + " " + m.mode().toString();
+         if( m.filter().structureOnly() ) how += " without content";
+      }
+      log( how );
+      link.serve( trees_[from] );
+      link.follow( trees_[i] );
+      link.connect();
+      if( link.mounts.size() == 2 ) {
+         if( which ) reached( Situation::twoMounts );
+         if( which && link.mounts[0].mode() != link.mounts[1].mode() )
+            reached( Situation::twoModes );
+      }
    }
+}
 
-   void step() {
-      uint32_t what = random.below( 100 );
-      Link & link = *links[random.below( static_cast< uint32_t >( links.size() ) )];
-      if( what < 60 ) {
-         for( uint32_t n = 1 + random.below( 8 ); n; --n ) {
-            log( mutate( random, *trees[0]->entity( "all" ) ) );
+World::~World() {
+   reactors_.clear();
+   for( auto & link : links_ ) link->cut();
+   links_.clear();
+}
+
+bool
+World::isWritable( uint32_t tree ) const {
+   for( auto & link : links_ ) {
+      if( link->copy != tree ) continue;
+      for( auto & mount : link->mounts ) {
+         if( mount.mode() != "w" ) return false;
+      }
+   }
+   return true;
+}
+
+Entity *
+World::mounted( const Link & link, const Kelmo::Mount & mount ) const {
+   return trees_[link.copy]->entityAt( mount.path().view() ).ptr();
+}
+
+// -- Steps ------------------------------------------------------------------------------------
+
+void
+Reactor::react( const AttributeRow & row ) {
+   if( !world_.reactions_ || !world_.random_.oneIn( 3 ) ) return;
+   --world_.reactions_;
+   if( writes_ ) {
+      auto & entity = static_cast< const Entity & >( *relay_->notifier() );
+      const bool same = world_.random_.oneIn( 2 ) && row.write;
+      Change made = mutate( world_.random_, Entity::Ptr( const_cast< Entity * >( &entity ) ),
+                            same ? &row : nullptr, world_.schedule_.describe );
+      world_.reached( same ? Situation::reactionAgainst : Situation::reaction );
+      made.text = "   reaction of tree " + std::to_string( tree_ ) + ": " + made.text;
+      world_.changed( tree_, made );
+   }
+   if( throws_ ) {
+      world_.reached( tree_ ? Situation::copyThrew : Situation::sourceThrew );
+      throw std::runtime_error( "a reaction" );
+   }
+}
+
+void
+World::change( uint32_t tree, Entity & top ) {
+   changed( tree, mutate( random_, top, schedule_.describe ) );
+}
+
+/// Looks at what a change left in the flows.
+void
+World::changed( uint32_t tree, const Change & change ) {
+   log( change.text );
+   if( !change.row ) return;
+   if( change.refused ) {
+      reached( Situation::rejectedValue );
+      untold_.insert( placeOf( *change.entity, *change.row, nullptr ) );
+   }
+   for( auto & link : links_ ) {
+      if( link->source == tree ) noteFull( *link, change );
+   }
+}
+
+void
+World::noteFull( const Link & link, const Change & change ) {
+   const AttributeRow & row = *change.row;
+   auto * sa = link.server->adapter().adaptorOf( *change.entity );
+   auto * flow = sa ? sa->flowOut() : nullptr;
+   if( !flow ) return;
+   if( !row.collection ) {
+      if( !flow->zekIsDirty( row.id ) ) return;
+      reached( row.stored->encode ? Situation::fullAtValue : Situation::fullAtPointer );
+      return;
+   }
+   auto * dirty = flow->dirtyCollection( row.id );
+   if( !dirty || !change.key.get() ) return;
+   const bool isThere = row.collection->find( change.entity.ptr(), change.key.get() );
+   if( dirty->resync && dirty->resync->hasBookmark() ) {
+      reached( isThere ? Situation::wholeInterrupted : Situation::deletedInWhole );
+   } else if( dirty->whole ) {
+      reached( Situation::outgrown );
+   }
+   auto at = dirty->keys.find( change.key.get() );
+   if( at == dirty->keys.end() ) return;
+   if( at->second && isThere ) reached( Situation::addedBackWhileDirty );
+   if( !isThere ) reached( Situation::removedWhileDirty );
+   reached( row.id == entityAttr         ? Situation::fullAtChildren
+            : row.has( ownsMembers )     ? Situation::fullAtMembers
+            : row.has( refersToMembers ) ? Situation::fullAtReferences
+            : row.has( isSet )           ? Situation::fullAtSet
+            : row.has( keyIsField )      ? Situation::fullAtKeyedValues
+                                         : Situation::fullAtValues );
+}
+
+/// Changes what an entity has, apart from members that it owns.
+Change
+World::writeContent( Entity & top ) {
+   std::vector< std::pair< Entity *, const AttributeRow * > > places;
+   forEachEntity( top, [&]( const Entity & e ) {
+      for( auto * row : shapeOf( e ).changed ) {
+         if( !row->has( ownsMembers ) ) places.emplace_back( const_cast< Entity * >( &e ), row );
+      }
+   } );
+   if( places.empty() ) return {};
+   auto & [entity, row] = places[random_.below( static_cast< uint32_t >( places.size() ) )];
+   return mutate( random_, Entity::Ptr( entity ), row, schedule_.describe );
+}
+
+/// A write to a copy that may be written, and another to the same attribute at the source.
+void
+World::cross() {
+   Link & link = anyLink();
+   const Kelmo::Mount & mount = link.mounts.front();
+   Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
+   if( !top ) return;
+   reached( Situation::crossingWrites );
+   Change made = writeContent( *top );
+   made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
+   changed( link.copy, made );
+   if( !made.row ) return;
+   if( Entity * twin = twinOf( *made.entity, *trees_[link.source] ) ) {
+      if( twin->fwkType() != made.entity->fwkType() ) return;
+      made = mutate( random_, Entity::Ptr( twin ), made.row, schedule_.describe );
+      made.text = "tree " + std::to_string( link.source ) + ": " + made.text;
+      changed( link.source, made );
+   }
+}
+
+void
+World::write() {
+   Link & link = anyLink();
+   for( auto & mount : link.mounts ) {
+      Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
+      if( !top ) continue;
+      reached( Situation::writtenCopy );
+      Change made = writeContent( *top );
+      made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
+      changed( link.copy, made );
+   }
+}
+
+/// A local change of a copy that may not be written: an error, and there until the next dump.
+void
+World::scribble() {
+   Link & link = anyLink();
+   const Kelmo::Mount & mount = link.mounts.front();
+   Entity * top = mount.mode() == "r" ? mounted( link, mount ) : nullptr;
+   if( !top ) return;
+   reached( Situation::scribbled );
+   scribbled_ = true;
+   Change made = mutate( random_, *top, schedule_.describe );
+   made.text = "scribble on tree " + std::to_string( link.copy ) + ": " + made.text;
+   changed( link.copy, made );
+}
+
+void
+World::switchAdaptor() {
+   Entity::Ptr all = trees_[0]->entity( "all" );
+   std::vector< Entity::Ptr > entities;
+   forEachEntity(
+      *all, [&]( const Entity & e ) { entities.emplace_back( const_cast< Entity * >( &e ) ); } );
+   Entity::Ptr entity = entities[random_.below( static_cast< uint32_t >( entities.size() ) )];
+   if( random_.oneIn( 2 ) ) {
+      log( "not logged for a while: " + EntityUriPath( *entity ).text() );
+      reached( Situation::notLogged );
+      entity->zekIsLoggedIs( false );
+      for( int i = 0; i < 3; ++i ) {
+         changed( 0, mutate( random_, entity, nullptr, schedule_.describe ) );
+      }
+      entity->zekIsLoggedIs( true );
+      return;
+   }
+   for( auto & link : links_ ) {
+      auto * sa = link->server->adapter().adaptorOf( *entity );
+      if( !sa ) continue;
+      log( "switched off for a while: " + EntityUriPath( *entity ).text() );
+      reached( Situation::switchedOff );
+      Entity::ZekNboAttrLogSa::Ptr held( sa );
+      const bool zombie = random_.oneIn( 2 );
+      zombie ? sa->zekDoZombieReactors( true ) : sa->hasNotificationActiveIs( false );
+      for( int i = 0; i < 3; ++i ) {
+         changed( link->source, mutate( random_, entity, nullptr, schedule_.describe ) );
+      }
+      zombie ? held->zekDoZombieReactors( false ) : held->hasNotificationActiveIs( true );
+      return;
+   }
+}
+
+void
+World::boundSequence() {
+   Link & link = anyLink();
+   const bool upwards = random_.oneIn( 4 );
+   auto & adapter = ( upwards ? link.client : link.server )->adapter();
+   std::vector< NboAttrLog::FlowOut * > flows;
+   forEachEntity( *trees_[upwards ? link.copy : link.source], [&]( const Entity & e ) {
+      auto * sa = adapter.adaptorOf( e );
+      if( sa && sa->flowOut() ) flows.push_back( sa->flowOut() );
+   } );
+   for( auto * flow : flows ) {
+      if( random_.oneIn( 2 ) ) flow->sequenceEndsAfter( 1 + random_.below( 12 ) );
+   }
+   log( "sequences end" );
+}
+
+void
+World::attachReactor() {
+   std::erase_if( reactors_, []( auto & r ) { return r->isGone(); } );
+   const uint32_t tree = random_.below( static_cast< uint32_t >( trees_.size() ) );
+   std::vector< const Entity * > entities;
+   forEachEntity( *trees_[tree], [&]( const Entity & e ) {
+      if( &e != trees_[tree].ptr() ) entities.push_back( &e );
+   } );
+   if( entities.empty() ) return;
+   const bool writer = isWritable( tree ) && random_.oneIn( 2 );
+   for( int i = 0; i < 4; ++i ) {
+      const Entity & entity =
+         *entities[random_.below( static_cast< uint32_t >( entities.size() ) )];
+      if( !entity.zekHasAttrLogInterface() ) continue;
+      // Content only: members that come and go are the steps' part.
+      auto & rows = shapeOf( entity ).changed;
+      const bool writes = writer && std::none_of( rows.begin(), rows.end(), []( auto * row ) {
+                             return row->has( ownsMembers );
+                          } );
+      const bool throws = !writes || random_.oneIn( 4 );
+      log( "reactor of tree " + std::to_string( tree ) + " on " + EntityUriPath( entity ).text() +
+           ( throws ? ", throws" : "" ) + ( writes ? ", writes" : "" ) );
+      reactors_.push_back( std::make_unique< Reactor >( *this, tree, entity, throws, writes ) );
+   }
+}
+
+/// The same content in another tree.
+Dir::Ptr
+World::cloned( const Dir::Ptr & tree ) {
+   Dir::Ptr copy = dirFactory();
+   Link link( 0, 0, situations_ );
+   link.mounts.emplace_back( "all", "Zek::Dir", "r", Kelmo::MountFilter( false ) );
+   link.serve( tree );
+   link.follow( copy );
+   link.connect();
+   while( link.pump( random_, true ) ) {}
+   link.cut();
+   return copy;
+}
+
+/// A process ends and begins again.
+void
+World::restart( uint32_t tree ) {
+   const bool same = tree == 0 && random_.oneIn( 2 );
+   log( "restart of tree " + std::to_string( tree ) + ( same ? " with the same content" : "" ) );
+   Dir::Ptr fresh = same ? cloned( trees_[tree] ) : dirFactory();
+   if( tree == 0 ) {
+      reached( same ? Situation::restartedSame : Situation::restartedOther );
+      fresh->dirIs( "all" );
+      if( !same ) {
+         for( int i = 0; i < 20; ++i ) mutate( random_, *fresh->entity( "all" ), false );
+      }
+   }
+   for( auto & link : links_ ) {
+      if( link->source != tree && link->copy != tree ) continue;
+      if( link->source == tree && tree ) reached( Situation::restartedHub );
+      if( link->copy == tree ) reached( Situation::restartedCopy );
+      link->cut();
+      ( link->source == tree ? link->server : link->client ) = nullptr;
+   }
+   trees_[tree] = fresh;
+   for( auto & link : links_ ) {
+      if( link->source == tree ) link->serve( fresh );
+      if( link->copy == tree ) link->follow( fresh );
+   }
+}
+
+void
+World::step( uint32_t what ) {
+   // Each with its share of 200.
+   auto share = [&what]( uint32_t n ) {
+      if( what < n ) return true;
+      what -= n;
+      return false;
+   };
+   Link & link = anyLink();
+   Pipe & pipe = random_.oneIn( 4 ) ? link.up : link.down;
+   if( share( 90 ) ) {
+      Entity::Ptr all = trees_[0]->entity( "all" );
+      for( uint32_t n = 1 + random_.below( 8 ); n; --n ) change( 0, *all );
+   } else if( share( 50 ) ) {
+      for( auto & each : links_ ) each->pump( random_, false );
+   } else if( share( 12 ) ) {
+      write();
+   } else if( share( 6 ) ) {
+      cross();
+   } else if( share( 8 ) ) {
+      pipe.stalled = !pipe.stalled;
+   } else if( share( 6 ) ) {
+      pipe.capacity = random_.below( 65536 );
+   } else if( share( 8 ) ) {
+      if( link.isConnected() ) log( "cut of tree " + std::to_string( link.copy ) );
+      link.cut();
+   } else if( share( 8 ) ) {
+      if( !link.isConnected() ) log( "tree " + std::to_string( link.copy ) + " connects" );
+      link.connect();
+   } else if( share( 2 ) ) {
+      if( pipe.size() ) {
+         log( "corrupt" );
+         pipe.corrupt( random_ );
+         link.corrupted = true;
+      }
+   } else if( share( 1 ) ) {
+      log( "all goes" );
+      trees_[0]->entityDel( "all" );
+      if( random_.oneIn( 3 ) ) link.pump( random_, false );
+      trees_[0]->dirIs( "all" );
+   } else if( share( 2 ) ) {
+      boundSequence();
+   } else if( share( 3 ) ) {
+      attachReactor();
+   } else if( share( 2 ) ) {
+      switchAdaptor();
+   } else if( share( 1 ) ) {
+      if( schedule_.seed % 8 == 0 ) scribble();
+   } else {
+      if( random_.oneIn( 2 ) ) restart( random_.oneIn( 2 ) ? 0 : link.copy );
+   }
+}
+
+// -- Rest -------------------------------------------------------------------------------------
+
+void
+World::settle() {
+   for( int round = 0; round < 1000; ++round ) {
+      bool moves = false;
+      for( auto & link : links_ ) {
+         link->open();
+         moves |= link->pump( random_, true ) || link->corrupted;
+      }
+      if( !moves ) return;
+   }
+   problem( "no rest" );
+}
+
+/// Cuts and connects; the copy is told what differs and nothing else.
+void
+World::reconnect( Link & link ) {
+   link.cut();
+   Entity::Ptr source = trees_[link.source]->entity( "all" );
+   Entity::Ptr copy = trees_[link.copy]->entity( "all" );
+   const bool measured = source && copy && link.mounts.size() == 1 &&
+                         link.mounts[0].path() == "all" && link.mounts[0].mode() == "r" &&
+                         !link.mounts[0].filter().structureOnly();
+   if( measured && random_.oneIn( 2 ) && link.source == 0 ) {
+      for( int i = 0; i < 5; ++i ) change( 0, *source );
+   }
+   std::map< std::string, uint32_t > seen;
+   std::vector< std::unique_ptr< Witness > > witnesses;
+   std::set< std::string > expected;
+   std::vector< std::string > instances;
+   if( measured ) {
+      for( auto & d : differences( source.ptr(), copy.ptr(), Depth::all ) ) {
+         expected.insert( d.place );
+         if( d.ofInstance ) instances.push_back( d.place );
+      }
+      forEachEntity( *copy, [&]( const Entity & e ) {
+         if( e.zekHasAttrLogInterface() ) {
+            witnesses.push_back( std::make_unique< Witness >( seen, e ) );
          }
-      } else if( what < 85 ) {
-         for( auto & each : links ) each->pump( random, false );
-      } else if( what < 88 ) {
-         link.down.stalled = !link.down.stalled;
-         log( link.down.stalled ? "stall" : "go on" );
-      } else if( what < 91 ) {
-         link.down.capacity = random.below( 65536 );
-      } else if( what < 94 ) {
-         log( "cut" );
-         link.cut();
-      } else if( what < 97 ) {
-         if( !link.connected ) {
-            log( "connect" );
-            link.connect();
+      } );
+   }
+   link.connect();
+   while( link.pump( random_, true ) ) {}
+   witnesses.clear();
+   if( !measured ) return;
+   reached( expected.empty() ? Situation::reconnectSilent : Situation::reconnectTold );
+   if( !instances.empty() ) return;
+   for( auto & [place, times] : seen ) {
+      if( !expected.contains( place ) ) problem( "told of " + place + ", which is as it was" );
+      if( times > 1 ) problem( "told " + std::to_string( times ) + " times of " + place );
+   }
+   for( auto & place : expected ) {
+      if( !seen.contains( place ) && !untold_.contains( place ) ) {
+         problem( "not told of " + place );
+      }
+   }
+}
+
+void
+World::rest() {
+   reactions_ = 10;
+   settle();
+   reactions_ = 0;
+   settle();
+   if( !scribbled_ ) check( false );
+   if( !problem_.empty() || ( !scribbled_ && untold_.empty() && !random_.oneIn( 3 ) ) ) return;
+   // From the source on, so that what each copy did not know reaches those behind it.
+   for( auto & link : links_ ) reconnect( *link );
+   settle();
+   scribbled_ = false;
+   untold_.clear();
+   if( problem_.empty() ) check( true );
+   if( !problem_.empty() ) problem( "after a reconnect" );
+}
+
+void
+World::check( bool afterDump ) {
+   for( auto & link : links_ ) {
+      const std::string name = "tree " + std::to_string( link->copy ) + ": ";
+      if( !link->problem.empty() ) problem( name + link->problem );
+      if( !link->isAtRest() ) problem( name + "not at rest" );
+      if( !link->client->isSynchronised() ) problem( name + "not synchronised" );
+      for( auto & mount : link->mounts ) {
+         if( mount.mode() == "ri" ) reached( Situation::entriesOnly );
+         if( mount.filter().structureOnly() ) reached( Situation::structureOnly );
+         const Depth depth = mount.mode() == "ri"             ? Depth::entries
+                             : mount.filter().structureOnly() ? Depth::structure
+                                                              : Depth::all;
+         Entity::Ptr source = trees_[link->source]->entityAt( mount.path().view() );
+         for( auto & d : differences( source.ptr(), mounted( *link, mount ), depth ) ) {
+            if( !afterDump && untold_.contains( d.place ) ) continue;
+            problem( name + d.place + " " + d.what );
          }
-      } else if( what < 98 || !random.oneIn( 10 ) ) {
-         if( !link.down.bytes.empty() ) {
-            log( "corrupt" );
-            auto & byte =
-               link.down.bytes[random.below( static_cast< uint32_t >( link.down.bytes.size() ) )];
-            byte = static_cast< char >( byte ^ ( 1 << random.below( 8 ) ) );
-            link.corrupted = true;
+      }
+   }
+   for( auto & link : links_ ) {
+      for( auto * session : { link->server.get(), link->client.get() } ) {
+         auto & in = session->adapter().nboAttrLogIn();
+         if( !problem_.empty() && in.refused() ) problem( "last refusal: " + in.lastRefusal() );
+      }
+   }
+   checkMemory();
+}
+
+/// What is held for readers that do not read is bounded by what lives.
+void
+World::checkMemory() {
+   for( auto & link : links_ ) {
+      for( bool upwards : { false, true } ) {
+         auto & adapter = ( upwards ? link->client : link->server )->adapter();
+         const auto & out = adapter.nboAttrLogOut();
+         if( out.buffer().size() > out.capacity() + 32768 ) {
+            problem( std::to_string( out.buffer().size() ) + " bytes wait where " +
+                     std::to_string( out.capacity() ) + " may" );
          }
+         forEachEntity( *trees_[upwards ? link->copy : link->source], [&]( const Entity & e ) {
+            auto * sa = adapter.adaptorOf( e );
+            if( !sa || !sa->flowOut() ) return;
+            for( auto * row : sa->plan().collections ) {
+               auto * keys = sa->flowOut()->dirtyKeys( row->id );
+               if( keys && keys->size() > 2 * row->collection->count( &e ) + 16 ) {
+                  problem( placeOf( e, *row, nullptr ) + " has " + std::to_string( keys->size() ) +
+                           " dirty keys" );
+               }
+            }
+         } );
+      }
+   }
+}
+
+Outcome
+World::run() {
+   uint32_t i = 0;
+   for( ; i < schedule_.steps && problem_.empty(); ++i ) {
+      if( i < schedule_.dropped.size() && schedule_.dropped[i] ) continue;
+      random_ = Random( mix( schedule_.seed, i + 1 ) );
+      reactions_ = 10;
+      if( random_.oneIn( 60 ) ) {
+         log( "-- rest" );
+         rest();
       } else {
-         log( "new root" );
-         trees[0]->entityDel( "all" );
-         if( random.oneIn( 3 ) ) link.pump( random, false );
-         trees[0]->dirIs( "all" );
+         step( random_.below( 200 ) );
       }
+      if( i % 8 == 0 ) checkMemory();
    }
-
-   void rest() {
-      for( int round = 0; round < 10000; ++round ) {
-         bool moved = false;
-         for( auto & link : links ) {
-            link->down.stalled = link->up.stalled = false;
-            link->down.capacity = link->up.capacity = 1 << 20;
-            if( !link->connected ) link->connect();
-            moved |= link->pump( random, true );
-         }
-         if( !moved ) return;
-      }
-      log( "no rest" );
-   }
-
-   std::string check() {
-      std::string found;
-      for( size_t i = 0; i < links.size(); ++i ) {
-         Link & link = *links[i];
-         if( !link.problem.empty() )
-            found += "link " + std::to_string( i ) + ": " + link.problem + "\n";
-         if( !link.server.isAtRest() || !link.client.isAtRest() ) found += "not at rest\n";
-         if( !link.client.isSynchronised() ) found += "not synchronised\n";
-      }
-      for( size_t i = 1; i < trees.size(); ++i ) {
-         Entity::Ptr source = trees[0]->entity( "all" );
-         Entity::Ptr copy = trees[i]->entity( "all" );
-         if( !copy ) {
-            found += "no copy\n";
-            continue;
-         }
-         std::string differs = difference( *source, *copy );
-         if( !differs.empty() ) found += "tree " + std::to_string( i ) + ":\n" + differs;
-      }
-      return found;
-   }
-
-   void log( const std::string & what ) { steps.push_back( what ); }
-
-   Random random;
-   std::vector< Dir::Ptr > trees;
-   std::vector< std::unique_ptr< Link > > links;
-   std::vector< std::string > steps;
-};
+   random_ = Random( mix( schedule_.seed, 0 ) );
+   if( problem_.empty() ) rest();
+   return { problem_, i, std::move( log_ ) };
+}
 
 } // namespace
 
-std::string
-simulate( uint64_t seed, uint32_t steps ) {
-   std::string found;
-   World world( seed );
-   for( uint32_t i = 0; i < steps && found.empty(); ++i ) {
-      world.step();
-      if( world.random.oneIn( 60 ) ) {
-         world.rest();
-         found = world.check();
+Outcome
+simulate( const Schedule & schedule, Situations & situations ) {
+   const Live before = liveObjects();
+   Outcome outcome;
+   {
+      World world( schedule, situations );
+      try {
+         outcome = world.run();
+      } catch( const std::exception & e ) {
+         outcome = { std::string( "threw " ) + e.what(), schedule.steps, {} };
       }
    }
-   if( found.empty() ) {
-      world.rest();
-      found = world.check();
+   if( !outcome.problem.empty() ) return outcome;
+   for( auto & [type, count] : liveObjects() ) {
+      auto at = before.find( type );
+      const uint64_t were = at == before.end() ? 0 : at->second;
+      if( count != were ) {
+         outcome.problem += std::to_string( count ) + " of " + type->name() + " live where " +
+                            std::to_string( were ) + " did\n";
+      }
    }
-   if( found.empty() ) return found;
-   std::string last;
-   size_t from = world.steps.size() > 60 ? world.steps.size() - 60 : 0;
-   for( size_t i = from; i < world.steps.size(); ++i ) last += "   " + world.steps[i] + "\n";
-   return "seed " + std::to_string( seed ) + "\n" + last + found;
+   return outcome;
+}
+
+std::string
+simulateSeed( uint64_t seed, Situations & situations ) {
+   Schedule schedule{ seed };
+   Outcome outcome = simulate( schedule, situations );
+   if( outcome.problem.empty() ) return "";
+   // As few steps as show a fault still.
+   Situations ignored;
+   schedule.steps = std::min( schedule.steps, outcome.steps );
+   schedule.dropped.assign( schedule.steps, false );
+   if( simulate( schedule, ignored ).problem.empty() ) schedule = { seed };
+   schedule.dropped.resize( schedule.steps );
+   for( uint32_t size = schedule.steps / 2; size; size /= 2 ) {
+      for( uint32_t at = 0; at < schedule.steps; at += size ) {
+         Schedule fewer = schedule;
+         for( uint32_t i = at; i < std::min( at + size, schedule.steps ); ++i ) {
+            fewer.dropped[i] = true;
+         }
+         if( fewer.dropped == schedule.dropped ) continue;
+         if( !simulate( fewer, ignored ).problem.empty() ) schedule = std::move( fewer );
+      }
+   }
+   schedule.describe = true;
+   outcome = simulate( schedule, ignored );
+   std::string text = "seed " + std::to_string( seed ) + "\n";
+   for( auto & line : outcome.log ) text += "   " + line + "\n";
+   return text + outcome.problem;
 }
 
 } // namespace ipstate::test

@@ -1,18 +1,33 @@
-// Trees joined by sessions over simulated pipes, in one thread, from one seed.
+// Trees joined by sessions over simulated pipes, in one thread, from one seed: whatever happens on
+// the way, at rest every copy equals its source.
 
 #pragma once
 
-#include "platform/Kelmo/Session.h"
-#include "tests/stream/Trees.h"
+#include "tests/stream/Situations.h"
 
-#include <memory>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace ipstate::test {
 
-/// Runs the schedule of a seed to its end. Empty when every copy equals its source; else what
-/// differs, with the last steps.
-std::string simulate( uint64_t seed, uint32_t steps = 200 );
+struct Outcome {
+   std::string problem;            // empty: none
+   uint32_t steps;                 // taken until it was seen
+   std::vector< std::string > log; // of what the steps did, when asked for
+};
+
+/// Each step draws from a source of its own, so that others can be left out.
+struct Schedule {
+   uint64_t seed;
+   uint32_t steps = 120;
+   std::vector< bool > dropped = {}; // by step
+   bool describe = false;
+};
+
+Outcome simulate( const Schedule & schedule, Situations & situations );
+
+/// Runs a seed. Empty, or what was found, with the steps that are needed for it.
+std::string simulateSeed( uint64_t seed, Situations & situations );
 
 } // namespace ipstate::test

@@ -1,13 +1,32 @@
 #include "tests/stream/Trees.h"
 
+#include "framework/Exception.h"
+#include "framework/ValueOps.h"
+
 #include <algorithm>
+#include <map>
 #include <set>
 
 namespace ipstate::test {
 
 using namespace Zek;
 
-namespace {
+Shape::Shape( const TypeDescriptor & type ) : plan( type ), changed( plan.plain ) {
+   for( auto * row : plan.collections ) {
+      if( row->has( ownsMembers ) ) owning.push_back( row );
+      // A child directory in every record would be more than anyone has.
+      if( row->id != entityAttr || &type == &Dir::zekTypeDescriptor_ ) changed.push_back( row );
+   }
+}
+
+const Shape &
+shapeOf( const Entity & entity ) {
+   static std::map< const TypeDescriptor *, Shape > shapes;
+   const TypeDescriptor * type = entity.fwkType();
+   auto at = shapes.find( type );
+   if( at == shapes.end() ) at = shapes.emplace( type, *type ).first;
+   return at->second;
+}
 
 const std::vector< const TypeDescriptor * > &
 rootTypes() {
@@ -29,141 +48,199 @@ rootTypes() {
    return types;
 }
 
+namespace {
+
 const Entity &
 topOf( const Entity & entity ) {
    return EntityUriPath( entity ).root();
+}
+
+template< class T >
+const T &
+oneOf( Random & random, const std::vector< T > & all ) {
+   return all[random.below( static_cast< uint32_t >( all.size() ) )];
 }
 
 /// A random entity of the type in the tree, or null.
 Entity *
 randomEntity( Random & random, const Entity & top, const TypeDescriptor & type ) {
    std::vector< Entity * > found;
-   walk( topOf( top ), [&]( const Entity & e ) {
+   forEachEntity( topOf( top ), [&]( const Entity & e ) {
       if( e.fwkType()->isA( type ) ) found.push_back( const_cast< Entity * >( &e ) );
    } );
    if( found.empty() || random.oneIn( 6 ) ) return nullptr;
-   return found[random.below( static_cast< uint32_t >( found.size() ) )];
+   return oneOf( random, found );
 }
 
-std::string
-changeMember( Random & random, Entity & entity, const AttributeRow & row ) {
+void
+changeChild( Random & random, Change & change ) {
+   Entity & directory = *change.entity;
+   auto keyIs = [&]( const String & name ) {
+      change.key = AnyKey( valueOps< String >, &name );
+      return name;
+   };
+   if( random.oneIn( 3 ) ) {
+      std::vector< String > names;
+      for( auto i = directory.entityIteratorConst(); i; ++i ) names.emplace_back( i.key().view() );
+      if( names.empty() ) return;
+      const String name = keyIs( oneOf( random, names ) );
+      change.text = "Del " + name.toString();
+      directory.entityDel( name );
+      return;
+   }
+   const TypeDescriptor & type = *oneOf( random, rootTypes() );
+   const Name name( random.oneIn( 3 ) ? std::string( 1, char( 'a' + random.below( 4 ) ) )
+                                      : std::string( type.fullName ) );
+   keyIs( String( name.view() ) );
+   change.text = "Is " + std::string( name.view() ) + " a " + type.fullName;
+   const void * arguments[] = { &name };
+   Ptr< PtrInterface > made = type.create( arguments );
+   directory.entityIs( Entity::Ptr( static_cast< Entity * >( made.ptr() ) ) );
+}
+
+void
+addInstance( Random & random, Change & change ) {
+   Entity & entity = *change.entity;
+   const TypeDescriptor & type = *change.row->type;
+   std::vector< AnyKey > values;
+   std::vector< Entity::Ptr > pointers( type.constructorParameters.size() );
+   std::vector< const void * > arguments;
+   for( size_t i = 1; i < type.constructorParameters.size(); ++i ) {
+      const ParameterRow & parameter = type.constructorParameters[i];
+      if( parameter.isPointer ) {
+         pointers[i] = Entity::Ptr( randomEntity( random, entity, *parameter.type ) );
+         arguments.push_back( &pointers[i] );
+      } else {
+         values.push_back( randomKey( random, *parameter.type ) );
+         arguments.push_back( values.back().get() );
+      }
+   }
+   change.row->collection->is( &entity, change.key.get(), arguments.data() );
+}
+
+void
+changeMember( Random & random, Change & change ) {
+   Entity & entity = *change.entity;
+   const AttributeRow & row = *change.row;
    const CollectionOps & ops = *row.collection;
    if( random.oneIn( 200 ) ) {
+      change.text = "DelAll";
       ops.delAll( &entity );
-      return "DelAll";
+      return;
    }
    if( row.id == entityAttr ) {
-      if( random.oneIn( 3 ) ) {
-         const PtrInterface * child = ops.first( &entity );
-         if( !child ) return "nothing";
-         std::vector< String > names;
-         walk( entity, [&]( const Entity & e ) {
-            if( e.parent() == &entity ) names.push_back( String( e.name().view() ) );
-         } );
-         const String & name = names[random.below( static_cast< uint32_t >( names.size() ) )];
-         ops.del( &entity, &name );
-         return "Del " + name.toString();
-      }
-      auto & types = rootTypes();
-      const TypeDescriptor & type = *types[random.below( static_cast< uint32_t >( types.size() ) )];
-      const Name name( random.oneIn( 3 ) ? std::string( 1, char( 'a' + random.below( 4 ) ) )
-                                         : std::string( type.fullName ) );
-      const void * arguments[] = { &name };
-      Ptr< PtrInterface > made = type.create( arguments );
-      entity.entityIs( Entity::Ptr( static_cast< Entity * >( made.ptr() ) ) );
-      return "Is " + name.toString() + " a " + type.fullName;
+      changeChild( random, change );
+      return;
    }
-   AnyKey key = randomKey( random, *row.keyType );
-   std::string keyText;
-   row.keyType->values->append( key.get(), keyText );
-   if( random.oneIn( 3 ) ) {
-      ops.del( &entity, key.get() );
-      return "Del " + keyText;
+   change.key = randomKey( random, *row.keyType );
+   const void * key = change.key.get();
+   const bool replaces = row.has( ownsMembers ) && random.oneIn( 4 );
+   if( replaces || random.oneIn( 3 ) ) {
+      change.text = replaces ? "Del and Is" : "Del";
+      ops.del( &entity, key );
+      if( !replaces ) return;
+   } else {
+      change.text = "Is";
    }
    if( row.has( refersToMembers ) ) {
       Entity::Ptr target( randomEntity( random, entity, *row.type ) );
-      if( !target ) return "nothing";
+      if( !target ) return;
+      change.text += " -> " + target->fullName().toString();
+      withMemberKey( row, target.ptr(),
+                     [&]( const void * at ) { change.key = AnyKey( *row.keyType->values, at ); } );
       ops.is( &entity, &target, nullptr );
-      return "Is -> " + target->fullName().toString();
-   }
-   if( row.has( ownsMembers ) ) {
-      const TypeDescriptor & type = *row.type;
-      std::vector< AnyKey > values;
-      std::vector< Entity::Ptr > pointers( type.constructorParameters.size() );
-      std::vector< const void * > arguments;
-      for( size_t i = 1; i < type.constructorParameters.size(); ++i ) {
-         const ParameterRow & parameter = type.constructorParameters[i];
-         if( parameter.isPointer ) {
-            pointers[i] = Entity::Ptr( randomEntity( random, entity, *parameter.type ) );
-            arguments.push_back( &pointers[i] );
-         } else {
-            values.push_back( randomKey( random, *parameter.type ) );
-            arguments.push_back( values.back().get() );
+   } else if( row.has( ownsMembers ) ) {
+      addInstance( random, change );
+   } else if( row.has( isSet ) ) {
+      ops.is( &entity, key, nullptr );
+   } else if( row.has( keyIsField ) ) {
+      AnyKey value = randomKey( random, *row.type );
+      for( const AttributeRow & field : row.type->attributes ) {
+         if( field.has( isKey ) ) {
+            change.key = AnyKey( *row.keyType->values, field.address( value.get() ) );
          }
       }
-      ops.is( &entity, key.get(), arguments.data() );
-      return "Is " + keyText;
-   }
-   if( row.has( isSet ) ) {
-      ops.is( &entity, key.get(), nullptr );
-      return "Is " + keyText;
-   }
-   AnyKey value = randomKey( random, *row.type );
-   const void * arguments[] = { value.get() };
-   if( row.has( keyIsField ) ) {
       ops.is( &entity, value.get(), nullptr );
    } else {
-      ops.is( &entity, key.get(), arguments );
+      AnyKey value = randomKey( random, *row.type );
+      const void * arguments[] = { value.get() };
+      ops.is( &entity, key, arguments );
    }
-   return "Is " + keyText + " value";
 }
 
 } // namespace
 
-Dir::Ptr
-makeTree() {
-   Dir::Ptr root = dirFactory();
-   root->dirIs( "all" );
-   return root;
-}
-
-std::string
-mutate( Random & random, Entity & top ) {
-   std::vector< Entity::Ptr > all;
-   walk( top, [&]( const Entity & e ) { all.emplace_back( const_cast< Entity * >( &e ) ); } );
-   // The directory itself now and then, so that there is something to change.
-   Entity::Ptr entity =
-      random.oneIn( 8 ) ? all.front() : all[random.below( static_cast< uint32_t >( all.size() ) )];
-   NboAttrLog::Plan plan( *entity->fwkType() );
-   std::vector< const AttributeRow * > rows = plan.plain;
-   for( auto * row : plan.collections ) {
-      // A child directory in every record would be more than anyone has.
-      if( row->id != entityAttr || entity->fwkType() == &Dir::zekTypeDescriptor_ ) {
-         rows.push_back( row );
-      }
-   }
-   if( rows.empty() ) return "nothing";
-   const AttributeRow & row = *rows[random.below( static_cast< uint32_t >( rows.size() ) )];
-   std::string what = EntityUriPath( *entity ).text() + "." + row.name + " ";
+Change
+mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted, bool describe ) {
+   Change change;
+   change.entity = entity;
+   const auto & rows = shapeOf( *entity ).changed;
+   if( rows.empty() ) return change;
+   const AttributeRow & row = wanted ? *wanted : *oneOf( random, rows );
+   change.row = &row;
+   const std::string where = describe ? EntityUriPath( *entity ).text() : "";
+   std::string refusal;
    try {
       if( row.collection ) {
-         what += changeMember( random, *entity, row );
+         changeMember( random, change );
       } else if( row.stored->encode ) {
          AnyKey value = AnyKey::zero( *row.stored );
          randomise( random, row, value.get() );
+         if( describe ) row.stored->append( value.get(), change.text );
          row.write( entity.ptr(), value.get() );
-         std::string text;
-         row.stored->append( value.get(), text );
-         what += "= " + text;
       } else {
          Entity::Ptr target( randomEntity( random, *entity, *row.type ) );
+         if( describe ) change.text = "-> " + ( target ? target->fullName().toString() : "null" );
          row.write( entity.ptr(), &target );
-         what += "-> " + ( target ? target->fullName().toString() : "null" );
       }
+   } catch( const RangeException & e ) {
+      change.refused = true;
+      refusal = e.what();
    } catch( const std::exception & e ) {
-      what += std::string( " threw " ) + e.what();
+      refusal = e.what();
    }
-   return what;
+   if( describe ) {
+      std::string text = where + "." + row.name;
+      if( change.key.get() ) {
+         text += "[";
+         row.keyType->values->append( change.key.get(), text );
+         text += "]";
+      }
+      change.text = text + " " + change.text + ( refusal.empty() ? "" : " threw " + refusal );
+   }
+   return change;
+}
+
+Change
+mutate( Random & random, Entity & top, bool describe ) {
+   std::vector< Entity * > all;
+   forEachEntity( top, [&]( const Entity & e ) { all.push_back( const_cast< Entity * >( &e ) ); } );
+   // The directory itself now and then, so that there is something to change.
+   Entity * entity = random.oneIn( 8 ) ? &top : oneOf( random, all );
+   return mutate( random, Entity::Ptr( entity ), nullptr, describe );
+}
+
+Entity *
+twinOf( const Entity & entity, const Entity & otherRoot ) {
+   Wire::Buffer bytes;
+   Wire::Encoder out( bytes );
+   EntityUriPath( entity ).encodeTo( out );
+   Wire::Decoder in( bytes.data(), bytes.size() );
+   return EntityUriPath::resolve( otherRoot, in );
+}
+
+std::string
+placeOf( const Entity & entity, const AttributeRow & row, const void * key ) {
+   std::string text = EntityUriPath( entity ).text();
+   if( row.id == entityAttr && key ) {
+      return text + "/" + static_cast< const String * >( key )->toString();
+   }
+   text += row.has( ownsMembers ) ? '/' : '.';
+   text += row.name;
+   if( !key ) return text;
+   text += '[';
+   row.keyType->values->append( key, text );
+   return text += ']';
 }
 
 // -- Comparison -------------------------------------------------------------------------------
@@ -192,86 +269,135 @@ storedText( const AttributeRow & row, const Entity & entity, const Entity & top 
 struct Comparison {
    const Entity & sourceTop;
    const Entity & copyTop;
-   std::string found;
+   Depth depth;
+   std::vector< Difference > found;
 
-   void differs( const Entity & where, const std::string & what ) {
-      found += EntityUriPath( where ).text() + " " + what + "\n";
+   void differs( std::string place, std::string what, bool ofInstance = false ) {
+      found.push_back( { std::move( place ), std::move( what ), ofInstance } );
    }
 
-   void compareStored( const AttributeRow & row, const Entity & source, const Entity & copy ) {
+   /// Whether the pointer leads to what the copy does not have: it waits there.
+   bool waits( const AttributeRow & row, const Entity & source ) const {
+      auto * target = *static_cast< PtrInterface * const * >( row.address( &source ) );
+      return target && isAbsent( *static_cast< const Entity * >( target ) );
+   }
+   bool isAbsent( const Entity & target ) const {
+      return &topOf( target ) == &sourceTop && !twinOf( target, copyTop );
+   }
+   bool waitsForArgument( const PtrInterface * member ) const {
+      auto & entity = *static_cast< const Entity * >( member );
+      for( auto * row : shapeOf( entity ).plan.parameters ) {
+         if( !row->stored->encode && waits( *row, entity ) ) return true;
+      }
+      return false;
+   }
+
+   /// True when the values are the same as far as anyone can be told.
+   bool compareStored( const AttributeRow & row, const Entity & source, const Entity & copy,
+                       std::string & what ) const {
+      if( row.stored->encode &&
+          row.stored->equal( row.address( &source ), row.address( &copy ) ) ) {
+         return true;
+      }
+      if( !row.stored->encode && waits( row, source ) ) return true;
       std::string expected = storedText( row, source, sourceTop );
-      if( expected == outside ) return;
+      if( expected == outside ) return true;
       std::string actual = storedText( row, copy, copyTop );
-      if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) return;
-      if( expected != actual ) {
-         differs( source, std::string( row.name ) + ": " + expected + ", copy " + actual );
+      if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) {
+         return true;
+      }
+      if( expected == actual ) return true;
+      what = std::string( row.name ) + ": " + expected + ", copy " + actual;
+      return false;
+   }
+
+   void compareMember( const AttributeRow & row, const Entity & source, const Entity & copy,
+                       const PtrInterface * member, const void * key ) {
+      const CollectionOps & ops = *row.collection;
+      const PtrInterface * twin = ops.find( &copy, key );
+      if( row.has( refersToMembers ) && ( pathOf( member, sourceTop ) == outside ||
+                                          isAbsent( *static_cast< const Entity * >( member ) ) ) ) {
+         return;
+      }
+      if( !twin && row.has( ownsMembers ) && waitsForArgument( member ) ) return;
+      if( !twin ) {
+         differs( placeOf( source, row, key ), "missing", row.has( ownsMembers ) );
+      } else if( row.has( ownsMembers ) ) {
+         compare( *static_cast< const Entity * >( member ), *static_cast< const Entity * >( twin ),
+                  depth == Depth::entries ? 1 : 0 );
+      } else if( row.has( refersToMembers ) ) {
+         if( pathOf( member, sourceTop ) != pathOf( twin, copyTop ) ) {
+            differs( placeOf( source, row, key ), "-> " + pathOf( twin, copyTop ) );
+         }
+      } else if( ops.memberValue &&
+                 !row.type->values->equal( ops.memberValue( member ), ops.memberValue( twin ) ) ) {
+         differs( placeOf( source, row, key ), "has another value" );
       }
    }
 
    void compareMembers( const AttributeRow & row, const Entity & source, const Entity & copy ) {
       const CollectionOps & ops = *row.collection;
-      const PtrInterface * member = ops.first( &source );
-      while( member ) {
-         member = withMemberKey( row, member, [&]( const void * key ) {
-            std::string text( row.name );
-            text += "[";
-            row.keyType->values->append( key, text );
-            text += "]";
-            const PtrInterface * twin = ops.find( &copy, key );
-            bool untold = row.has( refersToMembers ) && pathOf( member, sourceTop ) == outside;
-            if( untold ) {
-               // nobody can be told of it
-            } else if( !twin ) {
-               differs( source, text + " missing" );
-            } else if( row.has( ownsMembers ) ) {
-               compare( *static_cast< const Entity * >( member ),
-                        *static_cast< const Entity * >( twin ) );
-            } else if( row.has( refersToMembers ) ) {
-               if( pathOf( member, sourceTop ) != pathOf( twin, copyTop ) ) {
-                  differs( source, text + " -> " + pathOf( twin, copyTop ) );
-               }
-            } else if( ops.memberValue && !row.type->values->equal( ops.memberValue( member ),
-                                                                    ops.memberValue( twin ) ) ) {
-               differs( source, text + " has another value" );
-            }
-            return ops.after( &source, key );
-         } );
-      }
-      member = ops.first( &copy );
-      while( member ) {
-         member = withMemberKey( row, member, [&]( const void * key ) {
-            if( !ops.find( &source, key ) ) {
-               std::string text( row.name );
-               text += "[";
-               row.keyType->values->append( key, text );
-               differs( source, text + "] too many" );
-            }
-            return ops.after( &copy, key );
-         } );
-      }
+      auto each = [&]( const Entity & of, auto visit ) {
+         const PtrInterface * member = ops.first( &of );
+         while( member ) {
+            member = withMemberKey( row, member, [&]( const void * key ) {
+               visit( member, key );
+               return ops.after( &of, key );
+            } );
+         }
+      };
+      each( source, [&]( const PtrInterface * member, const void * key ) {
+         compareMember( row, source, copy, member, key );
+      } );
+      each( copy, [&]( const PtrInterface *, const void * key ) {
+         if( ops.find( &source, key ) ) return;
+         differs( placeOf( source, row, key ), "too many", row.has( ownsMembers ) );
+      } );
    }
 
-   void compare( const Entity & source, const Entity & copy ) {
+   /// `level`: 1 where only what makes the instance is told.
+   void compare( const Entity & source, const Entity & copy, int level ) {
+      std::string what;
       if( source.fwkType() != copy.fwkType() ) {
-         differs( source, std::string( "is a " ) + source.fwkType()->fullName + ", copy a " +
-                             copy.fwkType()->fullName );
+         differs( EntityUriPath( source ).text(),
+                  std::string( "is a " ) + source.fwkType()->fullName + ", copy a " +
+                     copy.fwkType()->fullName,
+                  true );
          return;
       }
-      if( !source.zekHasAttrLogInterface() ) return;
-      NboAttrLog::Plan plan( *source.fwkType() );
-      for( auto * row : plan.parameters ) compareStored( *row, source, copy );
-      for( auto * row : plan.plain ) compareStored( *row, source, copy );
-      for( auto * row : plan.collections ) compareMembers( *row, source, copy );
+      const Shape & shape = shapeOf( source );
+      for( auto * row : shape.plan.parameters ) {
+         // One with a mutator is content.
+         if( !row->write && !compareStored( *row, source, copy, what ) ) {
+            differs( EntityUriPath( source ).text(), what, true );
+         }
+      }
+      if( level == 1 || !source.zekHasAttrLogInterface() ) return;
+      if( depth == Depth::all ) {
+         for( auto * row : shape.plan.plain ) {
+            if( !compareStored( *row, source, copy, what ) ) {
+               differs( placeOf( source, *row, nullptr ), what );
+            }
+         }
+      }
+      for( auto * row : shape.plan.collections ) {
+         if( depth == Depth::all || row->has( ownsMembers ) ) compareMembers( *row, source, copy );
+      }
    }
 };
 
 } // namespace
 
-std::string
-difference( const Entity & source, const Entity & copy ) {
-   Comparison comparison{ topOf( source ), topOf( copy ), {} };
-   comparison.compare( source, copy );
-   return comparison.found;
+std::vector< Difference >
+differences( const Entity * source, const Entity * copy, Depth depth ) {
+   if( !source && !copy ) return {};
+   if( !source || !copy ) {
+      return { { EntityUriPath( source ? *source : *copy ).text(), source ? "missing" : "too many",
+                 true } };
+   }
+   Comparison comparison{ topOf( *source ), topOf( *copy ), depth, {} };
+   comparison.compare( *source, *copy, 0 );
+   return std::move( comparison.found );
 }
 
 } // namespace ipstate::test
