@@ -151,14 +151,14 @@ World::World( const Schedule & schedule, Situations & situations )
    const uint32_t trees = 2 + random_.below( 3 );
    const std::string child =
       random_.oneIn( 2 )
-         ? "Ip::Status"
+         ? "Ip::Input::Status"
          : rootTypes()[random_.below( static_cast< uint32_t >( rootTypes().size() ) )]->fullName;
    for( uint32_t i = 0; i < trees; ++i ) trees_.push_back( dirFactory() );
    Dir::Ptr all = trees_[0]->dirIs( "all" );
    if( random_.oneIn( 2 ) ) {
-      for( const char * name : { "L3::Intf::StatusDir", "Ip::Status" } ) {
+      for( const char * name : { "L3::Intf::StatusDir", "Ip::Input::Status" } ) {
          Entity::Ptr made = all->entityIs( name, Name( name ) );
-         for( int n = 0; n < 5; ++n ) mutate( random_, *made, false );
+         for( int n = 0; n < 12; ++n ) mutate( random_, *made, false );
       }
    }
    for( uint32_t i = 1; i < trees; ++i ) {
