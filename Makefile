@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 export JOBS
 
-.PHONY: run build test bench fuzz reference format tidy install clean
+.PHONY: run build test soak bench fuzz reference format tidy install clean
 
 # Mirrors this machine's kernel. Where standard output is no terminal, ipstated ends after the
 # table; so that only the table is there, the build speaks on standard error.
@@ -18,6 +18,17 @@ build:
 test:
 	@scripts/install-packages build test tidy
 	@scripts/run-tests
+
+# Any number of simulated connections, on all processors, optimised and with assertions; then as
+# many scripts against the kernel as SCRIPTS says: make soak SEEDS=1000000 FIRST=1
+SEEDS ?= 10000
+FIRST ?= 1
+SCRIPTS ?= 100
+soak:
+	@scripts/install-packages build test
+	@cmake --preset release -B build/soak -D IPSTATE_TESTS=ON >&2
+	@cmake --build build/soak --target stream_test agents_test -j $(JOBS) >&2
+	@scripts/soak build/soak $(FIRST) $(SEEDS) $(SCRIPTS)
 
 # One program: make bench BENCH=bench_HashMap
 bench:
