@@ -16,7 +16,7 @@
 #include "platform/Kelmo/Session.h"
 
 #ifdef BENCH_PROTOBUF
-#include "IntfStatus.pb.h"
+#include <IntfStatus.pb.h>
 #endif
 
 #include <algorithm>

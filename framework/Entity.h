@@ -200,11 +200,17 @@ disownMember( Entity & member ) {
    member.parentAttrIdIs( 0 );
 }
 
-/// Clears the parent of every member of an owning collection; run by the dying parent.
+/// Clears the parent of every member of an owning collection; run by the dying parent, which none
+/// of those who learn of it may ask any more.
 template< class Map >
 void
 orphanMembers( Map & members ) {
-   for( typename Map::Iterator i( members ); i; ++i ) disownMember( *i.ptr() );
+   for( typename Map::Iterator i( members ); i; ++i ) {
+      Entity & member = *i.ptr();
+      member.parentIs( nullptr );
+      member.parentAttrIdIs( 0 );
+      if( !member.notifieeList().idle() ) member.notifieeList().tellLeaving();
+   }
 }
 
 [[noreturn]] IPSTATE_EXPORT void throwParameterDiffers( const Entity & member,
