@@ -336,8 +336,7 @@ Sa::boundToOwner() {
 // -- Entities ---------------------------------------------------------------------------------
 
 Sa::Ptr
-Entity::zekNboAttrLogSaIs( uint32_t flags, uint32_t id, NboAttrLog::Out & out ) {
-   static_cast< void >( id );
+Entity::zekNboAttrLogSaIs( uint32_t flags, uint32_t, NboAttrLog::Out & out ) {
    return out.adapter().adaptorIs( *this, flags );
 }
 

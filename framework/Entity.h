@@ -102,8 +102,8 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// Streams the changes of this entity to other processes (framework/AttrLog.h).
    class ZekNboAttrLogSa;
    /// The adaptor that streams this entity to `out`, made if there is none: one per entity and
-   /// stream. Null for a type without attribute log. `flags`: of ZekNboAttrLogSa::Flag; `id`: of
-   /// the mount it belongs to.
+   /// stream. Null for a type without attribute log. `flags`: of ZekNboAttrLogSa::Flag, added
+   /// to those it has. `id`: the mount that asks; all mounts of a stream share the adaptor.
    Zek::Ptr< ZekNboAttrLogSa > zekNboAttrLogSaIs( uint32_t flags, uint32_t id,
                                                   NboAttrLog::Out & out );
    /// Whether entities of this type can be streamed.

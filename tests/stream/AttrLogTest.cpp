@@ -164,6 +164,27 @@ TEST( AttrLog, aFullStreamKeepsTheLastValueAlone ) {
    EXPECT_TRUE( world.sa()->zekHandleSecondaryWithMaskSerializeColl() );
 }
 
+TEST( AttrLog, aBarrierLetsWhatIsDirtyGoFirst ) {
+   for( bool barrier : { false, true } ) {
+      OneInterface world;
+      world.out().capacityIs( 0 );
+      world.intf->maxMssEgressIs( 300 );
+      world.out().capacityIs( 4096 );
+      world.out().barrierIs( barrier );
+      world.intf->forwardingIs( false ); // 268
+      auto frames = framesOf( world.out().buffer().view() );
+      ASSERT_EQ( frames.size(), barrier ? 2u : 1u );
+      EXPECT_EQ( frames.back().header.attribute, 268 );
+      // It held for one notification.
+      world.out().capacityIs( 0 );
+      world.intf->maxMssEgressIs( 400 );
+      world.out().capacityIs( 4096 );
+      world.intf->forwardingIs( true );
+      frames = framesOf( world.out().buffer().view() );
+      EXPECT_EQ( frames.size(), barrier ? 3u : 2u );
+   }
+}
+
 TEST( AttrLog, aStalledReaderCostsWhatIsDirtyAndNoHistory ) {
    OneInterface world;
    world.out().capacityIs( 0 );
