@@ -63,7 +63,7 @@ framesOf( std::string_view bytes ) {
    while( !bytes.empty() ) {
       Zek::Wire::Decoder in( bytes.data(), FrameHeader::size );
       Frame frame{};
-      uint8_t kind;
+      uint8_t kind = 0;
       in.u32( frame.header.length );
       in.u32( frame.header.checksum );
       in.u32( frame.header.flow );

@@ -32,7 +32,7 @@ Pipe::take( size_t most, Situations & situations ) {
          ++at;
          if( ++inside_ < FrameHeader::size ) continue;
          FrameHeader header;
-         uint8_t kind;
+         uint8_t kind = 0;
          Zek::Wire::Decoder in( header_, FrameHeader::size );
          in.u32( header.length );
          in.u32( header.checksum );
