@@ -21,6 +21,7 @@ test:
 
 # Any number of simulated connections, on all processors, optimised and with assertions; then as
 # many scripts against the kernel as SCRIPTS says: make soak SEEDS=1000000 FIRST=1
+# With WRITABLE=0 only the seeds that mount nothing for writing, with WRITABLE=1 only the others.
 SEEDS ?= 10000
 FIRST ?= 1
 SCRIPTS ?= 100

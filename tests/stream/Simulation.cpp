@@ -97,6 +97,7 @@ class World {
    ~World();
 
    Outcome run();
+   bool isOneOf( Seeds seeds ) const;
 
  private:
    friend class Reactor;
@@ -675,6 +676,16 @@ World::run() {
    return { problem_, i, std::move( log_ ) };
 }
 
+bool
+World::isOneOf( Seeds seeds ) const {
+   if( seeds == Seeds::all ) return true;
+   const bool writable = std::any_of( links_.begin(), links_.end(), []( auto & link ) {
+      return std::any_of( link->mounts.begin(), link->mounts.end(),
+                          []( auto & mount ) { return mount.mode() == "w"; } );
+   } );
+   return writable == ( seeds == Seeds::withWritableMounts );
+}
+
 } // namespace
 
 Outcome
@@ -683,6 +694,7 @@ simulate( const Schedule & schedule, Situations & situations ) {
    Outcome outcome;
    {
       World world( schedule, situations );
+      if( !world.isOneOf( schedule.which ) ) return {};
       try {
          outcome = world.run();
       } catch( const std::exception & e ) {
@@ -702,15 +714,15 @@ simulate( const Schedule & schedule, Situations & situations ) {
 }
 
 std::string
-simulateSeed( uint64_t seed, Situations & situations ) {
-   Schedule schedule{ seed };
+simulateSeed( uint64_t seed, Situations & situations, Seeds which ) {
+   Schedule schedule{ .seed = seed, .which = which };
    Outcome outcome = simulate( schedule, situations );
    if( outcome.problem.empty() ) return "";
    // As few steps as show a fault still.
    Situations ignored;
    schedule.steps = std::min( schedule.steps, outcome.steps );
    schedule.dropped.assign( schedule.steps, false );
-   if( simulate( schedule, ignored ).problem.empty() ) schedule = { seed };
+   if( simulate( schedule, ignored ).problem.empty() ) schedule = { .seed = seed, .which = which };
    schedule.dropped.resize( schedule.steps );
    for( uint32_t size = schedule.steps / 2; size; size /= 2 ) {
       for( uint32_t at = 0; at < schedule.steps; at += size ) {

@@ -17,17 +17,21 @@ struct Outcome {
    std::vector< std::string > log; // of what the steps did, when asked for
 };
 
+/// Which of the seeds count; the others are passed over.
+enum class Seeds { all, withoutWritableMounts, withWritableMounts };
+
 /// Each step draws from a source of its own, so that others can be left out.
 struct Schedule {
    uint64_t seed;
    uint32_t steps = 120;
    std::vector< bool > dropped = {}; // by step
    bool describe = false;
+   Seeds which = Seeds::all;
 };
 
 Outcome simulate( const Schedule & schedule, Situations & situations );
 
 /// Runs a seed. Empty, or what was found, with the steps that are needed for it.
-std::string simulateSeed( uint64_t seed, Situations & situations );
+std::string simulateSeed( uint64_t seed, Situations & situations, Seeds which = Seeds::all );
 
 } // namespace ipstate::test
