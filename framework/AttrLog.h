@@ -173,7 +173,7 @@ class IPSTATE_EXPORT FlowOut {
    virtual ~FlowOut();
 
    uint32_t id() const { return id_; }
-   /// Number of the next record.
+   /// Number of the next record, unless that one restarts the sequence.
    uint32_t sequence() const { return sequence_; }
    /// Moves the end of the sequence to `records` from now.
    void sequenceEndsAfter( uint32_t records ) { lastSequence_ = sequence_ + records; }
@@ -453,7 +453,12 @@ class IPSTATE_EXPORT Out {
    uint32_t types_ = 0;
    uint64_t records_ = 0;
    std::vector< Entity::ZekNboAttrLogSa * > flows_{ nullptr }; // by number
-   std::vector< uint32_t > free_;
+   /// Numbers of flows that ended, with the sequence that the next of each begins with.
+   struct Free {
+      uint32_t id;
+      uint32_t first;
+   };
+   std::vector< Free > free_;
    FlowOut * queueHead_ = nullptr;
    FlowOut * queueTail_ = nullptr;
    size_t queued_ = 0;

@@ -390,22 +390,32 @@ In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
 /// Whether an instance made with these arguments would be what is there.
 bool
 In::isSame( const Entity & entity, const Plan & plan,
-            const std::vector< const void * > & arguments ) {
+            const std::vector< const void * > & arguments ) const {
    if( entity.fwkType() != &plan.type ) return false;
    for( size_t i = 0; i < plan.parameters.size(); ++i ) {
       const AttributeRow & row = *plan.parameters[i];
       // One with a mutator may have changed since: it is no part of what the instance is.
-      if( !row.write && !row.stored->equal( row.address( &entity ), arguments[i + 1] ) )
+      if( row.write ) continue;
+      const void * stored = row.address( &entity );
+      if( row.stored->equal( stored, arguments[i + 1] ) ) continue;
+      // What has left its tree is told as null.
+      if( row.stored->decode || static_cast< const Entity::Ptr * >( arguments[i + 1] )->ptr() ) {
          return false;
+      }
+      auto * target = *static_cast< PtrInterface * const * >( stored );
+      if( &EntityUriPath( *static_cast< const Entity * >( target ) ).root() == &adapter_.root() ) {
+         return false;
+      }
    }
    return true;
 }
 
+/// A number that was given to another instance goes on with another sequence.
 bool
 In::repeats( FlowName name, const WireType & type ) {
    const uint32_t id = name.id;
-   if( id && id < flows_.size() && flows_[id].type == &type && flows_[id].sa ) {
-      flows_[id].sequence = name.sequence;
+   if( id && id < flows_.size() && flows_[id].type == &type && flows_[id].sa &&
+       flows_[id].sequence == name.sequence ) {
       return true;
    }
    flowIs( name, type );

@@ -96,7 +96,8 @@ Demuxer::createFlowOut( Out & out, const EntityUriPath &, Entity::ZekNboAttrLogS
       id = static_cast< uint32_t >( out.flows_.size() );
       out.flows_.push_back( &sa );
    } else {
-      id = out.free_.back();
+      id = out.free_.back().id;
+      first = out.free_.back().first;
       out.free_.pop_back();
       out.flows_[id] = &sa;
    }
@@ -108,7 +109,9 @@ FlowOut::~FlowOut() {
    out.unqueue( *this );
    if( id_ < out.flows_.size() && out.flows_[id_] == &sa_ ) {
       out.flows_[id_] = nullptr;
-      out.free_.push_back( id_ );
+      // One further: where the number is given again before the reader knows that its first
+      // instance is gone, it must not be taken for that one's, announced again.
+      out.free_.push_back( { id_, sequence_ < lastSequence / 2 ? sequence_ + 1 : firstSequence } );
    }
 }
 
@@ -229,7 +232,6 @@ FlowOut::resynchronise() {
       [[maybe_unused]] DirtyCollection::ResyncState * rsc = c->resync.get();
       assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
    }
-   sequence_ = firstSequence_;
    lastSequence_ = lastSequence;
    restarts_ = true;
    allDirty();

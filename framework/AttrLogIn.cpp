@@ -280,6 +280,11 @@ In::flowIs( FlowName name, const WireType & type ) {
    if( name.id >= flows_.size() ) flows_.resize( name.id + 1 );
    Flow & flow = flows_[name.id];
    if( flow.sa ) flow.sa->flowIn_ = 0;
+   if( !held_.empty() ) {
+      // What waited belonged to the instance that had the number before.
+      held_.erase( held_.lower_bound( { name.id, 0, "" } ),
+                   held_.lower_bound( { name.id + 1, 0, "" } ) );
+   }
    flow = { nullptr, &type, name.sequence };
 }
 
@@ -342,8 +347,7 @@ In::rootCame( Wire::Decoder & body ) {
       body.fail( "the end of the record" );
       return;
    }
-   if( repeats( flow, *wire ) && flows_[flow.id].sa &&
-       flows_[flow.id].sa->entity()->name() == name ) {
+   if( repeats( flow, *wire ) ) {
       flows_[flow.id].sa->flagsAdd( flags );
       adapter_.owner_.onRoot( exportId, flows_[flow.id].sa->entity() );
       return;

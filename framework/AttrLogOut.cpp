@@ -47,7 +47,11 @@ Out::acknowledgeFirst() {
 Wire::Encoder
 Out::begin( FlowOut & flow, uint16_t attribute, Kind kind ) {
    acknowledgeFirst();
-   uint8_t flags = std::exchange( flow.restarts_, false ) ? restartsSequence : 0;
+   uint8_t flags = 0;
+   if( std::exchange( flow.restarts_, false ) ) {
+      flow.sequence_ = flow.firstSequence_;
+      flags = restartsSequence;
+   }
    return beginFrame( flow.id_, attribute, kind, flags, flow.sequence_++ );
 }
 

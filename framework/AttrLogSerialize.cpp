@@ -295,7 +295,7 @@ Sa::serializeDirty() {
       adapter_.flowDone( *this );
       return true;
    }
-   if( flow.sequence_ >= flow.lastSequence_ ) flow.resynchronise();
+   if( flow.sequence_ >= flow.lastSequence_ && !flow.restarts_ ) flow.resynchronise();
    if( flow.stateDirty_ && !plan_.plain.empty() ) serializeState();
    for( const AttributeRow * row : plan_.plain ) {
       if( !flow.dirty_ ) break;

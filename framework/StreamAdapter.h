@@ -139,8 +139,8 @@ class IPSTATE_EXPORT In {
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
    bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body );
-   static bool isSame( const Entity & entity, const Plan & plan,
-                       const std::vector< const void * > & arguments );
+   bool isSame( const Entity & entity, const Plan & plan,
+                const std::vector< const void * > & arguments ) const;
    enum class Reference { null, found, absent };
    Reference readReference( Wire::Decoder & body, Entity *& target );
    const WireType * wireType( Wire::Decoder & body );

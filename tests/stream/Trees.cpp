@@ -276,13 +276,14 @@ struct Comparison {
       found.push_back( { std::move( place ), std::move( what ), ofInstance } );
    }
 
-   /// Whether the pointer leads to what the copy does not have: it waits there.
+   /// Whether the pointer leads to what the copy does not have, so that it waits there; or to what
+   /// stands in no tree: that it left its tree is told to nobody, and it may have been waited for.
    bool waits( const AttributeRow & row, const Entity & source ) const {
       auto * target = *static_cast< PtrInterface * const * >( row.address( &source ) );
       return target && isAbsent( *static_cast< const Entity * >( target ) );
    }
    bool isAbsent( const Entity & target ) const {
-      return &topOf( target ) == &sourceTop && !twinOf( target, copyTop );
+      return &topOf( target ) != &sourceTop || !twinOf( target, copyTop );
    }
    bool waitsForArgument( const PtrInterface * member ) const {
       auto & entity = *static_cast< const Entity * >( member );
@@ -301,7 +302,6 @@ struct Comparison {
       }
       if( !row.stored->encode && waits( row, source ) ) return true;
       std::string expected = storedText( row, source, sourceTop );
-      if( expected == outside ) return true;
       std::string actual = storedText( row, copy, copyTop );
       if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) {
          return true;
@@ -315,8 +315,7 @@ struct Comparison {
                        const PtrInterface * member, const void * key ) {
       const CollectionOps & ops = *row.collection;
       const PtrInterface * twin = ops.find( &copy, key );
-      if( row.has( refersToMembers ) && ( pathOf( member, sourceTop ) == outside ||
-                                          isAbsent( *static_cast< const Entity * >( member ) ) ) ) {
+      if( row.has( refersToMembers ) && isAbsent( *static_cast< const Entity * >( member ) ) ) {
          return;
       }
       if( !twin && row.has( ownsMembers ) && waitsForArgument( member ) ) return;
