@@ -124,7 +124,7 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
 }
 
 In::Reference
-In::readReference( Wire::Decoder & body, Entity *& target ) {
+In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& target ) {
    uint8_t tag;
    target = nullptr;
    if( !body.u8( tag, "a reference" ) ) return Reference::null;
@@ -137,14 +137,29 @@ In::readReference( Wire::Decoder & body, Entity *& target ) {
          return Reference::null;
       }
       if( flows_[id].sa ) target = flows_[id].sa->entity();
+      if( target && !target->fwkType()->isA( type ) ) {
+         body.fail( "a reference to an entity of the attribute's type" );
+         return Reference::null;
+      }
       return target ? Reference::found : Reference::absent;
    }
    if( tag == 2 ) {
       target = EntityUriPath::resolve( adapter_.root(), body );
+      // Something else may stand there still.
+      if( target && !target->fwkType()->isA( type ) ) target = nullptr;
       return target ? Reference::found : Reference::absent;
    }
+   if( tag == 3 ) return Reference::outside;
    body.fail( "a kind of reference" );
    return Reference::null;
+}
+
+/// Whether the attribute refers to what stands in no tree.
+bool
+In::isOutside( const AttributeRow & row, const Entity & entity ) const {
+   auto * target = *static_cast< PtrInterface * const * >( row.address( &entity ) );
+   return target &&
+          &EntityUriPath( *static_cast< const Entity * >( target ) ).root() != adapter_.root_.ptr();
 }
 
 bool
@@ -162,13 +177,10 @@ In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
       value = made;
    } else {
       Entity * target;
-      Reference reference = readReference( body, target );
+      Reference reference = readReference( body, *row.type, target );
       if( body.failed() ) return true;
       if( reference == Reference::absent ) return false;
-      if( target && !target->fwkType()->isA( *row.type ) ) {
-         body.fail( "a reference to an entity of the attribute's type" );
-         return true;
-      }
+      if( reference == Reference::outside && isOutside( row, *sa.entity_ ) ) return true;
       value = scratch.pointer( target );
    }
    if( body.left() ) {
@@ -222,10 +234,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          item.value = value;
       } else {
          Entity * target;
-         Reference reference = readReference( in, target );
-         if( !in.failed() && target && !target->fwkType()->isA( *row->type ) ) {
-            in.fail( "a reference to an entity of the attribute's type" );
-         }
+         Reference reference = readReference( in, *row->type, target );
          if( !in.failed() && reference != Reference::absent && in.left() ) {
             in.fail( "the end of the value" );
          }
@@ -233,6 +242,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
             body.failAt( in.expected(), offset + in.failedAt() );
             return;
          }
+         if( reference == Reference::outside && isOutside( *row, *sa.entity_ ) ) continue;
          if( reference != Reference::absent ) item.value = scratch.pointer( target );
       }
       items.push_back( item );
@@ -306,7 +316,7 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
    const void * value = key; // what arrivedFromLog() compares with; a set has no value
    if( row.has( refersToMembers ) ) {
       Entity * target;
-      Reference reference = readReference( body, target );
+      Reference reference = readReference( body, *row.type, target );
       if( body.failed() ) return true;
       if( reference == Reference::absent ) return false;
       if( body.left() ) {
@@ -315,10 +325,6 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
       }
       mention( sa, row, key );
       if( !target ) return true; // one that stands in no tree cannot be told of
-      if( !target->fwkType()->isA( *row.type ) ) {
-         body.fail( "a reference to an entity of the collection's type" );
-         return true;
-      }
       if( !mayApply( sa, row, key ) ) return true;
       const void * member = scratch.pointer( target );
       if( !change( sa, row, key, target, false,
@@ -377,11 +383,8 @@ In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
          continue;
       }
       Entity * target;
-      Reference reference = readReference( body, target );
+      Reference reference = readReference( body, *row->type, target );
       if( body.failed() || reference == Reference::absent ) return false;
-      if( target && !target->fwkType()->isA( *row->type ) ) {
-         return body.fail( "a reference to an entity of the argument's type" );
-      }
       arguments.push_back( scratch.pointer( target ) );
    }
    return true;
@@ -398,12 +401,9 @@ In::isSame( const Entity & entity, const Plan & plan,
       if( row.write ) continue;
       const void * stored = row.address( &entity );
       if( row.stored->equal( stored, arguments[i + 1] ) ) continue;
-      // What has left its tree is told as null.
-      if( row.stored->decode || static_cast< const Entity::Ptr * >( arguments[i + 1] )->ptr() ) {
-         return false;
-      }
-      auto * target = *static_cast< PtrInterface * const * >( stored );
-      if( &EntityUriPath( *static_cast< const Entity * >( target ) ).root() == &adapter_.root() ) {
+      // What has left its tree was read as null.
+      if( row.stored->decode || static_cast< const Entity::Ptr * >( arguments[i + 1] )->ptr() ||
+          !isOutside( row, entity ) ) {
          return false;
       }
    }

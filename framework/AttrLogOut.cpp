@@ -145,7 +145,7 @@ Out::reset() {
 
 namespace {
 
-enum ReferenceTag : uint8_t { nullReference, flowReference, pathReference };
+enum ReferenceTag : uint8_t { nullReference, flowReference, pathReference, outsideReference };
 
 const Entity *
 asEntity( const PtrInterface * target ) {
@@ -185,21 +185,21 @@ Out::prepareReference( const PtrInterface * target ) {
 void
 Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
    const Entity * entity = target ? asEntity( target ) : nullptr;
-   if( entity ) {
-      Sa * sa = adapter_.adaptorOf( *entity );
-      if( sa && sa->announced_ && sa->flow_ ) {
-         out.u8( flowReference );
-         out.u32( sa->flow_->id() );
-         return;
-      }
-      EntityUriPath path( *entity );
-      if( &path.root() == adapter_.root_.ptr() ) {
-         out.u8( pathReference );
-         path.encodeTo( out );
-         return;
-      }
+   if( !entity ) {
+      out.u8( nullReference );
+      return;
    }
-   out.u8( nullReference );
+   Sa * sa = adapter_.adaptorOf( *entity );
+   const EntityUriPath path( *entity );
+   if( sa && sa->announced_ && sa->flow_ ) {
+      out.u8( flowReference );
+      out.u32( sa->flow_->id() );
+   } else if( &path.root() == adapter_.root_.ptr() ) {
+      out.u8( pathReference );
+      path.encodeTo( out );
+   } else {
+      out.u8( outsideReference );
+   }
 }
 
 /// An instance's flow, the number of its next record, and type: first, so that a reader that

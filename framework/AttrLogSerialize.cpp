@@ -2,7 +2,6 @@
 
 #include "framework/StreamAdapter.h"
 
-#include <cstring>
 #include <utility>
 
 namespace Zek {
@@ -61,15 +60,12 @@ Sa::serializeState() {
    for( const AttributeRow * row : plan_.plain ) {
       const void * value = row->address( entity_ );
       body.u16( row->id );
-      body.u32( 0 );
-      size_t start = out.buffer_.size();
+      const Wire::Counted counted( body );
       if( row->stored->encode ) {
          row->stored->encode( value, body );
       } else {
          out.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
       }
-      uint32_t length = Wire::networkOrder( static_cast< uint32_t >( out.buffer_.size() - start ) );
-      std::memcpy( out.buffer_.at( start - sizeof length ), &length, sizeof length );
    }
    for( const AttributeRow * row : plan_.collections ) {
       if( !flow_->zekIsDirty( row->id ) ) continue;

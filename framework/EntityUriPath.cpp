@@ -18,8 +18,19 @@ encodeSteps( const Entity & entity, uint16_t count, Wire::Encoder & out ) {
    encodeSteps( *parent, static_cast< uint16_t >( count + 1 ), out );
    const AttributeRow & row = *parent->fwkType()->attribute( entity.parentAttrId() );
    out.u16( row.id );
+   const Wire::Counted counted( out );
    withMemberKey( row, &entity,
                   [&]( const void * key ) { row.keyType->values->encode( key, out ); } );
+}
+
+const Entity *
+member( const Entity & entity, uint16_t attrId, std::string_view keyBytes ) {
+   const AttributeRow * row = entity.fwkType()->attribute( attrId );
+   if( !row || !row->collection || !row->has( ownsMembers ) ) return nullptr;
+   AnyKey key = AnyKey::zero( *row->keyType->values );
+   Wire::Decoder in( keyBytes.data(), keyBytes.size() );
+   if( !key.ops().decode( in, key.get() ) || in.left() ) return nullptr;
+   return static_cast< const Entity * >( row->collection->find( &entity, key.get() ) );
 }
 
 } // namespace
@@ -52,17 +63,11 @@ EntityUriPath::resolve( const Entity & root, Wire::Decoder & in ) {
    const Entity * at = &root;
    for( ; steps; --steps ) {
       uint16_t attrId;
-      if( !in.u16( attrId, "the number of a collection" ) ) return nullptr;
-      const AttributeRow * row = at->fwkType()->attribute( attrId );
-      if( !row || !row->collection || !row->has( ownsMembers ) ) {
-         in.fail( "the number of a collection that owns its members" );
+      std::string_view key;
+      if( !in.u16( attrId, "the number of a collection" ) || !in.text( key, "a key" ) ) {
          return nullptr;
       }
-      AnyKey key = AnyKey::zero( *row->keyType->values );
-      if( !key.ops().decode( in, key.get() ) ) return nullptr;
-      const PtrInterface * member = row->collection->find( at, key.get() );
-      if( !member ) return nullptr;
-      at = static_cast< const Entity * >( member );
+      if( at ) at = member( *at, attrId, key );
    }
    return const_cast< Entity * >( at );
 }

@@ -22,10 +22,10 @@ class IPSTATE_EXPORT EntityUriPath {
    /// The topmost entity above it, or itself.
    const Entity & root() const;
    /// A 16-bit count, then one step for each entity below the root: the 16-bit number of the
-   /// collection and the key.
+   /// collection, the count of the key's bytes in 32 bits, and the key.
    void encodeTo( Wire::Encoder & out ) const;
-   /// Follows such steps from `root`; null, with the decoder failed or not, when they are
-   /// malformed or lead nowhere.
+   /// Follows such steps from `root`. Null when they lead nowhere, as they may where other types
+   /// stand on the way; or are malformed: the decoder has failed then.
    static Entity * resolve( const Entity & root, Wire::Decoder & in );
 
  private:

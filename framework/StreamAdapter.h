@@ -141,8 +141,10 @@ class IPSTATE_EXPORT In {
    bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
-   enum class Reference { null, found, absent };
-   Reference readReference( Wire::Decoder & body, Entity *& target );
+   /// `outside`: the peer's stands in no tree, so that none here corresponds to it.
+   enum class Reference { null, found, absent, outside };
+   Reference readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& target );
+   bool isOutside( const AttributeRow & row, const Entity & entity ) const;
    const WireType * wireType( Wire::Decoder & body );
    bool flowName( Wire::Decoder & body, FlowName & name );
    void flowIs( FlowName name, const WireType & type );

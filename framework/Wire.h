@@ -114,6 +114,25 @@ class Encoder {
    Buffer & buffer_;
 };
 
+/// Counts in 32 bits, ahead of them, the bytes that are written to the encoder while it lives.
+class Counted {
+ public:
+   explicit Counted( Encoder & out ) : buffer_( out.buffer() ) {
+      out.u32( 0 );
+      start_ = buffer_.size();
+   }
+   Counted( const Counted & ) = delete;
+   Counted & operator=( const Counted & ) = delete;
+   ~Counted() {
+      const uint32_t count = networkOrder( static_cast< uint32_t >( buffer_.size() - start_ ) );
+      std::memcpy( buffer_.at( start_ - sizeof count ), &count, sizeof count );
+   }
+
+ private:
+   Buffer & buffer_;
+   size_t start_;
+};
+
 /// Reads a range of bytes that must outlive it. After a failure every read fails.
 class IPSTATE_EXPORT Decoder {
  public:
