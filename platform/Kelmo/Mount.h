@@ -23,6 +23,7 @@ class Mount {
    /// Full name of the entity's type: "Ip::Status".
    const Zek::String & typeName() const { return typeName_; }
    /// "r": read-only, with all below it. "ri": read-only, a directory with its direct entries.
+   /// "w": with all below it, and writable: what is written goes to the owner.
    const Zek::String & mode() const { return mode_; }
    const MountFilter & filter() const { return filter_; }
 

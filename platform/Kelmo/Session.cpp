@@ -82,6 +82,15 @@ isMode( std::string_view mode ) {
    return mode == "r" || mode == "ri" || mode == "w";
 }
 
+/// Why the mode cannot be that of the type, whatever stands at the path; empty if it can.
+std::string
+problemOfMode( const Mount & mount ) {
+   const std::string_view expected = Zek::Dir::zekTypeDescriptor_.fullName;
+   if( mount.mode() != "ri" || mount.typeName() == expected ) return "";
+   return "mount of '" + mount.path().toString() + "' with mode 'ri' and type '" +
+          mount.typeName().toString() + "': expected type " + std::string( expected );
+}
+
 } // namespace
 
 // -- Mounting ---------------------------------------------------------------------------------
@@ -93,6 +102,8 @@ Session::mount( const Mount & mount ) {
                                 mount.mode().toString() + "': expected r, ri or w" );
    }
    if( mount.path().empty() ) Zek::throwRangeException( "mount of an empty path" );
+   const std::string problem = problemOfMode( mount );
+   if( !problem.empty() ) Zek::throwRangeException( problem );
    imports_.push_back( { mount } );
    synchronised_ = false;
    if( connected_ ) ask( static_cast< uint32_t >( imports_.size() ) );
@@ -291,7 +302,7 @@ Session::refuse( uint32_t id, const std::string & reason ) {
 
 void
 Session::mountAsked( uint32_t id, const Mount & mount ) {
-   std::string reason;
+   std::string reason = problemOfMode( mount );
    for( auto & e : exports_ ) {
       if( e->id == id ) reason = "the number is in use";
    }

@@ -43,7 +43,7 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    ~Session() override;
 
    /// Asks the peer for what stands at the mount's path. Throws RangeException for a mode that is
-   /// none of "r", "ri", "w", or an empty path.
+   /// none of "r", "ri", "w", for "ri" of another type than a directory's, or an empty path.
    void mount( const Mount & mount );
    /// A new connection: says who we are and asks for every mount.
    void connected();

@@ -57,8 +57,8 @@ class IPSTATE_EXPORT SocketMountGroup final : public MountGroup, private Session
    SocketMountGroup( const Zek::Entity::Ptr & root, const std::string & path,
                      MountGroupOwner & owner, std::optional< gid_t > group = {} );
 
-   /// At any time, also when connected. Throws RangeException for an empty path or a mode that is
-   /// none of "r", "ri", "w".
+   /// At any time, also when connected. Throws RangeException for an empty path, a mode that is
+   /// none of "r", "ri", "w", or "ri" for another type than a directory's.
    void doMount( const Mount & mount ) override;
 
    /// Stays the same as long as the group lives. Wait for it to be readable, then call

@@ -339,7 +339,17 @@ TEST( AttrLog, mountsAreRefusedInWords ) {
    EXPECT_EQ( world.refusals,
               std::vector< std::string >( { "ip: 'ip' is Zek::Dir, expected Ip::Status" } ) );
    EXPECT_TRUE( world.client.isSynchronised() );
-   EXPECT_THROW( world.mount( "x", "Ip::Status", "rw" ), Zek::RangeException );
+   auto refusal = [&]( const char * mode ) -> std::string {
+      try {
+         world.mount( "x", "Ip::Status", mode );
+      } catch( const Zek::RangeException & e ) {
+         return e.what();
+      }
+      return "";
+   };
+   EXPECT_EQ( refusal( "rw" ), "mount of 'x' with mode 'rw': expected r, ri or w" );
+   EXPECT_EQ( refusal( "ri" ),
+              "mount of 'x' with mode 'ri' and type 'Ip::Status': expected type Zek::Dir" );
    // What comes later is there then.
    auto status = Ip::statusFactory( "path" );
    world.source->dirIs( "absent" )->entityIs( status );
