@@ -412,12 +412,15 @@ In::isSame( const Entity & entity, const Plan & plan,
 
 /// A number that was given to another instance goes on with another sequence.
 bool
-In::repeats( FlowName name, const WireType & type ) {
+In::isKnown( FlowName name, const WireType & type ) const {
    const uint32_t id = name.id;
-   if( id && id < flows_.size() && flows_[id].type == &type && flows_[id].sa &&
-       flows_[id].sequence == name.sequence ) {
-      return true;
-   }
+   return id && id < flows_.size() && flows_[id].type == &type &&
+          flows_[id].sequence == name.sequence;
+}
+
+bool
+In::repeats( FlowName name, const WireType & type ) {
+   if( isKnown( name, type ) && flows_[name.id].sa ) return true;
    flowIs( name, type );
    return false;
 }
@@ -425,6 +428,7 @@ In::repeats( FlowName name, const WireType & type ) {
 bool
 In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
                    const WireType & wire, Wire::Decoder & body, std::string_view & keyBytes ) {
+   const bool passedOver = isKnown( flow, wire ) && !flows_[flow.id].sa;
    Scratch scratch;
    const ValueOps & keyOps = *row.keyType->values;
    void * key = scratch.make( keyOps );
@@ -486,6 +490,10 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       // Ours counts: gone, or another instance that the owner will take or refuse.
       if( !member ) return true;
       kind = Kind::adopt;
+   } else if( passedOver && !sa.is( Sa::fromPeer ) ) {
+      // It could not be made before, or is gone here: what it has came and went.
+      again( sa.flowIn_, row.id, keyBytes );
+      return true;
    }
    const bool same = member && isSame( *member, plan, arguments );
    if( member && sa.is( Sa::fromPeer ) && !same ) {

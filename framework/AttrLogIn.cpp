@@ -384,14 +384,15 @@ In::sendAgain( Wire::Decoder & body ) {
    Out & out = adapter_.out_;
    Sa * sa = id < out.flows_.size() ? out.flows_[id] : nullptr;
    const AttributeRow * row = sa && sa->entity_ ? sa->plan_.row( attribute ) : nullptr;
-   if( !row || !row->collection || !row->has( ownsMembers ) ) {
-      body.skip( body.left() ); // it went meanwhile
-      return;
-   }
+   Wire::Decoder keyBytes( body.at(), body.left() );
+   body.skip( body.left() );
+   // The flow may have ended meanwhile, and be another's.
+   if( !row || !row->collection || !row->has( ownsMembers ) ) return;
    Scratch scratch;
    const ValueOps & keyOps = *row->keyType->values;
    void * key = scratch.make( keyOps );
-   if( !keyOps.decode( body, key ) ) return;
+   bool read = false;
+   if( !guarded( [&] { read = keyOps.decode( keyBytes, key ); } ) || !read ) return;
    if( const PtrInterface * found = row->collection->find( sa->entity_, key ) ) {
       if( Sa * member = adapter_.adaptorOf( *static_cast< const Entity * >( found ) ) ) {
          member->detach();

@@ -148,6 +148,8 @@ class IPSTATE_EXPORT In {
    const WireType * wireType( Wire::Decoder & body );
    bool flowName( Wire::Decoder & body, FlowName & name );
    void flowIs( FlowName name, const WireType & type );
+   /// Whether the instance was announced before.
+   bool isKnown( FlowName name, const WireType & type ) const;
    /// Whether the flow is bound already; else it is taken into use.
    bool repeats( FlowName name, const WireType & type );
    void bind( uint32_t id, Entity::ZekNboAttrLogSa & sa );
