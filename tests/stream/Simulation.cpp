@@ -139,6 +139,7 @@ class World {
    std::vector< std::unique_ptr< Reactor > > reactors_;
    /// Stored and rejected, by entity's path and attribute: told to nobody before the next dump.
    std::set< std::string > untold_;
+   std::set< std::string > rejected_; // the same, told since
    bool scribbled_ = false;
    uint32_t reactions_ = 0; // that may still happen in this step
    std::string problem_;
@@ -460,7 +461,11 @@ World::restart( uint32_t tree ) {
    }
    for( auto & link : links_ ) {
       if( link->source != tree && link->copy != tree ) continue;
-      if( link->source == tree && tree ) reached( Situation::restartedHub );
+      if( link->source == tree && tree ) {
+         reached( Situation::restartedHub );
+         // It stores them when they come, and rejects them as the source did.
+         untold_.merge( rejected_ );
+      }
       if( link->copy == tree ) reached( Situation::restartedCopy );
       link->cut();
       ( link->source == tree ? link->server : link->client ) = nullptr;
@@ -596,6 +601,7 @@ World::rest() {
    for( auto & link : links_ ) reconnect( *link );
    settle();
    scribbled_ = false;
+   rejected_.merge( untold_ );
    untold_.clear();
    if( problem_.empty() ) check( true );
    if( !problem_.empty() ) problem( "after a reconnect" );
