@@ -121,6 +121,7 @@ class World {
    void noteFull( const Link & link, const Change & change );
    bool isWritable( uint32_t tree ) const;
    Entity * mounted( const Link & link, const Kelmo::Mount & mount ) const;
+   std::vector< Difference > differencesOf( const Link & link, const Kelmo::Mount & mount ) const;
    Link & anyLink() { return *links_[random_.below( static_cast< uint32_t >( links_.size() ) )]; }
    Dir::Ptr cloned( const Dir::Ptr & tree );
    void problem( const std::string & what ) {
@@ -223,6 +224,15 @@ World::isWritable( uint32_t tree ) const {
 Entity *
 World::mounted( const Link & link, const Kelmo::Mount & mount ) const {
    return trees_[link.copy]->entityAt( mount.path().view() ).ptr();
+}
+
+std::vector< Difference >
+World::differencesOf( const Link & link, const Kelmo::Mount & mount ) const {
+   const Depth depth = mount.mode() == "ri"             ? Depth::entries
+                       : mount.filter().structureOnly() ? Depth::structure
+                                                        : Depth::all;
+   Entity::Ptr source = trees_[link.source]->entityAt( mount.path().view() );
+   return differences( source.ptr(), mounted( link, mount ), depth );
 }
 
 // -- Steps ------------------------------------------------------------------------------------
@@ -549,24 +559,23 @@ World::settle() {
 void
 World::reconnect( Link & link ) {
    link.cut();
-   Entity::Ptr source = trees_[link.source]->entity( "all" );
-   Entity::Ptr copy = trees_[link.copy]->entity( "all" );
-   const bool measured = source && copy && link.mounts.size() == 1 &&
-                         link.mounts[0].path() == "all" && link.mounts[0].mode() == "r" &&
-                         !link.mounts[0].filter().structureOnly();
+   const bool measured = std::none_of( link.mounts.begin(), link.mounts.end(),
+                                       []( auto & mount ) { return mount.mode() == "w"; } );
    if( measured && random_.oneIn( 2 ) && link.source == 0 ) {
-      for( int i = 0; i < 5; ++i ) change( 0, *source );
+      for( int i = 0; i < 5; ++i ) change( 0, *trees_[0]->entity( "all" ) );
    }
    std::map< std::string, uint32_t > seen;
    std::vector< std::unique_ptr< Witness > > witnesses;
    std::set< std::string > expected;
    std::vector< std::string > instances;
    if( measured ) {
-      for( auto & d : differences( source.ptr(), copy.ptr(), Depth::all ) ) {
-         expected.insert( d.place );
-         if( d.ofInstance ) instances.push_back( d.place );
+      for( auto & mount : link.mounts ) {
+         for( auto & d : differencesOf( link, mount ) ) {
+            expected.insert( d.place );
+            if( d.ofInstance ) instances.push_back( d.place );
+         }
       }
-      forEachEntity( *copy, [&]( const Entity & e ) {
+      forEachEntity( *trees_[link.copy], [&]( const Entity & e ) {
          if( e.zekHasAttrLogInterface() ) {
             witnesses.push_back( std::make_unique< Witness >( seen, e ) );
          }
@@ -617,12 +626,8 @@ World::check( bool afterDump ) {
       for( auto & mount : link->mounts ) {
          if( mount.mode() == "ri" ) reached( Situation::entriesOnly );
          if( mount.filter().structureOnly() ) reached( Situation::structureOnly );
-         const Depth depth = mount.mode() == "ri"             ? Depth::entries
-                             : mount.filter().structureOnly() ? Depth::structure
-                                                              : Depth::all;
-         Entity::Ptr source = trees_[link->source]->entityAt( mount.path().view() );
-         for( auto & d : differences( source.ptr(), mounted( *link, mount ), depth ) ) {
-            if( !afterDump && untold_.contains( d.place ) ) continue;
+         for( auto & d : differencesOf( *link, mount ) ) {
+            if( d.waits || ( !afterDump && untold_.contains( d.place ) ) ) continue;
             problem( name + d.place + " " + d.what );
          }
       }

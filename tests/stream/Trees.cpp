@@ -272,8 +272,9 @@ struct Comparison {
    Depth depth;
    std::vector< Difference > found;
 
-   void differs( std::string place, std::string what, bool ofInstance = false ) {
-      found.push_back( { std::move( place ), std::move( what ), ofInstance } );
+   void differs( std::string place, std::string what, bool ofInstance = false,
+                 bool waits = false ) {
+      found.push_back( { std::move( place ), std::move( what ), ofInstance, waits } );
    }
 
    /// Whether the pointer leads to what the copy does not have, so that it waits there; or to what
@@ -318,9 +319,9 @@ struct Comparison {
       if( row.has( refersToMembers ) && isAbsent( *static_cast< const Entity * >( member ) ) ) {
          return;
       }
-      if( !twin && row.has( ownsMembers ) && waitsForArgument( member ) ) return;
       if( !twin ) {
-         differs( placeOf( source, row, key ), "missing", row.has( ownsMembers ) );
+         const bool waits = row.has( ownsMembers ) && waitsForArgument( member );
+         differs( placeOf( source, row, key ), "missing", row.has( ownsMembers ), waits );
       } else if( row.has( ownsMembers ) ) {
          compare( *static_cast< const Entity * >( member ), *static_cast< const Entity * >( twin ),
                   depth == Depth::entries ? 1 : 0 );
@@ -392,7 +393,7 @@ differences( const Entity * source, const Entity * copy, Depth depth ) {
    if( !source && !copy ) return {};
    if( !source || !copy ) {
       return { { EntityUriPath( source ? *source : *copy ).text(), source ? "missing" : "too many",
-                 true } };
+                 true, false } };
    }
    Comparison comparison{ topOf( *source ), topOf( *copy ), depth, {} };
    comparison.compare( *source, *copy, 0 );
