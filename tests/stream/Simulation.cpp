@@ -116,7 +116,7 @@ class World {
    void rest();
    void reconnect( Link & link );
    void check( bool afterDump );
-   void checkMemory();
+   void checkMemory( bool atRest );
    Change writeContent( Entity & top );
    void noteFull( const Link & link, const Change & change );
    bool isWritable( uint32_t tree ) const;
@@ -266,6 +266,7 @@ void
 World::changed( uint32_t tree, const Change & change ) {
    log( change.text );
    if( !change.row ) return;
+   if( change.otherwise ) reached( Situation::madeOtherwise );
    if( change.refused ) {
       reached( Situation::rejectedValue );
       untold_.insert( placeOf( *change.entity, *change.row, nullptr ) );
@@ -638,12 +639,12 @@ World::check( bool afterDump ) {
          if( !problem_.empty() && in.refused() ) problem( "last refusal: " + in.lastRefusal() );
       }
    }
-   checkMemory();
+   checkMemory( true );
 }
 
-/// What is held for readers that do not read is bounded by what lives.
+/// What is held for readers that do not read is bounded by what lives; at rest nothing is dirty.
 void
-World::checkMemory() {
+World::checkMemory( bool atRest ) {
    for( auto & link : links_ ) {
       for( bool upwards : { false, true } ) {
          auto & adapter = ( upwards ? link->client : link->server )->adapter();
@@ -652,9 +653,14 @@ World::checkMemory() {
             problem( std::to_string( out.buffer().size() ) + " bytes wait where " +
                      std::to_string( out.capacity() ) + " may" );
          }
+         size_t entities = 0;
          forEachEntity( *trees_[upwards ? link->copy : link->source], [&]( const Entity & e ) {
+            ++entities;
             auto * sa = adapter.adaptorOf( e );
             if( !sa || !sa->flowOut() ) return;
+            if( atRest && sa->flowOut()->isDirty() ) {
+               problem( EntityUriPath( e ).text() + " is dirty at rest" );
+            }
             for( auto * row : sa->plan().collections ) {
                auto * keys = sa->flowOut()->dirtyKeys( row->id );
                if( keys && keys->size() > 2 * row->collection->count( &e ) + 16 ) {
@@ -663,6 +669,11 @@ World::checkMemory() {
                }
             }
          } );
+         if( adapter.adaptors() > entities || out.flows() > entities ) {
+            problem( std::to_string( adapter.adaptors() ) + " adaptors and " +
+                     std::to_string( out.flows() ) + " flows of " + std::to_string( entities ) +
+                     " entities" );
+         }
       }
    }
 }
@@ -680,7 +691,7 @@ World::run() {
       } else {
          step( random_.below( 200 ) );
       }
-      if( i % 8 == 0 ) checkMemory();
+      if( i % 8 == 0 ) checkMemory( false );
    }
    random_ = Random( mix( schedule_.seed, 0 ) );
    if( problem_.empty() ) rest();

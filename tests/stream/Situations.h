@@ -20,6 +20,7 @@ namespace ipstate::test {
    X( fullAtMembers, "full stream at members" )                                                    \
    X( fullAtChildren, "full stream at children" )                                                  \
    X( addedBackWhileDirty, "member deleted and made again while dirty" )                           \
+   X( madeOtherwise, "member made again with other constructor arguments" )                        \
    X( removedWhileDirty, "key added and removed while the stream is full" )                        \
    X( outgrown, "dirty removals outgrow the members" )                                             \
    X( wholeInterrupted, "change of a collection that is being sent whole" )                        \

@@ -118,6 +118,14 @@ addInstance( Random & random, Change & change ) {
    change.row->collection->is( &entity, change.key.get(), arguments.data() );
 }
 
+bool
+differsInArguments( const PtrInterface * a, const PtrInterface * b ) {
+   auto & parameters = shapeOf( *static_cast< const Entity * >( a ) ).plan.parameters;
+   return std::any_of( parameters.begin(), parameters.end(), [=]( auto * row ) {
+      return !row->write && !row->stored->equal( row->address( a ), row->address( b ) );
+   } );
+}
+
 void
 changeMember( Random & random, Change & change ) {
    Entity & entity = *change.entity;
@@ -135,6 +143,7 @@ changeMember( Random & random, Change & change ) {
    change.key = randomKey( random, *row.keyType );
    const void * key = change.key.get();
    const bool replaces = row.has( ownsMembers ) && random.oneIn( 4 );
+   const Ptr< const PtrInterface > before( replaces ? ops.find( &entity, key ) : nullptr );
    if( replaces || random.oneIn( 3 ) ) {
       change.text = replaces ? "Del and Is" : "Del";
       ops.del( &entity, key );
@@ -151,6 +160,7 @@ changeMember( Random & random, Change & change ) {
       ops.is( &entity, &target, nullptr );
    } else if( row.has( ownsMembers ) ) {
       addInstance( random, change );
+      change.otherwise = before && differsInArguments( before.ptr(), ops.find( &entity, key ) );
    } else if( row.has( isSet ) ) {
       ops.is( &entity, key, nullptr );
    } else if( row.has( keyIsField ) ) {

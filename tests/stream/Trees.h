@@ -24,9 +24,10 @@ const Shape & shapeOf( const Zek::Entity & entity );
 struct Change {
    Zek::Entity::Ptr entity;
    const Zek::AttributeRow * row = nullptr;
-   Zek::AnyKey key;      // of a member
-   bool refused = false; // out of range: what was stored was told to nobody
-   std::string text;     // when asked for
+   Zek::AnyKey key;        // of a member
+   bool refused = false;   // out of range: what was stored was told to nobody
+   bool otherwise = false; // a member was made again with other constructor arguments
+   std::string text;       // when asked for
 };
 
 /// Types that can stand in a directory and are made by name alone.
