@@ -24,6 +24,7 @@
 #include "framework/Wire.h"
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -77,6 +78,25 @@ enum Control : uint16_t {
 
 struct FrameHeader {
    static constexpr size_t size = 20;
+   /// From as many bytes; nothing is checked.
+   static FrameHeader of( const void * bytes ) {
+      auto * at = static_cast< const uint8_t * >( bytes );
+      auto get = [&at]( auto number ) {
+         std::memcpy( &number, at, sizeof number );
+         at += sizeof number;
+         return Wire::networkOrder( number );
+      };
+      FrameHeader header;
+      header.length = get( uint32_t() );
+      header.checksum = get( uint32_t() );
+      header.flow = get( uint32_t() );
+      header.attribute = get( uint16_t() );
+      header.kind = static_cast< Kind >( *at++ );
+      header.flags = *at++;
+      header.sequence = get( uint32_t() );
+      return header;
+   }
+
    uint32_t length;
    uint32_t checksum; // of all that follows it
    uint32_t flow;
@@ -93,11 +113,16 @@ struct Quota {
    uint32_t types = 1024;
    uint32_t reserved = 1 << 20; // members that tables are made large enough for beforehand
    uint32_t held = 1 << 20;     // references and instances that wait for their target
+   size_t heldBytes = 64 << 20; // of theirs
+   uint32_t depth = 64;         // of directories in directories, the root included
 };
 
 /// How the attributes of a type are streamed; made once per type and adapter.
 struct IPSTATE_EXPORT Plan {
    explicit Plan( const TypeDescriptor & type );
+   /// Whether an instance can be told by its attributes: it can be made, and has all that its
+   /// constructor takes.
+   static bool covers( const TypeDescriptor & type );
 
    const TypeDescriptor & type;
    std::vector< const AttributeRow * > plain;       // stored, with a mutator

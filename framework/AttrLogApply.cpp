@@ -48,6 +48,10 @@ In::instanceRecord( const FrameHeader & header, Wire::Decoder & body ) {
    const size_t size = body.left();
    FlowName name;
    if( !flowName( body, name ) ) return;
+   if( name.id == header.flow ) {
+      body.fail( "a flow other than the parent's" );
+      return;
+   }
    const WireType * wire = wireType( body );
    if( !wire ) return;
    const Flow & flow = flows_[header.flow];
@@ -345,7 +349,8 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
       body.fail( "the end of the record" );
       return true;
    }
-   if( row.has( keyIsField ) && !hasKey( row, value, key ) ) {
+   if( row.has( keyIsField ) &&
+       !row.keyType->values->equal( row.collection->valueKey( value ), key ) ) {
       body.fail( "a value with the key it stands under" );
       return true;
    }
@@ -357,17 +362,6 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
                               row.has( keyIsField ) || row.has( isSet ) ? nullptr : arguments );
        } ) ) {
       refusedIs( sa, row, key );
-   }
-   return true;
-}
-
-/// Whether the value, keyed by one of its fields, has this key.
-bool
-In::hasKey( const AttributeRow & row, const void * value, const void * key ) {
-   for( const AttributeRow & field : row.type->attributes ) {
-      if( field.has( isKey ) ) {
-         return row.keyType->values->equal( field.address( value ), key );
-      }
    }
    return true;
 }
@@ -416,6 +410,16 @@ In::isKnown( FlowName name, const WireType & type ) const {
    const uint32_t id = name.id;
    return id && id < flows_.size() && flows_[id].type == &type &&
           flows_[id].sequence == name.sequence;
+}
+
+/// Whether a child would stand deeper than the quota says.
+bool
+In::isTooDeep( const Entity & directory ) const {
+   uint32_t depth = 1;
+   for( const Entity * at = &directory; at; at = at->parent() ) {
+      if( ++depth > quota.depth ) return true;
+   }
+   return false;
 }
 
 bool
@@ -474,6 +478,12 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
    }
    if( body.left() ) {
       body.fail( "the end of the record" );
+      return true;
+   }
+   if( inDirectory && isTooDeep( *sa.entity_ ) ) {
+      ++refused_;
+      lastRefusal_ = "'" + EntityUriPath( *sa.entity_ ).text() + "' is as deep as may be";
+      repeats( flow, wire );
       return true;
    }
    mention( sa, row, key );
@@ -598,6 +608,8 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
       } );
    }
    wholes_.erase( whole );
+   // What it leaves out is no less than what the one before left out and it did not mention.
+   std::erase_if( sweeps_, [&]( auto & s ) { return s.sa.ptr() == &sa && s.row == &row; } );
    if( !sweep.keys.empty() ) {
       sa.hasSweep_ = true;
       sweeps_.push_back( std::move( sweep ) );
@@ -625,22 +637,41 @@ In::sweepAll() {
 
 void
 In::hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size ) {
-   if( held_.size() >= quota.held ) malformed( header, "fewer references that wait", 0 );
+   dropHeld( header.flow, header.attribute, key );
+   if( held_.size() >= quota.held || size > quota.heldBytes - heldBytes_ ) {
+      malformed( header, "fewer references that wait", 0 );
+   }
    held_[{ header.flow, header.attribute, std::string( key ) }] = {
       header.kind, std::vector< uint8_t >( body, body + size )
    };
+   heldBytes_ += size;
 }
 
 /// A newer record says what the attribute, or member, is.
 void
 In::dropHeld( uint32_t flow, uint16_t attribute, std::string_view key ) {
-   if( !held_.empty() ) held_.erase( { flow, attribute, std::string( key ) } );
+   if( held_.empty() ) return;
+   auto at = held_.find( { flow, attribute, std::string( key ) } );
+   if( at == held_.end() ) return;
+   heldBytes_ -= at->second.body.size();
+   held_.erase( at );
+}
+
+/// The flow goes to another entity.
+void
+In::dropHeld( uint32_t flow ) {
+   auto at = held_.lower_bound( { flow, 0, {} } );
+   while( at != held_.end() && std::get< 0 >( at->first ) == flow ) {
+      heldBytes_ -= at->second.body.size();
+      at = held_.erase( at );
+   }
 }
 
 void
 In::retryHeld() {
    auto waiting = std::move( held_ );
    held_.clear();
+   heldBytes_ = 0;
    for( auto & [place, held] : waiting ) {
       const auto & [id, attribute, key] = place;
       Flow & flow = flows_[id];
@@ -655,6 +686,7 @@ In::retryHeld() {
          if( argumentsThere( *flow.sa, attribute, body ) ) {
             again( id, attribute, key );
          } else {
+            heldBytes_ += held.body.size();
             held_[place] = std::move( held );
          }
          continue;

@@ -45,6 +45,17 @@ Plan::signature( const AttributeRow & row ) {
    return static_cast< uint32_t >( hash ^ hash >> 32 );
 }
 
+bool
+Plan::covers( const TypeDescriptor & type ) {
+   if( !type.isEntity() || !type.create ) return false;
+   auto arguments = type.constructorParameters;
+   for( size_t i = 1; i < arguments.size(); ++i ) {
+      const AttributeRow * row = type.attribute( arguments[i].name );
+      if( !row || !row->address ) return false;
+   }
+   return true;
+}
+
 Plan::Plan( const TypeDescriptor & described ) : type( described ) {
    std::vector< const TypeDescriptor * > line;
    for( const TypeDescriptor * t = &type; t; t = t->base ) line.insert( line.begin(), t );

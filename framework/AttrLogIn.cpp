@@ -3,7 +3,6 @@
 #include "framework/Generic.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace Zek {
 
@@ -26,6 +25,7 @@ In::reset() {
    types_.clear();
    flows_.clear();
    held_.clear();
+   heldBytes_ = 0;
    wholes_.clear();
    sweeps_.clear();
    roots_.clear();
@@ -47,28 +47,6 @@ In::malformed( const FrameHeader & header, const char * expected, size_t offset 
                           ": expected " + expected );
 }
 
-namespace {
-
-FrameHeader
-readHeader( const uint8_t * at ) {
-   auto get = [&at]( auto number ) {
-      std::memcpy( &number, at, sizeof number );
-      at += sizeof number;
-      return Wire::networkOrder( number );
-   };
-   FrameHeader header;
-   header.length = get( uint32_t() );
-   header.checksum = get( uint32_t() );
-   header.flow = get( uint32_t() );
-   header.attribute = get( uint16_t() );
-   header.kind = static_cast< Kind >( *at++ );
-   header.flags = *at++;
-   header.sequence = get( uint32_t() );
-   return header;
-}
-
-} // namespace
-
 void
 In::receive( const void * bytes, size_t count ) {
    if( closed_ ) throw StreamException( "the stream was closed by a malformed record" );
@@ -84,7 +62,7 @@ In::receive( const void * bytes, size_t count ) {
       ~Done() { flag = false; }
    } done{ receiving_ };
    while( buffer_.size() >= FrameHeader::size ) {
-      const FrameHeader header = readHeader( buffer_.data() );
+      const auto header = FrameHeader::of( buffer_.data() );
       if( header.length < FrameHeader::size + 2 || header.length > quota.recordBytes ) {
          malformed( header, "a length of 22 bytes up to the quota", 0 );
       }
@@ -239,7 +217,7 @@ In::typeDeclared( Wire::Decoder & body ) {
    }
    WireType wire;
    wire.type = typeNode( name );
-   if( wire.type && ( !wire.type->isEntity() || !wire.type->create ) ) wire.type = nullptr;
+   if( wire.type && !Plan::covers( *wire.type ) ) wire.type = nullptr;
    wire.same = wire.type && adapter_.plan( *wire.type ).fingerprint == fingerprint;
    for( ; count; --count ) {
       uint16_t id;
@@ -249,6 +227,7 @@ In::typeDeclared( Wire::Decoder & body ) {
       if( row && Plan::signature( *row ) == signature ) wire.agreed.push_back( id );
    }
    std::sort( wire.agreed.begin(), wire.agreed.end() );
+   wire.agreed.erase( std::unique( wire.agreed.begin(), wire.agreed.end() ), wire.agreed.end() );
    types_.push_back( std::move( wire ) );
 }
 
@@ -280,11 +259,7 @@ In::flowIs( FlowName name, const WireType & type ) {
    if( name.id >= flows_.size() ) flows_.resize( name.id + 1 );
    Flow & flow = flows_[name.id];
    if( flow.sa ) flow.sa->flowIn_ = 0;
-   if( !held_.empty() ) {
-      // What waited belonged to the instance that had the number before.
-      held_.erase( held_.lower_bound( { name.id, 0, "" } ),
-                   held_.lower_bound( { name.id + 1, 0, "" } ) );
-   }
+   dropHeld( name.id ); // it was for another
    flow = { nullptr, &type, name.sequence };
 }
 
@@ -331,15 +306,22 @@ In::rootCame( Wire::Decoder & body ) {
       body.fail( "a type with names" );
       return;
    }
-   const Name name( nameText );
-   if( name.empty() || !adapter_.owner_.acceptsRoot( exportId, wire->type, &flags ) ) {
+   if( nameText.empty() ||
+       !adapter_.owner_.acceptsRoot( exportId, wire->type, nameText, &flags ) ) {
       body.fail( "the root of an export that was asked for" );
       return;
    }
+   const Name name( nameText );
    Scratch scratch;
    std::vector< const void * > arguments{ &name };
    Plan & plan = adapter_.plan( *wire->type );
-   if( !readArguments( plan, body, scratch, arguments ) ) {
+   bool present = false;
+   if( !guarded( [&] { present = readArguments( plan, body, scratch, arguments ); } ) ) {
+      body.skip( body.left() );
+      repeats( flow, *wire );
+      return;
+   }
+   if( !present ) {
       if( !body.failed() ) body.fail( "a root without references that wait" );
       return;
    }
@@ -354,13 +336,13 @@ In::rootCame( Wire::Decoder & body ) {
    }
    Entity::Ptr directory = adapter_.owner_.rootDirectory( exportId );
    if( !directory ) return;
-   Entity::Ptr present = directory->entity( String( nameText ) );
-   if( !present || !isSame( *present, plan, arguments ) ) {
-      present = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
-      adapter_.childIs( *directory, present );
+   Entity::Ptr root = directory->entity( String( nameText ) );
+   if( !root || !isSame( *root, plan, arguments ) ) {
+      root = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
+      adapter_.childIs( *directory, root );
    }
-   if( Sa * sa = adapter_.adaptorIs( *present, flags ) ) bind( flow.id, *sa );
-   adapter_.owner_.onRoot( exportId, present.ptr() );
+   if( Sa * sa = adapter_.adaptorIs( *root, flags ) ) bind( flow.id, *sa );
+   adapter_.owner_.onRoot( exportId, root.ptr() );
 }
 
 void
@@ -368,7 +350,7 @@ In::rootWent( Wire::Decoder & body ) {
    uint32_t exportId;
    if( !body.u32( exportId ) ) return;
    uint32_t flags = 0;
-   if( !adapter_.owner_.acceptsRoot( exportId, nullptr, &flags ) ) {
+   if( !adapter_.owner_.acceptsRoot( exportId, nullptr, {}, &flags ) ) {
       body.fail( "an export that was asked for" );
       return;
    }

@@ -1,12 +1,14 @@
 #include "framework/EntityUriPath.h"
 
 #include "framework/AnyKey.h"
+#include "framework/Exception.h"
 
 namespace Zek {
 
 namespace {
 
 constexpr uint16_t deepest = 64;
+constexpr size_t longest = 512; // text of a path, about
 
 void
 encodeSteps( const Entity & entity, uint16_t count, Wire::Encoder & out ) {
@@ -29,7 +31,11 @@ member( const Entity & entity, uint16_t attrId, std::string_view keyBytes ) {
    if( !row || !row->collection || !row->has( ownsMembers ) ) return nullptr;
    AnyKey key = AnyKey::zero( *row->keyType->values );
    Wire::Decoder in( keyBytes.data(), keyBytes.size() );
-   if( !key.ops().decode( in, key.get() ) || in.left() ) return nullptr;
+   try {
+      if( !key.ops().decode( in, key.get() ) || in.left() ) return nullptr;
+   } catch( const RangeException & ) {
+      return nullptr; // nothing stands under a key that is out of bounds
+   }
    return static_cast< const Entity * >( row->collection->find( &entity, key.get() ) );
 }
 
@@ -37,7 +43,18 @@ member( const Entity & entity, uint16_t attrId, std::string_view keyBytes ) {
 
 std::string
 EntityUriPath::text() const {
-   return std::string( entity_.fullName().view() );
+   std::string out;
+   for( char c : entity_.fullName().view() ) {
+      if( out.size() >= longest ) return out += "...";
+      const auto byte = static_cast< unsigned char >( c );
+      if( byte >= 0x20 && byte != 0x7f ) {
+         out += c;
+      } else {
+         constexpr const char * digits = "0123456789abcdef";
+         out += { '\\', 'x', digits[byte >> 4], digits[byte & 15] };
+      }
+   }
+   return out;
 }
 
 const Entity &

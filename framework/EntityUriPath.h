@@ -17,7 +17,8 @@ class IPSTATE_EXPORT EntityUriPath {
    explicit EntityUriPath( const Entity & entity ) : entity_( entity ) {}
 
    const Entity & entity() const { return entity_; }
-   /// The names from the root down: the entity's fullName.
+   /// The names from the root down, for messages: the entity's fullName, but control characters,
+   /// which names may have, as "\x0a", and no more than some hundred bytes.
    std::string text() const;
    /// The topmost entity above it, or itself.
    const Entity & root() const;

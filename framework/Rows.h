@@ -431,6 +431,14 @@ memberValue( const PtrInterface * member ) {
    return &static_cast< const Node * >( member )->value();
 }
 
+/// Of a value that is keyed by one of its fields.
+template< class Node >
+const void *
+valueKey( const void * value ) {
+   return &typename Node::KeyFunktorType()(
+      *static_cast< const typename Node::ValueType * >( value ) );
+}
+
 /// How each form adds: `Mutate` is the generated xIs.
 template< auto Mutate >
 struct Adding;
@@ -462,6 +470,7 @@ fillCollectionOps() {
    ops.find = &Common::find;
    ops.memberKey = &memberKey< Member >;
    if constexpr( hasValue ) ops.memberValue = &memberValue< Member >;
+   if constexpr( requires { typename Member::KeyFunktorType; } ) ops.valueKey = &valueKey< Member >;
    ops.is = &Add::is;
    ops.del = &Common::del;
    ops.delAll = &Common::delAll;

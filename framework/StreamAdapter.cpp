@@ -198,6 +198,8 @@ StreamAdapter::reset() {
       sa->cameFromPeer_ = false;
       sa->flowIn_ = 0;
       sa->dump_ = 0;
+      // What the peer has mounted in turn is no part of a copy.
+      sa->flags_ &= sa->is( Sa::toOwner ) ? ~uint32_t( Sa::fromPeer ) : uint32_t( Sa::readOnly );
       if( sa->is( Sa::toOwner ) ) {
          sa->rewriteUnacked();
          if( sa->flow_ ) out_.unqueue( *sa->flow_ );

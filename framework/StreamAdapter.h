@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
@@ -34,9 +35,10 @@ class IPSTATE_EXPORT StreamOwner {
    virtual ~StreamOwner();
    /// A control record of the owner's own (firstUserControl and above).
    virtual void onControl( uint16_t message, Wire::Decoder & body ) = 0;
-   /// Whether the peer may send the root of this export, or take it away (null); `*flags` of its
-   /// adaptor.
-   virtual bool acceptsRoot( uint32_t exportId, const TypeDescriptor * type, uint32_t * flags ) = 0;
+   /// Whether the peer may send the root of this export under this name, or take it away (null);
+   /// `*flags` of its adaptor.
+   virtual bool acceptsRoot( uint32_t exportId, const TypeDescriptor * type, std::string_view name,
+                             uint32_t * flags ) = 0;
    /// The directory in which the root of an accepted export stands, made if need be.
    virtual Entity::Ptr rootDirectory( uint32_t exportId ) = 0;
    /// The export's entity came, or went (null).
@@ -134,13 +136,13 @@ class IPSTATE_EXPORT In {
    bool applyInstance( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
                        FlowName flow, const WireType & wire, Wire::Decoder & body,
                        std::string_view & keyBytes );
-   static bool hasKey( const AttributeRow & row, const void * value, const void * key );
    /// The further constructor arguments; false when one refers to what is not there yet.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
    bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
+   bool isTooDeep( const Entity & directory ) const;
    /// `outside`: the peer's stands in no tree, so that none here corresponds to it.
    enum class Reference { null, found, absent, outside };
    Reference readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& target );
@@ -162,6 +164,7 @@ class IPSTATE_EXPORT In {
    void remove( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size );
    void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
+   void dropHeld( uint32_t flow );
    void retryHeld();
    void again( uint32_t flow, uint16_t attribute, std::string_view key );
    void sendAgain( Wire::Decoder & body );
@@ -193,6 +196,7 @@ class IPSTATE_EXPORT In {
    std::deque< WireType > types_;
    std::vector< Flow > flows_;
    std::map< HeldPlace, Held > held_;
+   size_t heldBytes_ = 0;
    std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;
    std::vector< Sweep > sweeps_;

@@ -131,6 +131,8 @@ struct CollectionOps {
    /// Makes room for members to come, where the collection is empty; null for collections that
    /// have no use for it.
    void ( *reserve )( void * object, size_t members ) = nullptr;
+   /// The key within a value; null for collections that are not keyed by a field of the value.
+   const void * ( *valueKey )( const void * value ) = nullptr;
 };
 
 /// A set inside a value, for code that knows it by its row only. Keys by untyped address.

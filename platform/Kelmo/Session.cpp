@@ -102,6 +102,12 @@ Session::mount( const Mount & mount ) {
                                 mount.mode().toString() + "': expected r, ri or w" );
    }
    if( mount.path().empty() ) Zek::throwRangeException( "mount of an empty path" );
+   if( mount.path().size() > longestText || mount.typeName().size() > longestText ) {
+      Zek::throwRangeException( "mount with a path of " + std::to_string( mount.path().size() ) +
+                                " bytes and a type's name of " +
+                                std::to_string( mount.typeName().size() ) + ": expected " +
+                                std::to_string( longestText ) + " or fewer" );
+   }
    const std::string problem = problemOfMode( mount );
    if( !problem.empty() ) Zek::throwRangeException( problem );
    imports_.push_back( { mount } );
@@ -196,7 +202,8 @@ Session::onControl( uint16_t message, Zek::Wire::Decoder & body ) {
           !body.u8( structureOnly ) ) {
          return;
       }
-      if( id == 0 || !isMode( mode ) || path.empty() || structureOnly > 1 ) {
+      if( id == 0 || !isMode( mode ) || path.empty() || structureOnly > 1 ||
+          path.size() > longestText || type.size() > longestText ) {
          body.fail( "a mount with number, path, and mode r, ri or w" );
          return;
       }
@@ -229,13 +236,17 @@ Session::import( uint32_t exportId ) {
 }
 
 bool
-Session::acceptsRoot( uint32_t exportId, const Zek::TypeDescriptor * type, uint32_t * flags ) {
+Session::acceptsRoot( uint32_t exportId, const Zek::TypeDescriptor * type, std::string_view name,
+                      uint32_t * flags ) {
    Import * wanted = import( exportId );
    if( !greeted_ || !wanted || wanted->refused ) return false;
    bool writable = wanted->mount.mode() == "w";
    *flags = writable ? Sa::toOwner | Sa::sends | Sa::withContent | Sa::withMembers | Sa::deep
                      : Sa::readOnly;
-   return !type || wanted->mount.typeName() == std::string_view( type->fullName );
+   if( !type ) return true;
+   std::string_view directory, wantedName;
+   splitPath( wanted->mount.path().view(), directory, wantedName );
+   return name == wantedName && wanted->mount.typeName() == std::string_view( type->fullName );
 }
 
 Entity::Ptr

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Kelmo {
@@ -37,13 +38,16 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
  public:
    static constexpr uint32_t magic = 0x69707374; // "ipst"
    static constexpr uint16_t version = 1;
+   /// Bytes of a mount's path, and of its type's name.
+   static constexpr size_t longestText = 4096;
 
    /// Over the tree at `root`; both must outlive the session.
    Session( const Zek::Entity::Ptr & root, SessionOwner & owner );
    ~Session() override;
 
    /// Asks the peer for what stands at the mount's path. Throws RangeException for a mode that is
-   /// none of "r", "ri", "w", for "ri" of another type than a directory's, or an empty path.
+   /// none of "r", "ri", "w", for "ri" of another type than a directory's, or a path that is empty
+   /// or too long.
    void mount( const Mount & mount );
    /// A new connection: says who we are and asks for every mount.
    void connected();
@@ -83,7 +87,7 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
 
    const Zek::NboAttrLog::Out & out() const { return adapter_.nboAttrLogOut(); }
    void onControl( uint16_t message, Zek::Wire::Decoder & body ) override;
-   bool acceptsRoot( uint32_t exportId, const Zek::TypeDescriptor * type,
+   bool acceptsRoot( uint32_t exportId, const Zek::TypeDescriptor * type, std::string_view name,
                      uint32_t * flags ) override;
    Zek::Entity::Ptr rootDirectory( uint32_t exportId ) override;
    void onRoot( uint32_t exportId, Zek::Entity * root ) override;

@@ -152,4 +152,11 @@ SocketMountGroup::onSynchronised() {
    owner_.onSynchronised();
 }
 
+/// The server may not look into the tree that its state is copied to.
+bool
+SocketMountGroup::allows( const Mount & mount, std::string & reason ) {
+   reason = "'" + mount.path().toString() + "' is not exported: this end mounts";
+   return false;
+}
+
 } // namespace Kelmo

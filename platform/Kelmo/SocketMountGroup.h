@@ -94,6 +94,7 @@ class IPSTATE_EXPORT SocketMountGroup final : public MountGroup, private Session
    void guarded( Work work );
    void onMountRefused( const Mount & mount, const std::string & reason ) override;
    void onSynchronised() override;
+   bool allows( const Mount & mount, std::string & reason ) override;
 
    std::string path_;
    MountGroupOwner & owner_;

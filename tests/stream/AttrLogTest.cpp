@@ -61,17 +61,8 @@ std::vector< Frame >
 framesOf( std::string_view bytes ) {
    std::vector< Frame > frames;
    while( !bytes.empty() ) {
-      Zek::Wire::Decoder in( bytes.data(), FrameHeader::size );
-      Frame frame{};
-      uint8_t kind = 0;
-      in.u32( frame.header.length );
-      in.u32( frame.header.checksum );
-      in.u32( frame.header.flow );
-      in.u16( frame.header.attribute );
-      in.u8( kind );
-      in.u8( frame.header.flags );
-      in.u32( frame.header.sequence );
-      frame.header.kind = static_cast< Kind >( kind );
+      Frame frame;
+      frame.header = FrameHeader::of( bytes.data() );
       frame.body = bytes.substr( FrameHeader::size, frame.header.length - FrameHeader::size );
       bytes.remove_prefix( frame.header.length );
       frames.push_back( frame );

@@ -31,17 +31,7 @@ Pipe::take( size_t most, Situations & situations ) {
          header_[inside_] = static_cast< uint8_t >( piece[at] );
          ++at;
          if( ++inside_ < FrameHeader::size ) continue;
-         FrameHeader header;
-         uint8_t kind = 0;
-         Zek::Wire::Decoder in( header_, FrameHeader::size );
-         in.u32( header.length );
-         in.u32( header.checksum );
-         in.u32( header.flow );
-         in.u16( header.attribute );
-         in.u8( kind );
-         in.u8( header.flags );
-         in.u32( header.sequence );
-         header.kind = static_cast< Zek::NboAttrLog::Kind >( kind );
+         const auto header = FrameHeader::of( header_ );
          length_ = std::max< size_t >( header.length, FrameHeader::size + 2 );
          situations.record( header );
       } else {

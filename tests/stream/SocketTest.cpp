@@ -303,6 +303,37 @@ TEST_F( Sockets, StalledClientsCostABoundedRoom ) {
    EXPECT_EQ( copy.at()->ipIntfStatus( Velon::IntfId( "e99" ) )->maxMssEgress(), 1000u );
 }
 
+TEST_F( Sockets, GiveTheServerNothing ) {
+   const Kelmo::Descriptor listening( socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0 ) );
+   sockaddr_un address{};
+   address.sun_family = AF_UNIX;
+   std::memcpy( address.sun_path, path.data(), path.size() );
+   ASSERT_EQ( bind( listening.fd(), reinterpret_cast< sockaddr * >( &address ), sizeof address ),
+              0 );
+   ASSERT_EQ( listen( listening.fd(), 1 ), 0 );
+   copy.lay();
+   mount( "other" );
+   turn();
+   const Kelmo::Descriptor peer( accept( listening.fd(), nullptr, nullptr ) );
+   struct Curious final : Kelmo::SessionOwner {
+      void onMountRefused( const Kelmo::Mount &, const std::string & reason ) override {
+         told += reason;
+      }
+      std::string told;
+   } curious;
+   Kelmo::Session session( source.root, curious );
+   session.mount( Kelmo::Mount( "ip", "Zek::Dir", "w", Kelmo::MountFilter( false ) ) );
+   session.connected();
+   const std::string out( session.output().view() );
+   ASSERT_EQ( write( peer.fd(), out.data(), out.size() ), ssize_t( out.size() ) );
+   settle();
+   char in[1000];
+   const ssize_t came = read( peer.fd(), in, sizeof in );
+   ASSERT_GT( came, 0 );
+   session.receive( in, size_t( came ) );
+   EXPECT_EQ( curious.told, "'ip' is not exported: this end mounts" );
+}
+
 // -- Paths and users --------------------------------------------------------------------------
 
 std::string

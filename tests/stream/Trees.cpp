@@ -165,11 +165,7 @@ changeMember( Random & random, Change & change ) {
       ops.is( &entity, key, nullptr );
    } else if( row.has( keyIsField ) ) {
       AnyKey value = randomKey( random, *row.type );
-      for( const AttributeRow & field : row.type->attributes ) {
-         if( field.has( isKey ) ) {
-            change.key = AnyKey( *row.keyType->values, field.address( value.get() ) );
-         }
-      }
+      change.key = AnyKey( *row.keyType->values, ops.valueKey( value.get() ) );
       ops.is( &entity, value.get(), nullptr );
    } else {
       AnyKey value = randomKey( random, *row.type );

@@ -1,0 +1,386 @@
+#include "tests/stream/FuzzWorld.h"
+
+#include "framework/Relay.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace ipstate::test {
+
+using namespace Zek;
+using NboAttrLog::FrameHeader;
+
+namespace {
+
+constexpr size_t capacity = 4096;
+constexpr size_t fixed = 8; // length and checksum: not in a piece
+
+void
+require( bool holds, const std::string & what ) {
+   if( holds ) return;
+   std::fprintf( stderr, "%s\n", what.c_str() );
+   std::abort();
+}
+
+const TypeDescriptor &
+rootType( const Setup & setup ) {
+   return *rootTypes()[setup.type % rootTypes().size()];
+}
+
+void
+append( std::string & out, const PtrInterface * target ) {
+   auto * entity = dynamic_cast< const Entity * >( target );
+   out += entity ? entity->fullName().view() : "null";
+}
+
+void
+appendMembers( std::string & out, const AttributeRow & row, const Entity & entity ) {
+   const CollectionOps & ops = *row.collection;
+   size_t count = 0;
+   const PtrInterface * member = ops.first( &entity );
+   while( member ) {
+      ++count;
+      member = withMemberKey( row, member, [&]( const void * key ) {
+         row.keyType->values->append( key, out );
+         require( ops.find( &entity, key ) == member, "a member is not under its key" );
+         if( row.has( refersToMembers ) ) append( out, member );
+         const void * value = ops.memberValue ? ops.memberValue( member ) : nullptr;
+         if( value ) row.type->values->append( value, out );
+         return ops.after( &entity, key );
+      } );
+   }
+   require( count == ops.count( &entity ), "members are not as many as counted" );
+}
+
+void
+append( std::string & out, const AttributeRow & row, const Entity & entity ) {
+   if( row.has( abortsOnRead ) || row.kind == AttributeKind::callable ) return;
+   if( row.collection ) {
+      appendMembers( out, row, entity );
+   } else if( !row.stored ) {
+   } else if( row.address && row.stored->encode ) {
+      row.stored->append( row.address( &entity ), out );
+   } else if( row.address ) {
+      append( out, *static_cast< PtrInterface * const * >( row.address( &entity ) ) );
+   } else if( row.read ) {
+      std::unique_ptr< std::byte[] > memory( new std::byte[row.stored->size] );
+      row.read( &entity, memory.get() );
+      row.stored->append( memory.get(), out );
+      row.stored->destroy( memory.get() );
+   }
+}
+
+/// Carries bytes between the two until neither has any.
+void
+settle( Kelmo::Session & one, Kelmo::Session & other, std::string * toOne = nullptr ) {
+   auto carry = []( Kelmo::Session & from, Kelmo::Session & to, std::string * record ) {
+      const std::string bytes( from.output().view() );
+      if( record ) *record += bytes;
+      from.carried( bytes.size() );
+      to.receive( bytes.data(), bytes.size() );
+   };
+   do {
+      carry( other, one, toOne );
+      carry( one, other, nullptr );
+   } while( !one.output().empty() || !other.output().empty() );
+}
+
+/// All that an entity says of itself.
+void
+append( std::string & out, const Entity & entity ) {
+   out += entity.fullName().view();
+   for( const TypeDescriptor * type = entity.fwkType(); type; type = type->base ) {
+      for( const AttributeRow & row : type->attributes ) append( out, row, entity );
+   }
+}
+
+} // namespace
+
+// -- Inputs -----------------------------------------------------------------------------------
+
+Setup
+Setup::of( std::string_view input ) {
+   Setup setup;
+   if( input.size() > 0 ) setup.flags = static_cast< uint8_t >( input[0] );
+   if( input.size() > 1 ) setup.type = static_cast< uint8_t >( input[1] );
+   if( input.size() > 2 ) setup.seed = static_cast< uint8_t >( input[2] );
+   return setup;
+}
+
+std::vector< std::string >
+piecesOf( std::string_view stream ) {
+   std::vector< std::string > pieces;
+   while( stream.size() >= FrameHeader::size ) {
+      const uint32_t length = FrameHeader::of( stream.data() ).length;
+      require( length <= stream.size(), "half a record was recorded" );
+      std::string_view frame = stream.substr( 0, length );
+      stream.remove_prefix( length );
+      std::string piece( 1, '\0' );
+      piece += frame.substr( fixed, FrameHeader::size - fixed );
+      piece += frame.substr( FrameHeader::size + 1, length - FrameHeader::size - 2 );
+      pieces.push_back( std::move( piece ) );
+   }
+   return pieces;
+}
+
+std::string
+frameOf( std::string_view piece ) {
+   if( piece.empty() ) return {};
+   const auto steps = static_cast< uint8_t >( piece[0] );
+   piece.remove_prefix( 1 );
+   if( steps & isRaw ) return std::string( piece );
+   constexpr size_t rest = FrameHeader::size - fixed;
+   if( piece.size() < rest ) return {};
+   std::string frame( fixed, '\0' );
+   frame += piece.substr( 0, rest );
+   if( !( steps & keepsSequence ) ) frame[15] = NboAttrLog::restartsSequence;
+   frame += char( NboAttrLog::openToken );
+   frame += piece.substr( rest );
+   frame += char( NboAttrLog::closeToken );
+   const auto length = Wire::networkOrder( static_cast< uint32_t >( frame.size() ) );
+   const uint32_t sum =
+      Wire::networkOrder( Wire::checksum( frame.data() + fixed, frame.size() - fixed ) );
+   std::memcpy( frame.data(), &length, sizeof length );
+   std::memcpy( frame.data() + sizeof length, &sum, sizeof sum );
+   return frame;
+}
+
+std::vector< std::string >
+split( std::string_view input ) {
+   std::vector< std::string > parts;
+   parts.emplace_back( input.substr( 0, Setup::size ) );
+   input.remove_prefix( parts.front().size() );
+   while( !input.empty() ) {
+      const size_t end = input.find( mark );
+      parts.emplace_back( input.substr( 0, end ) );
+      input = end == input.npos ? "" : input.substr( end + mark.size() );
+   }
+   return parts;
+}
+
+std::string
+joined( const std::vector< std::string > & parts ) {
+   std::string input = parts.front();
+   for( size_t i = 1; i < parts.size(); ++i ) {
+      if( i > 1 ) input += mark;
+      input += parts[i];
+   }
+   return input;
+}
+
+// -- Watching ---------------------------------------------------------------------------------
+
+/// Reads what it is told of, as any agent does; throws and changes things where the setup says so.
+class FuzzWorld::Watcher final : public AttributeSink {
+ public:
+   Watcher( FuzzWorld & world, const Entity & entity ) : world_( world ), entity_( &entity ) {
+      const TypeDescriptor * type = entity.fwkType();
+      while( !type->relay ) type = type->base;
+      auto relay = type->relay( entity, *this );
+      relay_ = Ptr< PtrInterface::NotifieeConst >(
+         static_cast< PtrInterface::NotifieeConst * >( relay.ptr() ) );
+      relay_->isWeakNotifieeIs( true );
+   }
+   ~Watcher() override { relay_->notifierIs( nullptr ); }
+   void onAttribute( const AttributeRow & row ) override { react( row ); }
+   void onMember( const AttributeRow & row, const void * key ) override {
+      if( row.has( ownsMembers ) ) {
+         const PtrInterface * member = row.collection->find( entity_, key );
+         if( member ) world_.watch( *static_cast< const Entity * >( member ) );
+      }
+      react( row );
+   }
+   void onNotificationException() override { throw; }
+
+ private:
+   void react( const AttributeRow & row ) {
+      std::string text;
+      append( text, row, *entity_ );
+      if( !world_.reactions_ || !world_.random_.oneIn( 4 ) ) return;
+      --world_.reactions_;
+      if( world_.setup_.is( Setup::reacts ) ) {
+         const bool same = world_.random_.oneIn( 2 ) && ( row.write || row.collection );
+         mutate( world_.random_, Entity::Ptr( const_cast< Entity * >( entity_ ) ),
+                 same ? &row : nullptr, false );
+      }
+      if( world_.setup_.is( Setup::throws ) && world_.random_.oneIn( 2 ) ) {
+         throw std::runtime_error( "a reaction" );
+      }
+   }
+
+   FuzzWorld & world_;
+   const Entity * entity_;
+   Ptr< PtrInterface::NotifieeConst > relay_;
+};
+
+void
+FuzzWorld::watch( const Entity & entity ) {
+   if( watchers_.size() >= 64 || !entity.fwkType()->hasNotifier ) return;
+   watchers_.push_back( std::make_unique< Watcher >( *this, entity ) );
+}
+
+// -- Worlds -----------------------------------------------------------------------------------
+
+FuzzWorld::FuzzWorld( Setup setup ) : setup_( setup ), random_( setup.seed ) {
+   if( setup_.is( Setup::owner ) || setup_.is( Setup::filled ) ) fill( *tree_, setup_.seed );
+   forEachEntity( *tree_, [&]( const Entity & entity ) { watch( entity ); } );
+   connect();
+}
+
+FuzzWorld::~FuzzWorld() {
+   watchers_.clear();
+}
+
+/// Interfaces, and members of the setup's type that may refer to them.
+void
+FuzzWorld::fill( Dir & tree, uint64_t seed ) const {
+   Random random( seed );
+   Dir::Ptr all = tree.dirIs( "all" );
+   for( const char * type : { "L3::Intf::StatusDir", rootType( setup_ ).fullName } ) {
+      Entity::Ptr made = all->entity( String( type ) );
+      if( !made ) made = all->entityIs( type, Name( type ) );
+      for( int i = 0; i < 10; ++i ) mutate( random, *made, false );
+   }
+   for( int i = 0; i < 3; ++i ) mutate( random, *all, false );
+}
+
+void
+FuzzWorld::connect() {
+   if( setup_.is( Setup::owner ) || !session_ ) {
+      session_ = std::make_unique< Kelmo::Session >( tree_, *this );
+      const char * mode = setup_.is( Setup::writes ) ? "w" : "r";
+      if( !setup_.is( Setup::owner ) ) {
+         session_->mount( Kelmo::Mount( "all", "Zek::Dir", mode, Kelmo::MountFilter( false ) ) );
+      }
+      if( !setup_.is( Setup::owner ) && setup_.is( Setup::twice ) ) {
+         const std::string type = rootType( setup_ ).fullName;
+         session_->mount( Kelmo::Mount( String( "all/" + type ), String( type ), "r",
+                                        Kelmo::MountFilter( false ) ) );
+      }
+      NboAttrLog::Quota & quota = session_->adapter().nboAttrLogIn().quota;
+      quota = {
+         .recordBytes = 1 << 16, .flows = 1 << 13, .types = 64, .reserved = 1 << 12, .held = 256
+      };
+      session_->adapter().nboAttrLogOut().capacityIs( stalled_ ? 0 : capacity );
+   } else {
+      session_->disconnected();
+   }
+   session_->connected();
+}
+
+void
+FuzzWorld::change() {
+   Entity::Ptr all = tree_->entity( "all" );
+   if( !all ) return;
+   reactions_ = 3;
+   mutate( random_, *all, false );
+}
+
+void
+FuzzWorld::take( std::string_view piece ) {
+   if( piece.empty() ) return;
+   const auto steps = static_cast< uint8_t >( piece[0] );
+   switch( steps & 0xf0 ) {
+   case Step::change:
+      change();
+      break;
+   case Step::carry:
+      session_->carried( session_->output().size() );
+      break;
+   case Step::reconnect:
+      waiting_.clear();
+      connect();
+      break;
+   case Step::stall:
+      stalled_ = !stalled_;
+      session_->adapter().nboAttrLogOut().capacityIs( stalled_ ? 0 : capacity );
+      break;
+   default:
+      break;
+   }
+   waiting_ += frameOf( piece );
+   if( steps & waits ) return;
+   const std::string bytes = std::exchange( waiting_, {} );
+   const size_t first = steps & isSplit ? bytes.size() / 2 : bytes.size();
+   try {
+      receive( std::string_view( bytes ).substr( 0, first ) );
+      if( first < bytes.size() ) receive( std::string_view( bytes ).substr( first ) );
+   } catch( const StreamException & e ) {
+      const std::string_view what = e.what();
+      require( what.find( "malformed record " ) == 0 && what.find( ", attribute " ) != what.npos &&
+                  what.find( ", offset " ) != what.npos && what.find( ": expected " ) != what.npos,
+               "no place in: " + std::string( what ) );
+      connect();
+   }
+   // What is written may be an answer to each record, and one record behind the capacity.
+   const size_t written = session_->output().size();
+   require( written < ( 64 << 10 ) + 64 * taken_, "written: " + std::to_string( written ) );
+}
+
+void
+FuzzWorld::receive( std::string_view bytes ) {
+   reactions_ = 3;
+   taken_ += bytes.size();
+   session_->receive( bytes.data(), bytes.size() );
+}
+
+std::string
+FuzzWorld::text() const {
+   std::string out;
+   forEachEntity( *tree_, [&]( const Entity & entity ) { append( out, entity ); } );
+   return out;
+}
+
+void
+FuzzWorld::recover() {
+   if( setup_.is( Setup::owner ) || setup_.is( Setup::writes ) ) return;
+   watchers_.clear();
+   Dir::Ptr source = dirFactory();
+   fill( *source, setup_.seed + 1u );
+   Kelmo::SessionOwner owner;
+   Kelmo::Session server( source, owner );
+   stalled_ = false;
+   session_->adapter().nboAttrLogOut().capacityIs( capacity );
+   connect();
+   server.connected();
+   settle( *session_, server );
+   Entity::Ptr all = source->entity( "all" );
+   Entity::Ptr copy = tree_->entity( "all" );
+   for( auto & difference : differences( all.ptr(), copy.ptr(), Depth::all ) ) {
+      require( false, difference.place + ": " + difference.what );
+   }
+}
+
+std::string
+recorded( Setup setup ) {
+   Setup peer = setup;
+   peer.flags ^= Setup::owner;
+   if( setup.is( Setup::owner ) ) {
+      peer.flags |= Setup::writes;
+   } else {
+      ++peer.seed;
+   }
+   FuzzWorld world( setup );
+   FuzzWorld other( peer );
+   std::string stream;
+   settle( world.session(), other.session(), &stream );
+   for( int i = 0; i < 8; ++i ) {
+      other.change();
+      settle( world.session(), other.session(), &stream );
+   }
+   return stream;
+}
+
+std::map< std::string, uint64_t >
+liveObjects() {
+   std::map< std::string, uint64_t > live;
+   for( auto * type = AllocTrackTypeInfo::all(); type; type = type->next() ) {
+      if( type->liveObjects() ) live[type->name()] += type->liveObjects();
+   }
+   return live;
+}
+
+} // namespace ipstate::test

@@ -1,0 +1,351 @@
+// Peers that send anything: a stream cut anywhere, bytes that were changed, records that lie.
+
+#include "Ip/Ip.h"
+#include "framework/StreamAdapter.h"
+#include "tests/stream/FuzzWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+
+namespace ipstate::test {
+
+namespace {
+
+using namespace Zek::NboAttrLog;
+using Body = std::function< void( Zek::Wire::Encoder & ) >;
+
+uint16_t
+idOf( const char * type, const char * attribute ) {
+   return Zek::typeNode( type )->attribute( attribute )->id;
+}
+
+/// A world, and a peer that was greeted and says whatever the test wants.
+class Peer {
+ public:
+   explicit Peer( uint8_t flags = 0 ) : world( Setup{ .flags = flags } ) {
+      control( 64, []( auto & out ) {
+         out.u32( Kelmo::Session::magic );
+         out.u16( Kelmo::Session::version );
+      } );
+   }
+
+   /// What the connection ends with, without the number of the record; empty when it goes on.
+   std::string raw( const std::string & bytes ) {
+      try {
+         world.session().receive( bytes.data(), bytes.size() );
+      } catch( const Zek::StreamException & e ) {
+         const std::string_view what = e.what();
+         return std::string( what.substr( what.find( " of " ) + 4 ) );
+      }
+      return "";
+   }
+   static std::string frame( uint32_t flow, uint16_t attribute, Kind kind, const Body & body ) {
+      Zek::Wire::Buffer bytes;
+      Zek::Wire::Encoder out( bytes );
+      out.u8( 0 );
+      out.u32( flow );
+      out.u16( attribute );
+      out.u8( static_cast< uint8_t >( kind ) );
+      out.u8( 0 );
+      out.u32( 0 );
+      if( body ) body( out );
+      return frameOf( bytes.view() );
+   }
+   std::string send( uint32_t flow, uint16_t attribute, Kind kind, const Body & body = {} ) {
+      return raw( frame( flow, attribute, kind, body ) );
+   }
+   std::string control( uint16_t message, const Body & body = {} ) {
+      return send( 0, message, Kind::value, body );
+   }
+   /// Declares a type as it is here; its number counts up from 1.
+   std::string declare( const char * name ) {
+      ++types;
+      return control( typeControl, [&]( auto & out ) {
+         out.u32( types );
+         out.text( name );
+         const auto * type = Zek::typeNode( name );
+         out.u64( type && Plan::covers( *type ) ? Plan( *type ).fingerprint : 0 );
+         out.u32( 0 );
+      } );
+   }
+   std::string root( uint32_t mount = 1, uint32_t flow = 1, const char * name = "all" ) {
+      return control( rootControl, [&]( auto & out ) {
+         out.u32( mount );
+         out.text( "Zek::Dir" );
+         out.text( name );
+         named( out, flow, 1 );
+      } );
+   }
+   static void named( Zek::Wire::Encoder & out, uint32_t flow, uint32_t type ) {
+      out.u32( flow );
+      out.u32( 0 );
+      out.u32( type );
+   }
+   /// A member whose key is a text.
+   std::string instance( uint32_t parent, uint16_t collection, uint32_t flow, uint32_t type,
+                         std::string_view key, const Body & arguments = {} ) {
+      return send( parent, collection, Kind::instantiate, [&]( auto & out ) {
+         named( out, flow, type );
+         out.text( key );
+         if( arguments ) arguments( out );
+      } );
+   }
+   In & in() { return world.session().adapter().nboAttrLogIn(); }
+
+   FuzzWorld world;
+   uint32_t types = 0;
+};
+
+/// A reference by path: collections and keys, which are texts.
+Body
+path( uint16_t steps, std::vector< std::pair< uint16_t, std::string > > way ) {
+   return [=]( auto & out ) {
+      out.u8( 2 );
+      out.u16( steps );
+      for( auto & [collection, key] : way ) {
+         out.u16( collection );
+         out.u32( static_cast< uint32_t >( key.size() + 4 ) );
+         out.text( key );
+      }
+   };
+}
+
+/// A root of flow 1 and a configuration of flow 2 with an interface of flow 3.
+struct Interface : Peer {
+   Interface() {
+      for( const char * type : { "Zek::Dir", "Ip::Config", "Ip::IpIntfConfig" } ) declare( type );
+      root();
+      instance( 1, Zek::entityAttr, 2, 2, "config" );
+      instance( 2, idOf( "Ip::Config", "ipIntfConfig" ), 3, 3, "e1" );
+   }
+   /// The value of an attribute of the interface.
+   std::string value( const char * attribute, const Body & body ) {
+      return send( 3, idOf( "Ip::IpIntfConfig", attribute ), Kind::value, body );
+   }
+};
+
+} // namespace
+
+TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
+   auto flow = []( uint32_t number ) {
+      return [=]( auto & out ) {
+         out.u8( 1 );
+         out.u32( number );
+      };
+   };
+   auto bytes = []( std::string_view all ) {
+      return [=]( auto & out ) { out.bytes( all.data(), all.size() ); };
+   };
+   struct Case {
+      std::function< std::string( Interface & ) > send;
+      std::string expected;
+   };
+   const std::string intf = "'all/config/ipIntfConfig[e1]', attribute ",
+                     none = "flow 0, attribute ";
+   const Case cases[] = {
+      // Values
+      { [&]( auto & w ) { return w.value( "forwarding", bytes( "\2" ) ); },
+        intf + "forwarding, offset 22: expected 0 or 1" },
+      { [&]( auto & w ) { return w.value( "forwarding", bytes( "\1\1" ) ); },
+        intf + "forwarding, offset 22: expected the end of the record" },
+      { [&]( auto & w ) { return w.value( "addrSource", []( auto & out ) { out.u32( 2 ); } ); },
+        intf + "addrSource, offset 25: expected an enumerator's number" },
+      { [&]( auto & w ) { return w.value( "addrWithMask", bytes( "aaaa\x21" ) ); },
+        intf + "addrWithMask, offset 26: expected a prefix length of the family" },
+      { [&]( auto & w ) { return w.value( "addrWithMask", bytes( "aaaa" ) ); },
+        intf + "addrWithMask, offset 25: expected a prefix length" },
+      // References
+      { [&]( auto & w ) { return w.value( "l3Config", bytes( "\4" ) ); },
+        intf + "l3Config, offset 22: expected a kind of reference" },
+      { [&]( auto & w ) { return w.value( "l3Config", flow( 4 ) ); },
+        intf + "l3Config, offset 26: expected a flow that was announced" },
+      { [&]( auto & w ) { return w.value( "l3Config", flow( 1 ) ); },
+        intf + "l3Config, offset 26: expected a reference to an entity of the attribute's type" },
+      { [&]( auto & w ) { return w.value( "l3Config", path( 65, {} ) ); },
+        intf + "l3Config, offset 24: expected 64 steps or fewer" },
+      { [&]( auto & w ) {
+          return w.value( "l3Config", path( 2, { { 5, "a" } } ) );
+       },
+        intf + "l3Config, offset 35: expected the number of a collection" },
+      // Instances and collections
+      { [&]( auto & w ) { return w.instance( 2, 258, 3, 4, "e2" ); },
+        "'all/config', attribute ipIntfConfig, offset 33: "
+        "expected the number of a type that was declared" },
+      { [&]( auto & w ) { return w.instance( 2, 258, 3, 2, "e2" ); },
+        "'all/config', attribute ipIntfConfig, offset 39: "
+        "expected a type that the collection holds" },
+      { [&]( auto & w ) { return w.instance( 2, 258, 2, 3, "e2" ); },
+        "'all/config', attribute ipIntfConfig, offset 29: "
+        "expected a flow other than the parent's" },
+      { [&]( auto & w ) { return w.instance( 2, 258, 5000, 3, "e2" ); },
+        "'all/config', attribute ipIntfConfig, offset 29: expected the number of a flow" },
+      { [&]( auto & w ) { return w.instance( 9, 258, 4, 3, "e2" ); },
+        "flow 9, attribute 258, offset 8: expected a flow that was announced" },
+      { [&]( auto & w ) { return w.instance( 3, 260, 4, 3, "" ); },
+        intf + "secondaryWithMask, offset 33: "
+               "expected a member of a collection that owns none" },
+      { [&]( auto & w ) { return w.send( 3, 268, Kind::beginWhole, bytes( "aaaa" ) ); },
+        intf + "forwarding, offset 25: expected a collection and nothing more" },
+      // Control
+      { [&]( auto & w ) { return w.control( 9 ); },
+        none + "9, offset 21: expected a control message" },
+      { [&]( auto & w ) { return w.control( 67 ); },
+        none + "67, offset 21: expected a greeting, mount or refusal" },
+      { [&]( auto & w ) { return w.control( endControl, bytes( "aaaa" ) ); },
+        none + "8, offset 25: expected the end of a dump that began" },
+      { [&]( auto & w ) { return w.control( ackControl, bytes( "\0aaaaaaa" ) ); },
+        none + "2, offset 21: expected a 64-bit number" },
+      { [&]( auto & w ) { return w.root( 2 ); },
+        none + "5, offset 56: expected the root of an export that was asked for" },
+      { [&]( auto & w ) { return w.root( 1, 1, "other" ); },
+        none + "5, offset 58: expected the root of an export that was asked for" },
+      { [&]( auto & w ) {
+          w.types = 9;
+          return w.declare( "Zek::Dir" );
+       },
+        none + "1, offset 49: expected the next type's number, up to the quota" },
+      { [&]( auto & w ) {
+          return w.control( 65, []( auto & out ) {
+             out.u32( 1 );
+             out.text( std::string( 5000, 'x' ) );
+             for( const char * text : { "Zek::Dir", "r" } ) out.text( text );
+             out.u8( 0 );
+          } );
+       },
+        none + "65, offset 5047: expected a mount with number, path, and mode r, ri or w" },
+      // Frames
+      { [&]( auto & w ) { return w.raw( std::string( 20, '\0' ) ); },
+        none + "0, offset 0: expected a length of 22 bytes up to the quota" },
+      { [&]( auto & w ) { return w.raw( std::string( 20, '\1' ) ); },
+        "flow 16843009, attribute 257, offset 0: "
+        "expected a length of 22 bytes up to the quota" },
+      { [&]( auto & w ) { return w.send( 3, 268, static_cast< Kind >( 7 ), bytes( "\1" ) ); },
+        intf + "forwarding, offset 14: expected a kind of record" },
+   };
+   for( const Case & c : cases ) {
+      Interface world;
+      const std::string before = world.world.text();
+      EXPECT_EQ( c.send( world ), c.expected );
+      EXPECT_EQ( world.world.text(), before );
+      EXPECT_THROW( world.world.session().receive( "", 0 ), Zek::StreamException );
+   }
+}
+
+TEST( Hostile, setsAndKeyedValuesAreChecked ) {
+   for( const auto & [key, second, expected] :
+        { std::tuple( "aaab", "b", "a value with the key it stands under" ),
+          std::tuple( "aaaa", "a", "keys in ascending order" ), std::tuple( "aaaa", "b", "" ) } ) {
+      Peer peer;
+      for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
+         peer.declare( type );
+      }
+      peer.root();
+      peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+      peer.instance( 2, 259, 3, 3, "e1", []( auto & out ) { out.u8( 0 ); } );
+      const std::string said =
+         peer.send( 3, idOf( "Ip::IpIntfStatus", "mcaddr" ), Kind::value, [&]( auto & out ) {
+            out.bytes( key, 4 );
+            out.bytes( "aaaa", 4 );
+            out.u32( 2 );
+            out.text( "a" );
+            out.text( second );
+         } );
+      EXPECT_EQ( said.empty() ? "" : said.substr( said.find( ": expected " ) + 11 ), expected );
+   }
+}
+
+TEST( Hostile, whatIsNotKnownIsPassedOver ) {
+   Interface w;
+   const std::string before = w.world.text();
+   auto anything = []( auto & out ) { out.text( "anything" ); };
+   EXPECT_EQ( w.send( 3, 999, Kind::value, anything ), "" );
+   // A type that is unknown, and one whose instances cannot be told by their attributes.
+   for( const char * type : { "No::Such", "Ip::SourceIntf::SourceIntfSm" } ) {
+      EXPECT_EQ( w.declare( type ), "" );
+      EXPECT_EQ( w.instance( 1, Zek::entityAttr, 4, w.types, "x", anything ), "" );
+      EXPECT_EQ( w.send( 4, 258, Kind::state, anything ), "" );
+   }
+   // A count that is a lie makes no table large.
+   EXPECT_EQ( w.send( 3, 260, Kind::beginWhole, []( auto & out ) { out.u32( ~0u ); } ), "" );
+   EXPECT_EQ( w.world.text(), before );
+}
+
+TEST( Hostile, aFlowThatIsTakenAgainLeavesTheFirstAlone ) {
+   Interface w;
+   const uint16_t forwarding = idOf( "Ip::IpIntfConfig", "forwarding" );
+   w.instance( 2, 258, 3, 3, "e2" );
+   EXPECT_EQ( w.send( 3, forwarding, Kind::value, []( auto & out ) { out.u8( 0 ); } ), "" );
+   auto config = Zek::ptrCast< Ip::Config >( w.world.tree()->entityAt( "all/config" ) );
+   EXPECT_TRUE( config->ipIntfConfig( Velon::IntfId( "e1" ) )->forwarding() );
+   EXPECT_FALSE( config->ipIntfConfig( Velon::IntfId( "e2" ) )->forwarding() );
+}
+
+TEST( Hostile, aPathThatLeadsNowhereWaits ) {
+   constexpr uint16_t children = Zek::entityAttr;
+   for( const Body & nowhere :
+        { path( 1, { { 6, "all" } } ), path( 1, { { 999, "" } } ),
+          path( 1, { { children, "all" } } ),
+          path( 2, { { children, "vrfs" }, { 258, std::string( 101, 'x' ) } } ) } ) {
+      Interface w;
+      w.world.tree()->entityIs( Ip::allVrfConfigFactory( "vrfs" ) );
+      const std::string before = w.world.text();
+      EXPECT_EQ( w.value( "l3Config", nowhere ), "" );
+      EXPECT_EQ( w.in().held(), 1u );
+      EXPECT_EQ( w.world.text(), before );
+   }
+}
+
+TEST( Hostile, whatWaitsGoesWithItsFlow ) {
+   Peer peer;
+   for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
+      peer.declare( type );
+   }
+   peer.root();
+   peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+   const Body absent = path( 1, { { Zek::entityAttr, "absent" } } );
+   peer.instance( 2, 259, 3, 3, "e1", absent );
+   EXPECT_EQ( peer.in().held(), 1u );
+   peer.instance( 1, Zek::entityAttr, 2, 1, "directory" );
+   EXPECT_EQ( peer.in().held(), 0u );
+
+   // In number and size what waits is bounded.
+   for( bool bytes : { false, true } ) {
+      Peer other;
+      Quota & quota = other.in().quota;
+      bytes ? quota.heldBytes = 100 : quota.held = 1;
+      for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
+         other.declare( type );
+      }
+      other.root();
+      other.instance( 1, Zek::entityAttr, 2, 2, "status" );
+      EXPECT_EQ( other.instance( 2, 259, 3, 3, "e1", absent ), "" );
+      EXPECT_EQ( other.instance( 2, 259, 4, 3, bytes ? std::string( 100, 'x' ) : "e2", absent ),
+                 "'all/status', attribute ipIntfStatus, offset 0: "
+                 "expected fewer references that wait" );
+   }
+}
+
+TEST( Hostile, directoriesAreAsDeepAsMayBe ) {
+   Interface w;
+   for( uint32_t flow = 4; flow < 100; ++flow ) {
+      EXPECT_EQ( w.instance( flow == 4 ? 1 : flow - 1, Zek::entityAttr, flow, 1, "d" ), "" );
+   }
+   EXPECT_EQ( w.in().refused(), 1u );
+   size_t depth = 1;
+   for( auto at = w.world.tree()->entity( "all" ); at; at = at->entity( "d" ) ) ++depth;
+   EXPECT_EQ( depth, w.in().quota.depth );
+}
+
+TEST( Hostile, aMessageIsOneLine ) {
+   Interface w;
+   w.instance( 1, Zek::entityAttr, 4, 1, std::string_view( "a\0\n", 3 ) );
+   EXPECT_EQ( w.send( 4, 0, static_cast< Kind >( 9 ) ),
+              "'all/a\\x00\\x0a', attribute 0, offset 14: expected a kind of record" );
+   Interface other;
+   other.instance( 1, Zek::entityAttr, 4, 1, std::string( 10000, 'x' ) );
+   EXPECT_LT( other.send( 4, 0, static_cast< Kind >( 9 ) ).size(), 600u );
+}
+
+} // namespace ipstate::test
