@@ -110,11 +110,11 @@ class KernelFeed::Applier : public MessageHandler {
    }
 
    void onAddress6( const AddressMessage< Ip6Address > & told ) override {
-      const bool gone = told.gone || !told.address.settled();
-      Interface * interface = gone ? state_.find( told.index ) : &state_.at( told.index );
+      Interface * interface = told.gone ? state_.find( told.index ) : &state_.at( told.index );
       if( !interface ) {
          return;
       }
+      const bool gone = told.gone || !state_.isInUse( *interface, told.address );
       Difference difference =
          gone ? removeAddress( *interface, told.address ) : addAddress( *interface, told.address );
       if( difference != Difference::none && live_ && interface->present ) {
@@ -160,6 +160,7 @@ class KernelFeed::Applier : public MessageHandler {
    static void takeConfig6( Interface & interface, const Ip6LinkConfig & config ) {
       Ip6Config & own = interface.own6;
       own.acceptDad = config.acceptDad.value_or( own.acceptDad );
+      interface.acceptDadTold = interface.acceptDadTold || config.acceptDad;
       own.enhancedDad = config.enhancedDad.value_or( own.enhancedDad );
       own.retransTime = config.retransTime.value_or( own.retransTime );
    }

@@ -132,6 +132,14 @@ KernelState::refresh( Interface & interface ) const {
    return true;
 }
 
+bool
+KernelState::isInUse( const Interface & interface, const Ip6Address & address ) const {
+   if( address.settled() || interface.flags & ( IFF_NOARP | IFF_LOOPBACK ) ) {
+      return true;
+   }
+   return interface.acceptDadTold && std::max( all6.acceptDad, interface.own6.acceptDad ) < 1;
+}
+
 void
 KernelState::refreshAll() {
    for( auto & entry : interfaces_ ) {

@@ -56,8 +56,7 @@ struct Ip6Address {
    uint8_t scope = 0;
    uint32_t flags = 0; ///< IFA_F_...
 
-   /// False while duplicate address detection has neither passed nor failed. The kernel tells of
-   /// an address when that is over, so before that the address does not count as being there.
+   /// False while duplicate address detection has neither passed nor failed.
    bool settled() const;
    bool dadFailed() const;
 
@@ -95,6 +94,7 @@ struct Interface {
 
    Ip4Config own4; ///< as set for this interface
    Ip6Config own6;
+   bool acceptDadTold = false; ///< `own6.acceptDad` is the kernel's
 
    std::vector< Ip4Address > addresses4; ///< in the kernel's order
    std::vector< Ip6Address > addresses6;
@@ -148,6 +148,12 @@ class KernelState {
    /// Derives `vrf`, `config4` and `config6`; true if any of them became different.
    bool refresh( Interface & interface ) const;
    void refreshAll();
+
+   /// Whether the address, as told, is one of the interface's: not while it awaits the end of
+   /// duplicate address detection. Where the kernel detects no duplicates it marks new addresses
+   /// all the same, until deferred work of its own has come round to them, but cannot refuse them
+   /// any more: they count at once.
+   bool isInUse( const Interface & interface, const Ip6Address & address ) const;
 
    template< class Function >
    void forEach( Function function ) {

@@ -249,6 +249,30 @@ TEST_F( KernelFeedTest, AddressIsThereOnceDuplicateAddressDetectionHasEnded ) {
                        "eth0 -2001:db8::3/64" } ) );
 }
 
+TEST_F( KernelFeedTest, AddressIsThereAtOnceWhereDuplicatesAreNotDetected ) {
+   source.texts[KernelText::allAcceptDad] = "0\n";
+   auto withFlags = []( int index, uint32_t flags ) {
+      return Link{ index, "eth" + std::to_string( index ), flags, 0, 0, 1 };
+   };
+   dumpIs( Dump::links,
+           { newLink( { 2, "eth2", IFF_UP, 0, 0, 0 } ), newLink( withFlags( 3, IFF_UP ) ),
+             newLink( withFlags( 4, IFF_UP | IFF_NOARP ) ) } );
+   dumpIs( Dump::addresses6, { address6( RTM_NEWADDR, 2, "2001:db8::1/64", IFA_F_TENTATIVE ),
+                               address6( RTM_NEWADDR, 3, "2001:db8::1/64", IFA_F_TENTATIVE ) } );
+   begin();
+   EXPECT_EQ( feed.state().find( 2 )->addresses6.size(), 1u );
+   EXPECT_EQ( feed.state().find( 3 )->addresses6.size(), 0u );
+   listener.heard();
+   EXPECT_EQ( after( { address6( RTM_NEWADDR, 2, "2001:db8::2/64", IFA_F_TENTATIVE ),
+                       address6( RTM_NEWADDR, 3, "2001:db8::2/64", IFA_F_TENTATIVE ),
+                       address6( RTM_NEWADDR, 4, "2001:db8::2/64", IFA_F_TENTATIVE ),
+                       address6( RTM_NEWADDR, 5, "2001:db8::2/64", IFA_F_TENTATIVE ),
+                       newLink( { 5, "eth5", IFF_UP, 0, 0, 0 } ),
+                       address6( RTM_DELADDR, 2, "2001:db8::2/64", IFA_F_TENTATIVE ) } ),
+              ( Lines{ "eth2 +2001:db8::2/64", "eth4 +2001:db8::2/64", "+ eth5 vrf default",
+                       "eth2 -2001:db8::2/64" } ) );
+}
+
 TEST_F( KernelFeedTest, EffectiveConfigurationIsToldWhereItChanges ) {
    dumpIs( Dump::links, { newLink( { 2, "eth0" } ), newLink( { 3, "eth1" } ) } );
    dumpIs( Dump::config4, { config( AF_INET, 2, 0, 1, 1 ), config( AF_INET, 3, 0, 2, 0 ) } );
