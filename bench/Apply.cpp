@@ -1,7 +1,10 @@
 // From configuration records to status records through the kernel: 10,000 addresses, half of each
 // family, over 100 interfaces; in one process, and from another process across mounts. The peer is
-// ip -batch, which installs the same addresses and waits for nothing. Needs the right to make
-// network namespaces; each measurement makes one for itself.
+// ip -batch, which installs the same addresses and waits for nothing. Each measurement of ours
+// comes right after one of the peer's, since the kernel's lock, which nearly all time is spent
+// under, is shared with all other work of the machine; of the ratios the median counts.
+//
+// Needs the right to make network namespaces; each measurement makes one for itself.
 
 #include "agents/ipstated/Apply.h"
 #include "Ira/IpStatusMounter.h"
@@ -11,7 +14,6 @@
 #include "platform/Kelmo/SocketMountGroup.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -72,6 +74,15 @@ enter() {
       commands += "link set " + intfName( i ) + " up\n";
    }
    return batch( commands );
+}
+
+/// The kernel ends a namespace in its own time; with thousands of addresses in it, that would
+/// fall into the next measurement.
+void
+leave() {
+   std::string commands;
+   for( int i = 0; i < interfaces; i += 2 ) commands += "link del " + intfName( i ) + "\n";
+   batch( commands );
 }
 
 double
@@ -232,6 +243,7 @@ measured( double ( *measure )() ) {
    const pid_t child = fork();
    if( child == 0 ) {
       const double taken = enter() ? measure() : 0;
+      leave();
       const bool written = write( ends[1], &taken, sizeof taken ) == sizeof taken;
       _exit( written ? 0 : 1 );
    }
@@ -244,7 +256,7 @@ measured( double ( *measure )() ) {
 }
 
 double
-median( std::vector< double > & values ) {
+median( std::vector< double > values ) {
    std::sort( values.begin(), values.end() );
    return values[values.size() / 2];
 }
@@ -255,25 +267,35 @@ int
 main() {
    constexpr double goal = 1.3;
    constexpr int rounds = 5;
-   std::array< std::vector< double >, 3 > taken;
+   struct {
+      const char * name;
+      double ( *measure )();
+      std::vector< double > seconds, ratios;
+   } ways[] = { { "in one process", inOneProcess, {}, {} },
+                { "across mounts", acrossMounts, {}, {} } };
+   std::vector< double > peer;
    for( int round = 0; round < rounds; ++round ) {
-      double ( *const measures[] )() = { byBatch, inOneProcess, acrossMounts };
-      for( size_t i = 0; i < taken.size(); ++i ) taken[i].push_back( measured( measures[i] ) );
-   }
-   const double peer = median( taken[0] );
-   if( peer == 0 ) {
-      printf( "SKIPPED: no right to make a network namespace, or no ip command\n" );
-      return 0;
-   }
-   printf( "%d addresses, ip -batch: %.3f s\n", total, peer );
-   const char * const names[] = { "", "in one process", "across mounts" };
-   for( size_t i = 1; i < taken.size(); ++i ) {
-      const double ours = median( taken[i] );
-      if( ours == 0 ) {
-         printf( "%s: did not come to an end\n", names[i] );
-         return 1;
+      for( auto & way : ways ) {
+         peer.push_back( measured( byBatch ) );
+         if( peer.back() == 0 ) {
+            printf( "SKIPPED: no right to make a network namespace, or no ip command\n" );
+            return 0;
+         }
+         way.seconds.push_back( measured( way.measure ) );
+         if( way.seconds.back() == 0 ) {
+            printf( "%s: did not come to an end\n", way.name );
+            return 1;
+         }
+         way.ratios.push_back( way.seconds.back() / peer.back() );
       }
-      printf( "%s: %.3f s, ratio %.2f (goal %.1f) %s\n", names[i], ours, ours / peer, goal,
-              ours / peer <= goal ? "met" : "MISSED" );
    }
+   printf( "%d addresses, ip -batch: %.3f s\n", total, median( peer ) );
+   bool met = true;
+   for( const auto & way : ways ) {
+      const double ratio = median( way.ratios );
+      met = met && ratio <= goal;
+      printf( "%s: %.3f s, ratio %.2f (goal %.1f) %s\n", way.name, median( way.seconds ), ratio,
+              goal, ratio <= goal ? "met" : "MISSED" );
+   }
+   return met ? 0 : 1;
 }
