@@ -1,15 +1,17 @@
 // The configuration records against the real kernel, in a network namespace that each test makes
-// for itself. The measure: at rest, what the records want is in the kernel and in the status, and
-// what else is there was put there by hand.
+// for itself. The measure: at rest, what the records want is in the kernel and in the status, what
+// else is there was put there by hand, and the registries of source interfaces follow.
 
 #include "agents/ipstated/Apply.h"
 #include "agents/ipstated/Mirror.h"
 #include "agents/ipstated/Observers.h"
+#include "agents/ipstated/Sources.h"
 #include "tests/agents/Namespace.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <map>
 #include <poll.h>
 #include <random>
 #include <set>
@@ -118,20 +120,26 @@ class ApplyTest : public NamespaceTest {
       return all;
    }
 
-   static Texts inKernel( const std::string & intf ) {
-      FILE * dump = popen( ( "ip -oneline address show dev " + intf + " 2>&1" ).c_str(), "re" );
+   /// In the kernel's order, of those families.
+   static std::vector< std::string > dumped( const std::string & which,
+                                             const std::string & families ) {
+      FILE * dump = popen( ( "ip -oneline address show dev " + which + " 2>&1" ).c_str(), "re" );
       std::string text;
       for( int c; ( c = fgetc( dump ) ) != EOF; ) text += char( c );
       pclose( dump );
       std::istringstream words( text );
-      Texts all;
+      std::vector< std::string > all;
       for( std::string word; words >> word; ) {
-         if( word == "inet" || word == "inet6" ) {
+         if( word == "inet" || ( word == "inet6" && families == "both" ) ) {
             words >> word;
-            all.insert( word );
+            all.push_back( word );
          }
       }
       return all;
+   }
+   static Texts inKernel( const std::string & intf ) {
+      const auto all = dumped( intf, "both" );
+      return { all.begin(), all.end() };
    }
 
    static Velon::IpAddrWithMask a4( const std::string & text ) {
@@ -149,40 +157,102 @@ class ApplyTest : public NamespaceTest {
       EXPECT_EQ( inKernel( intf ), addresses ) << intf;
    }
 
+   /// What the records want there.
+   Texts wanted( const char * name ) {
+      Texts all;
+      const Velon::IntfId intf( name );
+      auto want = [&]( const auto & key ) {
+         if( key ) all.insert( key.toString() );
+      };
+      if( auto config = world->config4->ipIntfConfig( intf ); config && isInVrf( *config ) ) {
+         want( config->addrWithMask() );
+         want( config->virtualAddrWithMask() );
+         for( auto i = config->secondaryWithMaskIteratorConst(); i; ++i ) {
+            if( config->secondaryWithMask( i.key() ) ) want( i.key() );
+         }
+         for( auto i = config->virtualSecondaryWithMaskIteratorConst(); i; ++i ) {
+            if( config->virtualSecondaryWithMask( i.key() ) ) want( i.key() );
+         }
+         if( !config->addrWithMask() ) want( lent( config->unnumberedIntfId() ) );
+      }
+      if( auto config = world->config6->intf( intf ); config && isInVrf( *config ) ) {
+         want( config->linkLocalAddrWithMask() );
+         for( auto i = config->addrIteratorConst(); i; ++i ) want( i.key() );
+      }
+      return all;
+   }
+
+   template< class Config >
+   static bool isInVrf( const Config & config ) {
+      return config.vrf().empty() || config.vrf().view() == defaultVrf;
+   }
+
+   Velon::IpAddrWithMask lent( Velon::IntfId lender ) {
+      auto config = world->config4->ipIntfConfig( lender );
+      auto status = world->mirror.ipStatus().ipIntfStatus( lender );
+      if( !status || !status->activeAddrWithMask() || ( config && config->unnumberedIntfId() ) ) {
+         return {};
+      }
+      return { status->activeAddrWithMask().addr(), 32 };
+   }
+
    /// What is wrong with that interface; empty when all agrees.
    std::string disagreement( const char * name, const Texts & byHand ) {
       std::ostringstream out;
-      const Texts status = inStatus( name );
-      Texts unexplained = status;
-      if( auto config = world->config4->ipIntfConfig( Velon::IntfId( name ) ) ) {
-         auto wanted = [&]( const Velon::IpAddrWithMask & key ) {
-            if( key && !status.count( key.toString() ) ) out << key << " is missing; ";
-            unexplained.erase( key.toString() );
-         };
-         wanted( config->addrWithMask() );
-         wanted( config->virtualAddrWithMask() );
-         for( auto i = config->secondaryWithMaskIteratorConst(); i; ++i ) {
-            if( config->secondaryWithMask( i.key() ) ) wanted( i.key() );
+      const Texts status = inStatus( name ), wants = wanted( name ), kernel = inKernel( name );
+      const Velon::IntfId intf( name );
+      const auto status4 = world->mirror.ipStatus().ipIntfStatus( intf );
+      const auto status6 = world->mirror.ip6Status().intf( intf );
+      for( const std::string & each : wants ) {
+         if( !status4 || status.count( each ) ) continue;
+         // The kernel holds an IPv6 address once.
+         const std::string address = each.substr( 0, each.find( '/' ) );
+         if( address.find( ':' ) == std::string::npos ||
+             !( status.count( address + "/48" ) || status.count( address + "/64" ) ) ) {
+            out << each << " is missing; ";
          }
       }
-      if( auto config = world->config6->intf( Velon::IntfId( name ) ) ) {
-         for( auto i = config->addrIteratorConst(); i; ++i ) {
-            const std::string address = i.key().addr().toString();
-            // The kernel holds it once.
-            if( !status.count( address + "/48" ) && !status.count( address + "/64" ) ) {
-               out << i.key() << " is missing; ";
-            }
-            unexplained.erase( i.key().toString() );
+      for( const std::string & each : status ) {
+         if( !wants.count( each ) && !byHand.count( name + ( " " + each ) ) ) {
+            out << each << " is nobody's; ";
          }
       }
-      for( const std::string & each : unexplained ) {
-         if( !byHand.count( name + ( " " + each ) ) ) out << each << " is nobody's; ";
+      if( kernel != status ) {
+         out << "kernel " << ::testing::PrintToString( kernel ) << ", status "
+             << ::testing::PrintToString( status ) << "; ";
       }
-      if( inKernel( name ) != status ) {
-         out << "kernel " << ::testing::PrintToString( inKernel( name ) ) << ", status "
-             << ::testing::PrintToString( status );
+      // The kernel decides which are secondary.
+      std::vector< std::string > primaries = dumped( name + std::string( " primary" ), "inet" );
+      primaries.emplace_back( "0.0.0.0/0" );
+      if( status4 && status4->activeAddrWithMask().toString() != primaries[0] ) {
+         out << "the kernel's primary is " << primaries[0] << "; ";
       }
+      const std::string without = "none 0.0.0.0 ::", &told = error( name );
+      for( const auto & [registry, address] : sources ) {
+         if( registry.substr( registry.rfind( ' ' ) + 1 ) != name ) continue;
+         const bool six = registry.find( "IPv6" ) != std::string::npos;
+         const std::string now = !status4 ? ""
+                                 : six    ? textOf( status6->linkLocalAddrWithMask() )
+                                          : textOf( status4->activeAddrWithMask() );
+         if( now.empty() ? without.find( address ) == std::string::npos : address != now ) {
+            out << registry << " has " << address << "; ";
+         }
+      }
+      auto tells = [&]( const auto & config, bool hasAddresses, const char * what ) {
+         const bool elsewhere = status4 && config && !isInVrf( *config );
+         const bool isTold = told.find( what ) != std::string::npos;
+         if( elsewhere ? hasAddresses && !isTold : isTold ) out << "told: " << told;
+      };
+      const auto config4 = world->config4->ipIntfConfig( intf );
+      const auto config6 = world->config6->intf( intf );
+      tells( config4, config4 && config4->addrWithMask(), "its IPv4 configuration in 'red'" );
+      tells( config6, config6 && config6->addrCount(), "its IPv6 configuration in 'red'" );
       return out.str();
+   }
+
+   template< class Key >
+   static std::string textOf( const Key & key ) {
+      return key ? key.addr().toString() : "";
    }
 
    /// At rest, all agrees. What is wanted is not there by hand any more, but installed.
@@ -191,24 +261,10 @@ class ApplyTest : public NamespaceTest {
       EXPECT_TRUE( eventually( [&] { return disagreement( name, byHand ) == ""; } ) )
          << name << ": " << disagreement( name, byHand ) << error( name );
       settle();
-      std::erase_if( byHand, [&]( const std::string & each ) {
-         const size_t blank = each.find( ' ' );
-         return each.compare( 0, blank, name ) == 0 && isWanted( name, each.substr( blank + 1 ) );
-      } );
+      for( const std::string & each : wanted( name ) ) byHand.erase( name + ( " " + each ) );
    }
 
-   bool isWanted( const char * name, const std::string & text ) {
-      const Velon::IntfId intf( name );
-      if( text.find( ':' ) != std::string::npos ) {
-         auto config = world->config6->intf( intf );
-         return config && config->addrHas( a6( text ).key() ) && inStatus( name ).count( text );
-      }
-      auto config = world->config4->ipIntfConfig( intf );
-      return config && ( config->addrWithMask() == a4( text ) ||
-                         config->virtualAddrWithMask() == a4( text ) ||
-                         config->secondaryWithMask( a4( text ) ) );
-   }
-
+   std::map< std::string, std::string > sources; ///< address by registry and interface
    std::unique_ptr< World > world;
 };
 
@@ -339,7 +395,19 @@ TEST_F( ApplyTest, TellsOfAnAddressThatAnotherHostHas ) {
 /// Configuration and kernel, both changed at random.
 TEST_F( ApplyTest, RandomScriptsComeToAgreement ) {
    const char * soak = getenv( "IPSTATE_SOAK" ); // how many scripts
-   ip( { "link add w0 type veth peer name w1", "link set w0 up" } );
+   bool there = ip( { "link add w0 type veth peer name w1", "link set w0 up" } );
+   settle();
+   // The registries hold what their last line says.
+   Sources registries( world->mirror.ipStatus(), world->mirror.ip6Status(),
+                       [this]( const std::string & line ) {
+                          const size_t from = line.rfind( "  " ), to = line.rfind( ' ' );
+                          sources[line.substr( 0, from )] = line.substr( to + 1 );
+                       } );
+   std::map< std::string, L3::Intf::Config::Ptr > l3;
+   for( const char * name : { "v0", "w0" } ) {
+      registries.sourceIntfIs( Velon::IntfId( name ) );
+      l3[name] = L3::Intf::configFactory( Velon::IntfId( name ) );
+   }
    Texts byHand;
    for( unsigned script = 0; script < ( soak ? unsigned( atoi( soak ) ) : 4 ); ++script ) {
       SCOPED_TRACE( script );
@@ -356,9 +424,10 @@ TEST_F( ApplyTest, RandomScriptsComeToAgreement ) {
          const char * intf = below( 2 ) ? "v0" : "w0";
          const std::string text4 = address4(), text6 = address6();
          const std::string text = below( 2 ) ? text4 : text6;
-         switch( below( 13 ) ) {
+         const bool clear = below( 3 ) == 0;
+         switch( below( 17 ) ) {
          case 0:
-            config4( intf ).addrWithMaskIs( below( 3 ) ? a4( text4 ) : a4( "0.0.0.0/0" ) );
+            config4( intf ).addrWithMaskIs( clear ? a4( "0.0.0.0/0" ) : a4( text4 ) );
             break;
          case 1:
          case 2:
@@ -368,31 +437,56 @@ TEST_F( ApplyTest, RandomScriptsComeToAgreement ) {
             config4( intf ).secondaryWithMaskDel( a4( text4 ) );
             break;
          case 4:
-            config4( intf ).virtualAddrWithMaskIs( below( 3 ) ? a4( text4 ) : a4( "0.0.0.0/0" ) );
+            config4( intf ).virtualAddrWithMaskIs( clear ? a4( "0.0.0.0/0" ) : a4( text4 ) );
             break;
          case 5:
+            if( clear ) {
+               config4( intf ).virtualSecondaryWithMaskDelAll();
+            } else {
+               config4( intf ).virtualSecondaryWithMaskIs( a4( text4 ), below( 4 ) );
+            }
+            break;
          case 6:
-            config6( intf ).addrIs( a6( text6 ) );
+            config4( intf ).unnumberedIntfIdIs(
+               Velon::IntfId( clear ? intf[0] == 'v' ? "w0" : "v0" : "" ) );
             break;
          case 7:
+         case 8:
+            config6( intf ).addrIs( a6( text6 ) );
+            break;
+         case 9:
             config6( intf ).addrDel( a6( text6 ).key() );
             break;
-         case 8:
+         case 10:
+            config6( intf ).linkLocalAddrWithMaskIs(
+               clear
+                  ? Velon::Ip6AddrWithMask()
+                  : Velon::Ip6AddrWithMask( "fe80::" + std::to_string( 1 + below( 2 ) ) + "/64" ) );
+            break;
+         case 11:
+            config4( intf ).l3ConfigIs( l3[intf] );
+            config6( intf ).l3ConfigIs( l3[intf] );
+            l3[intf]->vrfIs( L3::VrfName( clear ? "red" : "default" ) );
+            break;
+         case 12:
             ip( { "addr add " + text + " dev " + intf } );
             byHand.insert( intf + ( " " + text ) );
             break;
-         case 9:
+         case 13:
             ip( { "addr del " + text + " dev " + intf } );
             break;
-         case 10:
+         case 14:
             if( below( 4 ) == 0 ) {
-               ip( { "link del w0", "link add w0 type veth peer name w1", "link set w0 up" } );
+               ip( { "link del w0" } );
+               there = clear && ip( { "link add w0 type veth peer name w1", "link set w0 up" } );
+            } else if( !there ) {
+               there = ip( { "link add w0 type veth peer name w1", "link set w0 up" } );
             } else if( below( 2 ) ) {
                ip( { std::string( "link set down dev " ) + intf,
                      std::string( "link set up dev " ) + intf } );
             }
             break;
-         case 11:
+         case 15:
             if( below( 8 ) == 0 ) world->config4->ipIntfConfigDel( Velon::IntfId( intf ) );
             if( below( 8 ) == 0 ) world->config6->intfDel( Velon::IntfId( intf ) );
             break;
