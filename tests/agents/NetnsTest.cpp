@@ -490,18 +490,23 @@ TEST_F( NetnsTest, DumpsUnderChurnComeToAnEndAndToTheTruth ) {
                        std::to_string( i % 250 + 1 ) + "/32 dev v1" );
    }
    ip( still );
+   int running[2]; // as long as its other end is open
+   ASSERT_EQ( pipe( running ), 0 );
    pid_t churn = fork();
    ASSERT_GE( churn, 0 );
    if( churn == 0 ) {
+      close( running[1] );
       std::vector< std::string > commands;
       for( int i = 0; i < 500; ++i ) {
          std::string address = "10.0." + std::to_string( i % 7 ) + ".1/24 dev v0";
          commands.push_back( ( i / 7 % 2 ? "addr del " : "addr add " ) + address );
       }
-      for( ;; ) {
+      for( pollfd wait{ running[0], POLLIN, 0 }; poll( &wait, 1, 0 ) == 0; ) {
          ip( commands );
       }
+      _exit( 0 );
    }
+   close( running[0] );
    NetlinkSource::Options sourceOptions;
    sourceOptions.receiveBuffer = 128 * 1024;
    source_ = std::make_unique< NetlinkSource >( sourceOptions );
@@ -516,9 +521,8 @@ TEST_F( NetnsTest, DumpsUnderChurnComeToAnEndAndToTheTruth ) {
       }
    }
    EXPECT_TRUE( feed_->everSynchronized() ); // even though it never was quiet
-   kill( churn, SIGKILL );
+   close( running[1] );
    waitpid( churn, nullptr, 0 );
-   usleep( 200000 ); // the last batch ends by itself
    expectTrue();
    std::vector< std::string > lines = keeper.heard();
    EXPECT_EQ( linesWith( lines, "v1 -172" ), 0u ); // what never changed is never told as gone

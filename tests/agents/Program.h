@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -28,10 +29,15 @@ constexpr auto patience = seconds( 20 );
 
 class Program {
  public:
+   static constexpr int smallPipe = 4096; ///< the smallest there is
+
    explicit Program( const std::string & options, const std::string & redirection = "",
-                     const std::string & name = "ipstated" ) {
+                     const std::string & name = "ipstated", int pipeBytes = 0 ) {
       int outputs[2], errors[2];
       EXPECT_EQ( pipe2( outputs, O_CLOEXEC ), 0 );
+      if( pipeBytes ) {
+         EXPECT_EQ( fcntl( outputs[0], F_SETPIPE_SZ, pipeBytes ), pipeBytes );
+      }
       EXPECT_EQ( pipe2( errors, O_CLOEXEC ), 0 );
       const std::string command =
          "exec " IPSTATE_BINARY_DIR "/" + name + " " + options + " " + redirection;
@@ -98,7 +104,13 @@ class Program {
       }
    }
 
-   void smallPipe() { EXPECT_GE( fcntl( output_, F_SETPIPE_SZ, 4096 ), 4096 ); }
+   /// How much of the output is written and not read.
+   int unread() const {
+      int bytes = 0;
+      EXPECT_EQ( ioctl( output_, FIONREAD, &bytes ), 0 );
+      return bytes;
+   }
+
    void signal( int number ) { kill( pid_, number ); }
 
    /// The status it ends with by itself: below 0 for a signal, and none when it does not end.
