@@ -27,7 +27,7 @@ main( int count, char ** arguments ) {
          setup.type = static_cast< uint8_t >( type );
          setup.seed = static_cast< uint8_t >( type );
          std::vector< std::string > parts{ setup.bytes() };
-         for( std::string & piece : piecesOf( recorded( setup ) ) ) parts.push_back( piece );
+         for( std::string & piece : piecesOf( recorded( setup, 8 ) ) ) parts.push_back( piece );
          const std::string name =
             std::string( rootTypes()[type]->fullName ) + "-" + std::to_string( flags );
          std::ofstream( folder / name, std::ios::binary ) << joined( parts );

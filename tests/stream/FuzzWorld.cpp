@@ -68,7 +68,11 @@ append( std::string & out, const AttributeRow & row, const Entity & entity ) {
    } else if( row.read ) {
       std::unique_ptr< std::byte[] > memory( new std::byte[row.stored->size] );
       row.read( &entity, memory.get() );
-      row.stored->append( memory.get(), out );
+      if( row.stored->encode ) {
+         row.stored->append( memory.get(), out );
+      } else {
+         append( out, *reinterpret_cast< PtrInterface * const * >( memory.get() ) );
+      }
       row.stored->destroy( memory.get() );
    }
 }
@@ -355,7 +359,7 @@ FuzzWorld::recover() {
 }
 
 std::string
-recorded( Setup setup ) {
+recorded( Setup setup, unsigned changes ) {
    Setup peer = setup;
    peer.flags ^= Setup::owner;
    if( setup.is( Setup::owner ) ) {
@@ -367,7 +371,7 @@ recorded( Setup setup ) {
    FuzzWorld other( peer );
    std::string stream;
    settle( world.session(), other.session(), &stream );
-   for( int i = 0; i < 8; ++i ) {
+   for( ; changes; --changes ) {
       other.change();
       settle( world.session(), other.session(), &stream );
    }

@@ -102,8 +102,8 @@ class FuzzWorld final : public Kelmo::SessionOwner {
    bool stalled_ = false;
 };
 
-/// What an honest peer says to a world of this setup, and what it says of some changes.
-std::string recorded( Setup setup );
+/// What an honest peer says to a world of this setup, and then of some changes.
+std::string recorded( Setup setup, unsigned changes );
 
 /// Objects alive, by type.
 std::map< std::string, uint64_t > liveObjects();

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <optional>
+#include <set>
 
 namespace ipstate::test {
 
@@ -232,6 +232,120 @@ TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
       EXPECT_THROW( world.world.session().receive( "", 0 ), Zek::StreamException );
    }
 }
+
+// -- Recorded streams -------------------------------------------------------------------------
+
+namespace {
+
+/// What an honest peer says of entities of a type, to one who reads or to their owner.
+struct Recorded {
+   Recorded( size_t type, uint8_t flags ) {
+      setup.type = setup.seed = static_cast< uint8_t >( type );
+      setup.flags = flags;
+      const std::string stream = recorded( setup, 2 );
+      for( std::string_view left = stream; !left.empty(); ) {
+         const uint32_t length = FrameHeader::of( left.data() ).length;
+         frames.emplace_back( left.substr( 0, length ) );
+         left.remove_prefix( length );
+      }
+   }
+   static std::vector< Recorded > all() {
+      std::vector< Recorded > streams;
+      for( size_t type = 0; type < rootTypes().size(); ++type ) {
+         for( int flags : { 0, int( Setup::owner ) } ) {
+            streams.emplace_back( type, static_cast< uint8_t >( flags ) );
+         }
+      }
+      return streams;
+   }
+   Setup setup;
+   std::vector< std::string > frames;
+};
+
+void
+correct( std::string & frame ) {
+   const uint32_t sum =
+      Zek::Wire::networkOrder( Zek::Wire::checksum( frame.data() + 8, frame.size() - 8 ) );
+   frame.replace( 4, 4, reinterpret_cast< const char * >( &sum ), 4 );
+}
+
+} // namespace
+
+TEST( Hostile, aStreamThatIsCutLeavesItsLastWholeRecord ) {
+   for( const Recorded & stream : Recorded::all() ) {
+      FuzzWorld world( stream.setup );
+      std::string before;
+      for( size_t record = 0; record < stream.frames.size(); ++record ) {
+         const std::string & frame = stream.frames[record];
+         before = world.text();
+         for( size_t i = 0; i < frame.size(); ++i ) {
+            ASSERT_EQ( world.session().received(), record );
+            if( i + 1 == frame.size() ) {
+               ASSERT_EQ( world.text(), before );
+            }
+            world.session().receive( &frame[i], 1 );
+         }
+      }
+      before = world.text();
+      world.session().receive( stream.frames.back().data(), stream.frames.back().size() - 1 );
+      world.session().disconnected();
+      ASSERT_EQ( world.text(), before );
+   }
+}
+
+TEST( Hostile, aByteThatIsChangedIsFoundOrSaysSomethingElse ) {
+   size_t tried = 0, applied = 0;
+   std::set< std::pair< bool, std::string > > seen; // of these records one is enough
+   for( const Recorded & stream : Recorded::all() ) {
+      std::string prefix;
+      for( size_t record = 0; record < stream.frames.size(); ++record ) {
+         const std::string & frame = stream.frames[record];
+         const bool isNew = seen.emplace( stream.setup.flags, frame.substr( 20 ) ).second;
+         for( size_t i = 0; isNew && i < frame.size(); ++i ) {
+            // In turn: one bit, all of them clear, all set; the checksum as it was, or corrected.
+            const bool corrected = i >= 8 && ( tried / 3 ) % 4;
+            std::string changed = frame;
+            char & byte = changed[i];
+            switch( tried++ % 3 ) {
+            case 0:
+               byte = static_cast< char >( byte ^ 1 << tried % 8 );
+               break;
+            case 1:
+               byte = 0;
+               break;
+            default:
+               byte = '\xff';
+            }
+            if( changed == frame ) byte = static_cast< char >( byte ^ 1 );
+            if( corrected ) correct( changed );
+            FuzzWorld world( stream.setup );
+            world.session().receive( prefix.data(), prefix.size() );
+            const std::string before = world.text();
+            try {
+               world.session().receive( changed.data(), changed.size() );
+               const uint64_t received = world.session().received();
+               // A length that has grown waits for more.
+               ASSERT_EQ( received, record + corrected ) << stream.setup.type << " byte " << i;
+               if( corrected ) {
+                  applied += world.text() != before;
+               } else {
+                  ASSERT_EQ( world.text(), before );
+               }
+            } catch( const Zek::StreamException & e ) {
+               const std::string_view what = e.what();
+               ASSERT_EQ( what.find( "malformed record " ), 0u ) << what;
+               ASSERT_NE( what.find( ", attribute " ), what.npos ) << what;
+               ASSERT_NE( what.find( ", offset " ), what.npos ) << what;
+               ASSERT_EQ( world.text(), before ) << what;
+            }
+         }
+         prefix += frame;
+      }
+   }
+   EXPECT_GT( applied, tried / 50 );
+}
+
+// -- Records that lie -------------------------------------------------------------------------
 
 TEST( Hostile, setsAndKeyedValuesAreChecked ) {
    for( const auto & [key, second, expected] :

@@ -160,7 +160,8 @@ changeMember( Random & random, Change & change ) {
       ops.is( &entity, &target, nullptr );
    } else if( row.has( ownsMembers ) ) {
       addInstance( random, change );
-      change.otherwise = before && differsInArguments( before.ptr(), ops.find( &entity, key ) );
+      const PtrInterface * after = ops.find( &entity, key ); // null: a reaction removed it
+      change.otherwise = before && after && differsInArguments( before.ptr(), after );
    } else if( row.has( isSet ) ) {
       ops.is( &entity, key, nullptr );
    } else if( row.has( keyIsField ) ) {
