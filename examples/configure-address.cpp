@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 #include <poll.h>
 
 using Clock = Kelmo::SocketMountGroup::Clock;
@@ -22,6 +23,7 @@ struct Configuration final : Kelmo::MountGroupOwner {
       const auto config = get< Ip::Config >( "ip/config" );
       const auto config6 = get< Ip6::Config >( "ip6/config" );
       if( !fault.empty() || !config || !config6 ) return;
+      if( !before ) before = error();
       if( !wanted ) {
          config->ipIntfConfigDel( intf );
          config6->intfDel( intf );
@@ -39,9 +41,10 @@ struct Configuration final : Kelmo::MountGroupOwner {
 
    /// Whether the kernel's state, as ipstated tells it, is what was asked for.
    bool agrees() {
-      if( const auto errors = get< Ip::IpConfigError >( "ip/configError" ) ) {
-         const auto error = errors->ipIntfConfigError( intf );
-         if( !error.empty() ) fault = error.toString();
+      // What was wrong before may concern other addresses, or pass.
+      if( const std::string now = error(); !now.empty() ) {
+         const bool isOurs = now.find( wanted.toString() + ": " ) != std::string::npos;
+         ( isOurs || ( before && before->empty() ) ? fault : lost ) = now;
       }
       const auto status = get< Ip::Status >( "ip/status" );
       const auto status6 = get< Ip6::Status >( "ip6/status" );
@@ -55,13 +58,18 @@ struct Configuration final : Kelmo::MountGroupOwner {
       }
       return has6 && has6->addrHas( wanted.v6AddrWithMask() );
    }
+   std::string error() {
+      const auto errors = get< Ip::IpConfigError >( "ip/configError" );
+      return errors ? errors->ipIntfConfigError( intf ).toString() : "";
+   }
    template< class T >
    Zek::Ptr< T > get( const char * path ) {
       return Zek::ptrCast< T >( root->entityAt( path ) );
    }
 
    Velon::IntfId intf;
-   Velon::IpGenAddrWithMask wanted; // empty: none
+   Velon::IpGenAddrWithMask wanted;     // empty: none
+   std::optional< std::string > before; // what was wrong when we came
    std::string fault;
    std::string lost = "no answer from the kernel";
    Zek::Dir::Ptr root = Zek::dirFactory();
@@ -78,8 +86,9 @@ main( int argc, char ** argv ) {
    if( std::string_view( argv[3] ) != "none" ) {
       try {
          configuration.wanted = Velon::IpGenAddrWithMask( argv[3] );
-      } catch( const Zek::RangeException & e ) {
-         std::cerr << e.what() << "\n";
+      } catch( const Zek::RangeException & ) {
+         std::cerr << "'" << argv[3] << "' is no address with a prefix length, as 10.0.0.1/24 and "
+                   << "2001:db8::1/64 are\n";
          return 2;
       }
    }

@@ -44,9 +44,14 @@ struct Family final : IpGen::Status::NotifieeConst {
    }
    void onAddrChanged() override {
       const auto view = notifier();
-      const bool has = view->addr( view->changedIntf(), view->changedAddr() );
-      std::cout << name_ << " " << view->changedIntf() << ( has ? " has " : " lost " )
-                << view->changedAddr() << std::endl;
+      const auto address = view->changedAddr();
+      std::cout << name_ << " " << view->changedIntf();
+      if( !address.v4AddrWithMask() && !address.v6AddrWithMask() ) { // the primary IPv4 one went
+         std::cout << " has none" << std::endl;
+      } else {
+         const bool has = view->addr( view->changedIntf(), address );
+         std::cout << ( has ? " has " : " lost " ) << address << std::endl;
+      }
    }
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Family", 64 };

@@ -21,6 +21,9 @@ inWords( int result ) {
       return {};
    }
    std::string words = std::generic_category().message( -result );
+   if( result == -EPERM ) {
+      words += ": expected the capability CAP_NET_ADMIN in this network namespace";
+   }
    if( const std::string_view kernels = Velon::netlinkAnswerText(); !kernels.empty() ) {
       words.append( " (" ).append( kernels ) += ')';
    }

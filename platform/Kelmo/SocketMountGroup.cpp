@@ -76,7 +76,8 @@ SocketMountGroup::connect() {
    const Peer server = Peer::of( socket.fd() );
    if( !server.isAdmitted( group_ ) ) {
       throw Zek::StreamException( "the server at '" + path_ + "' is " + server.text() +
-                                  ": expected uid 0 or " + std::to_string( geteuid() ) +
+                                  ": expected uid 0" +
+                                  ( geteuid() ? " or " + std::to_string( geteuid() ) : "" ) +
                                   ( group_ ? ", or group " + std::to_string( *group_ ) : "" ) );
    }
    connection_ =
