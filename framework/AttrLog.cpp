@@ -322,6 +322,7 @@ Sa::boundToOwner() {
    if( announced_ ) return;
    FlowOut & flow = makeFlow();
    Out & out = adapter_.out_;
+   out.number( flow );
    out.declare( plan_ );
    Wire::Encoder body = out.control( NboAttrLog::bindControl );
    body.u32( flow.id() );

@@ -461,7 +461,8 @@ class IPSTATE_EXPORT Out {
    void queue( FlowOut & flow );
    void unqueue( FlowOut & flow );
    void reset();
-   void renumber( FlowOut & flow );
+   void number( FlowOut & flow );
+   static void unnumber( FlowOut & flow );
    static void encodeFlow( Wire::Encoder & out, const FlowOut * flow, const Plan & plan );
    void encodeArguments( Wire::Encoder & out, const Entity & entity, const Plan & plan );
    /// Announces what the pointer refers to where this stream exports it.
@@ -492,7 +493,8 @@ class IPSTATE_EXPORT Out {
 /// Assigns flows to entities.
 class IPSTATE_EXPORT Demuxer {
  public:
-   /// The flow of an entity: `path` says which one. Made anew; the adaptor owns it.
+   /// The flow of an entity: `path` says which one. Made anew; the adaptor owns it. It has no
+   /// number before it is announced.
    static std::unique_ptr< FlowOut > createFlowOut( Out & out, const EntityUriPath & path,
                                                     Entity::ZekNboAttrLogSa & sa, uint32_t first,
                                                     uint32_t last );

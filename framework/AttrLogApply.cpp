@@ -609,7 +609,9 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
    }
    wholes_.erase( whole );
    // What it leaves out is no less than what the one before left out and it did not mention.
-   std::erase_if( sweeps_, [&]( auto & s ) { return s.sa.ptr() == &sa && s.row == &row; } );
+   if( sa.hasSweep_ ) {
+      std::erase_if( sweeps_, [&]( auto & s ) { return s.sa.ptr() == &sa && s.row == &row; } );
+   }
    if( !sweep.keys.empty() ) {
       sa.hasSweep_ = true;
       sweeps_.push_back( std::move( sweep ) );

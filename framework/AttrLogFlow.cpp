@@ -100,19 +100,9 @@ Plan::Plan( const TypeDescriptor & described ) : type( described ) {
 // -- Flows ------------------------------------------------------------------------------------
 
 std::unique_ptr< FlowOut >
-Demuxer::createFlowOut( Out & out, const EntityUriPath &, Entity::ZekNboAttrLogSa & sa,
-                        uint32_t first, uint32_t last ) {
-   uint32_t id;
-   if( out.free_.empty() ) {
-      id = static_cast< uint32_t >( out.flows_.size() );
-      out.flows_.push_back( &sa );
-   } else {
-      id = out.free_.back().id;
-      first = out.free_.back().first;
-      out.free_.pop_back();
-      out.flows_[id] = &sa;
-   }
-   return sa.createFlowOut( id, first, last );
+Demuxer::createFlowOut( Out &, const EntityUriPath &, Entity::ZekNboAttrLogSa & sa, uint32_t first,
+                        uint32_t last ) {
+   return sa.createFlowOut( 0, first, last );
 }
 
 FlowOut::~FlowOut() {

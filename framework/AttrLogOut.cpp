@@ -120,12 +120,27 @@ Out::drain() {
    return !queueHead_;
 }
 
-/// On a new connection: the flow of what is still there.
+/// A flow that is announced has a number. They are given in that order, so that the peer's table
+/// grows with what it is told.
 void
-Out::renumber( FlowOut & flow ) {
-   flow.id_ = static_cast< uint32_t >( flows_.size() );
-   flows_.push_back( &flow.sa_ );
-   flow.sequence_ = flow.firstSequence_;
+Out::number( FlowOut & flow ) {
+   if( flow.id_ ) return;
+   if( free_.empty() ) {
+      flow.id_ = static_cast< uint32_t >( flows_.size() );
+      flows_.push_back( &flow.sa_ );
+   } else {
+      flow.id_ = free_.back().id;
+      flow.sequence_ = flow.firstSequence_ = free_.back().first;
+      free_.pop_back();
+      flows_[flow.id_] = &flow.sa_;
+   }
+}
+
+/// On a new connection: the flow of what is still there begins again.
+void
+Out::unnumber( FlowOut & flow ) {
+   flow.id_ = 0;
+   flow.sequence_ = flow.firstSequence_ = firstSequence;
    flow.restarts_ = false;
    flow.freeResyncState();
 }

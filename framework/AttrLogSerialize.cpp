@@ -134,7 +134,7 @@ Sa::zekInstantiateSerialize( Kind kind ) {
    Entity & parent = *entity_->parent();
    Sa & parentSa = *adapter_.adaptorOf( parent );
    const AttributeRow & row = *parent.fwkType()->attribute( entity_->parentAttrId() );
-   makeFlow();
+   out.number( makeFlow() );
    for( const AttributeRow * parameter : plan_.parameters ) {
       if( parameter->stored->encode ) continue;
       out.prepareReference(
@@ -152,7 +152,7 @@ Sa::zekInstantiateSerialize( Kind kind ) {
 void
 Sa::doSerializeOrphan( uint32_t exportId ) {
    Out & out = adapter_.out_;
-   makeFlow();
+   out.number( makeFlow() );
    for( const AttributeRow * parameter : plan_.parameters ) {
       if( parameter->stored->encode ) continue;
       out.prepareReference(

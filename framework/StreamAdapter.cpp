@@ -213,7 +213,7 @@ StreamAdapter::reset() {
    for( const Sa::Ptr & sa : exportedOnly ) sa->detach();
    out_.reset();
    for( Sa * sa = first_; sa; sa = sa->nextSa_ ) {
-      if( sa->flow_ ) out_.renumber( *sa->flow_ );
+      if( sa->flow_ ) out_.unnumber( *sa->flow_ );
    }
    for( auto & [type, plan] : plans_ ) plan->wireType = 0;
    in_.reset();

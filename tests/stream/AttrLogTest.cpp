@@ -265,6 +265,19 @@ TEST( AttrLog, aWritableMountOfThePartMakesThePartWritable ) {
    EXPECT_EQ( world.intf->addrWithMask(), a1 );
 }
 
+TEST( AttrLog, aLargeWritableMountIsTakenUpAgain ) {
+   OneInterface world( "w" );
+   for( int i = 0; i < 5000; ++i ) {
+      world.config->ipIntfConfigIs( Velon::IntfId( ( "e" + std::to_string( i ) ).c_str() ) );
+   }
+   world.settle();
+   world.server.disconnected();
+   world.client.disconnected();
+   world.replica()->addrWithMaskIs( a1 );
+   world.connect();
+   EXPECT_EQ( world.intf->addrWithMask(), a1 );
+}
+
 TEST( AttrLog, anAdaptorIsOneAndFollowsTheSwitches ) {
    OneInterface world;
    auto * sa = world.sa();
