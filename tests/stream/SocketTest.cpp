@@ -9,12 +9,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <grp.h>
+#include <optional>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -239,6 +241,21 @@ connectRaw( const std::string & path, int type = SOCK_STREAM ) {
    return fd;
 }
 
+/// A socket that waits for connections at the path.
+int
+listenRaw( const std::string & path ) {
+   sockaddr_un address{};
+   address.sun_family = AF_UNIX;
+   std::memcpy( address.sun_path, path.data(), path.size() );
+   const int fd = socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0 );
+   if( bind( fd, reinterpret_cast< sockaddr * >( &address ), sizeof address ) != 0 ||
+       listen( fd, 8 ) != 0 ) {
+      close( fd );
+      return -1;
+   }
+   return fd;
+}
+
 TEST_F( Sockets, GarbageClosesItsClientAlone ) {
    auto status = source.lay();
    std::string problems;
@@ -304,13 +321,8 @@ TEST_F( Sockets, StalledClientsCostABoundedRoom ) {
 }
 
 TEST_F( Sockets, GiveTheServerNothing ) {
-   const Kelmo::Descriptor listening( socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0 ) );
-   sockaddr_un address{};
-   address.sun_family = AF_UNIX;
-   std::memcpy( address.sun_path, path.data(), path.size() );
-   ASSERT_EQ( bind( listening.fd(), reinterpret_cast< sockaddr * >( &address ), sizeof address ),
-              0 );
-   ASSERT_EQ( listen( listening.fd(), 1 ), 0 );
+   const Kelmo::Descriptor listening( listenRaw( path ) );
+   ASSERT_TRUE( listening );
    copy.lay();
    mount( "other" );
    turn();
@@ -388,11 +400,24 @@ TEST( Peer, IsAdmittedByUserOrGroup ) {
    EXPECT_TRUE( ( Kelmo::Peer{ 0, 7, { 100 } }.isAdmitted( 300 ) ) );
 }
 
+/// A process of another user, who is in this group too; ends with what `work` returns.
+pid_t
+forkAs( uid_t uid, gid_t also, const std::function< int() > & work ) {
+   const pid_t child = fork();
+   if( child ) return child;
+   const bool other = setgroups( 1, &also ) == 0 && setgid( 65534 ) == 0 && setuid( uid ) == 0;
+   _exit( other ? work() : 1 );
+}
+
+bool
+mayBeOthers() {
+   if( geteuid() == 0 ) return true;
+   printf( "SKIPPED: only root can be somebody else\n" );
+   return false;
+}
+
 TEST_F( Sockets, AdmitByCredentials ) {
-   if( geteuid() != 0 ) {
-      printf( "SKIPPED: only root can be somebody else\n" );
-      GTEST_SKIP();
-   }
+   if( !mayBeOthers() ) GTEST_SKIP();
    constexpr gid_t friends = 54321;
    serve( { .group = friends } );
    struct stat made;
@@ -402,14 +427,11 @@ TEST_F( Sockets, AdmitByCredentials ) {
    ASSERT_EQ( chmod( path.c_str(), 0666 ), 0 ); // so that the credentials alone decide
    /// Whether that user is greeted.
    auto isGreeted = [this]( uid_t uid, gid_t also ) {
-      const pid_t child = fork();
-      if( child == 0 ) {
+      const pid_t child = forkAs( uid, also, [this] {
          char byte;
-         const bool other =
-            setgroups( 1, &also ) == 0 && setgid( 65534 ) == 0 && setuid( uid ) == 0;
-         const int fd = other ? connectRaw( path ) : -1;
-         _exit( fd >= 0 && read( fd, &byte, 1 ) == 1 ? 0 : 1 );
-      }
+         const int fd = connectRaw( path );
+         return fd >= 0 && read( fd, &byte, 1 ) == 1 ? 0 : 1;
+      } );
       int status;
       while( waitpid( child, &status, WNOHANG ) == 0 ) {
          settle();
@@ -424,6 +446,33 @@ TEST_F( Sockets, AdmitByCredentials ) {
    const std::string & fault = server->lastFault();
    EXPECT_EQ( fault.substr( fault.find( " of uid" ) ),
               " of uid 65534, is turned away: expected uid 0 or group 54321" );
+}
+
+TEST_F( Sockets, TurnToNoServerOfAnother ) {
+   if( !mayBeOthers() ) GTEST_SKIP();
+   ASSERT_EQ( chmod( directory.c_str(), 0777 ), 0 );
+   int ready[2];
+   ASSERT_EQ( pipe( ready ), 0 );
+   const Kelmo::Descriptor in( ready[0] ), out( ready[1] );
+   const pid_t child = forkAs( 65534, 54321, [&] {
+      const int fd = listenRaw( path );
+      if( fd >= 0 && write( out.fd(), "", 1 ) == 1 ) pause();
+      return 1;
+   } );
+   char byte;
+   ASSERT_EQ( read( in.fd(), &byte, 1 ), 1 );
+   for( std::optional< gid_t > friends : { std::optional< gid_t >(), std::optional< gid_t >( 1 ),
+                                           std::optional< gid_t >( 54321 ) } ) {
+      group = Zek::allocate< Kelmo::SocketMountGroup >( copy.root, path, owner, friends );
+      turn();
+      EXPECT_EQ( group->isConnected(), friends == 54321 );
+   }
+   EXPECT_EQ( owner.takeTold(),
+              "lost: the server at '" + path + "' is pid " + std::to_string( child ) +
+                 " of uid 65534: expected uid 0 or 0\nlost: the server at '" + path + "' is pid " +
+                 std::to_string( child ) + " of uid 65534: expected uid 0 or 0, or group 1\n" );
+   kill( child, SIGKILL );
+   waitpid( child, nullptr, 0 );
 }
 
 TEST_F( Sockets, TurnAwayOneTooMany ) {
