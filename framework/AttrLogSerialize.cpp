@@ -195,7 +195,11 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
    if( !isNew && kind == Kind::instantiate ) return;
    // Announced first: a reference back to it needs no other announcement.
    child->zekInstantiateSerialize( isNew ? kind : Kind::adopt );
-   if( !isNew ) return;
+   if( !isNew ) {
+      // Another export may have more of it sent: that is part of its dump.
+      if( dump_ && child->flow_->isDirty() ) adapter_.joinDump( *child, dump_ );
+      return;
+   }
    child->announced_ = true;
    if( is( toOwner ) ) {
       withMemberKey( row, &member, [&]( const void * key ) { wroteToOwner( row, key ); } );
