@@ -562,7 +562,8 @@ World::reconnect( Link & link ) {
    link.cut();
    const bool measured = std::none_of( link.mounts.begin(), link.mounts.end(),
                                        []( auto & mount ) { return mount.mode() == "w"; } );
-   if( measured && random_.oneIn( 2 ) && link.source == 0 ) {
+   // Before the first: what is stored and rejected now is told by all dumps that follow.
+   if( &link == links_.front().get() && measured && random_.oneIn( 2 ) ) {
       for( int i = 0; i < 5; ++i ) change( 0, *trees_[0]->entity( "all" ) );
    }
    std::map< std::string, uint32_t > seen;
