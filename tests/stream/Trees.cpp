@@ -301,22 +301,21 @@ struct Comparison {
       return false;
    }
 
-   /// True when the values are the same as far as anyone can be told.
-   bool compareStored( const AttributeRow & row, const Entity & source, const Entity & copy,
-                       std::string & what ) const {
+   /// Notes when the values differ as far as anyone can be told.
+   void compareStored( const AttributeRow & row, const Entity & source, const Entity & copy,
+                       std::string place, bool ofInstance ) {
       if( row.stored->encode &&
           row.stored->equal( row.address( &source ), row.address( &copy ) ) ) {
-         return true;
+         return;
       }
-      if( !row.stored->encode && waits( row, source ) ) return true;
       std::string expected = storedText( row, source, sourceTop );
       std::string actual = storedText( row, copy, copyTop );
-      if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) {
-         return true;
-      }
-      if( expected == actual ) return true;
-      what = std::string( row.name ) + ": " + expected + ", copy " + actual;
-      return false;
+      if( expected == actual ) return;
+      const bool waiting = !row.stored->encode && waits( row, source );
+      if( waiting && ( actual == "null" || actual == outside ) ) return;
+      if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) return;
+      differs( std::move( place ), std::string( row.name ) + ": " + expected + ", copy " + actual,
+               ofInstance, waiting );
    }
 
    void compareMember( const AttributeRow & row, const Entity & source, const Entity & copy,
@@ -324,6 +323,7 @@ struct Comparison {
       const CollectionOps & ops = *row.collection;
       const PtrInterface * twin = ops.find( &copy, key );
       if( row.has( refersToMembers ) && isAbsent( *static_cast< const Entity * >( member ) ) ) {
+         if( twin ) differs( placeOf( source, row, key ), "waits", false, true );
          return;
       }
       if( !twin ) {
@@ -364,7 +364,6 @@ struct Comparison {
 
    /// `level`: 1 where only what makes the instance is told.
    void compare( const Entity & source, const Entity & copy, int level ) {
-      std::string what;
       if( source.fwkType() != copy.fwkType() ) {
          differs( EntityUriPath( source ).text(),
                   std::string( "is a " ) + source.fwkType()->fullName + ", copy a " +
@@ -375,16 +374,14 @@ struct Comparison {
       const Shape & shape = shapeOf( source );
       for( auto * row : shape.plan.parameters ) {
          // One with a mutator is content.
-         if( !row->write && !compareStored( *row, source, copy, what ) ) {
-            differs( EntityUriPath( source ).text(), what, true );
+         if( !row->write ) {
+            compareStored( *row, source, copy, EntityUriPath( source ).text(), true );
          }
       }
       if( level == 1 || !source.zekHasAttrLogInterface() ) return;
       if( depth == Depth::all ) {
          for( auto * row : shape.plan.plain ) {
-            if( !compareStored( *row, source, copy, what ) ) {
-               differs( placeOf( source, *row, nullptr ), what );
-            }
+            compareStored( *row, source, copy, placeOf( source, *row, nullptr ), false );
          }
       }
       for( auto * row : shape.plan.collections ) {

@@ -52,7 +52,7 @@ struct Difference {
    std::string place;
    std::string what;
    bool ofInstance; // of a member that is missing, too many or another
-   bool waits;      // as it is to be: the copy waits for what it refers to
+   bool waits;      // as may be at rest: it refers to what the copy does not have, or did
 };
 
 /// Where two trees differ. What no reader can be told of is left out: pointers to entities that
