@@ -392,6 +392,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    uint32_t flowIn_ = 0;
    uint32_t dump_ = 0; // the export in whose dump it has not been sent yet
    bool announced_ = false;
+   bool askedAgain_ = false;   // the peer wants it announced again, with all it has
    bool hasSweep_ = false;     // members of it are to be removed at the end of a dump
    bool cameFromPeer_ = false; // the peer has the instance, but no flow of it
    Handling handling_;

@@ -72,7 +72,7 @@ In::instanceRecord( const FrameHeader & header, Wire::Decoder & body ) {
    if( complete ) {
       dropHeld( header.flow, header.attribute, key );
    } else {
-      hold( header, key, start, size );
+      hold( header, key, awaited_, start, size );
    }
 }
 
@@ -123,7 +123,7 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
    if( complete ) {
       dropHeld( header.flow, header.attribute, key );
    } else {
-      hold( header, key, start, size );
+      hold( header, key, awaited_, start, size );
    }
 }
 
@@ -141,6 +141,7 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
          return Reference::null;
       }
       if( flows_[id].sa ) target = flows_[id].sa->entity();
+      awaited_ = { id, flows_[id].incarnation };
       if( target && !target->fwkType()->isA( type ) ) {
          body.fail( "a reference to an entity of the attribute's type" );
          return Reference::null;
@@ -149,6 +150,7 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
    }
    if( tag == 2 ) {
       target = EntityUriPath::resolve( adapter_.root(), body );
+      awaited_ = {};
       // Something else may stand there still.
       if( target && !target->fwkType()->isA( type ) ) target = nullptr;
       return target ? Reference::found : Reference::absent;
@@ -247,7 +249,11 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
             return;
          }
          if( reference == Reference::outside && isOutside( *row, *sa.entity_ ) ) continue;
-         if( reference != Reference::absent ) item.value = scratch.pointer( target );
+         if( reference != Reference::absent ) {
+            item.value = scratch.pointer( target );
+         } else {
+            item.awaited = awaited_;
+         }
       }
       items.push_back( item );
    }
@@ -266,7 +272,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          header.flow = sa.flowIn_;
          header.attribute = item.row->id;
          header.kind = Kind::value;
-         hold( header, {}, item.bytes, item.size );
+         hold( header, {}, item.awaited, item.bytes, item.size );
          continue;
       }
       dropHeld( sa.flowIn_, item.row->id, {} );
@@ -432,7 +438,8 @@ In::repeats( FlowName name, const WireType & type ) {
 bool
 In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
                    const WireType & wire, Wire::Decoder & body, std::string_view & keyBytes ) {
-   const bool passedOver = isKnown( flow, wire ) && !flows_[flow.id].sa;
+   bool passedOver = isKnown( flow, wire ) && !flows_[flow.id].sa;
+   if( passedOver && flows_[flow.id].asked ) flows_[flow.id].asked = passedOver = false;
    Scratch scratch;
    const ValueOps & keyOps = *row.keyType->values;
    void * key = scratch.make( keyOps );
@@ -502,7 +509,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       kind = Kind::adopt;
    } else if( passedOver && !sa.is( Sa::fromPeer ) ) {
       // It could not be made before, or is gone here: what it has came and went.
-      again( sa.flowIn_, row.id, keyBytes );
+      again( sa.flowIn_, row.id, keyBytes, flow.id );
       return true;
    }
    const bool same = member && isSame( *member, plan, arguments );
@@ -638,13 +645,14 @@ In::sweepAll() {
 // -- What waits for what it refers to ---------------------------------------------------------
 
 void
-In::hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size ) {
+In::hold( const FrameHeader & header, std::string_view key, Awaited awaited, const uint8_t * body,
+          size_t size ) {
    dropHeld( header.flow, header.attribute, key );
    if( held_.size() >= quota.held || size > quota.heldBytes - heldBytes_ ) {
       malformed( header, "fewer references that wait", 0 );
    }
    held_[{ header.flow, header.attribute, std::string( key ) }] = {
-      header.kind, std::vector< uint8_t >( body, body + size )
+      header.kind, awaited, std::vector< uint8_t >( body, body + size )
    };
    heldBytes_ += size;
 }
@@ -678,6 +686,8 @@ In::retryHeld() {
       const auto & [id, attribute, key] = place;
       Flow & flow = flows_[id];
       if( !flow.sa ) continue;
+      const Awaited awaited = held.awaited;
+      if( awaited.id && flows_[awaited.id].incarnation != awaited.incarnation ) continue; // gone
       FrameHeader header{};
       header.flow = id;
       header.attribute = attribute;
@@ -685,9 +695,11 @@ In::retryHeld() {
       Wire::Decoder body( held.body.data(), held.body.size() );
       if( held.kind == Kind::instantiate || held.kind == Kind::adopt ) {
          // Asked for again with all that was passed over meanwhile.
-         if( argumentsThere( *flow.sa, attribute, body ) ) {
-            again( id, attribute, key );
+         FlowName name;
+         if( argumentsThere( *flow.sa, attribute, body, name ) ) {
+            again( id, attribute, key, name.id );
          } else {
+            held.awaited = awaited_;
             heldBytes_ += held.body.size();
             held_[place] = std::move( held );
          }
@@ -698,10 +710,9 @@ In::retryHeld() {
 }
 
 bool
-In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body ) {
+In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body, FlowName & flow ) {
    Scratch scratch;
    const ValueOps & keyOps = *sa.plan_.row( attribute )->keyType->values;
-   FlowName flow;
    if( !flowName( body, flow ) ) return false;
    const WireType * wire = wireType( body );
    std::vector< const void * > arguments;
@@ -710,9 +721,10 @@ In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body ) {
 }
 
 void
-In::again( uint32_t flow, uint16_t attribute, std::string_view key ) {
+In::again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow ) {
+   if( flow ) flows_[flow].asked = true;
    Wire::Encoder body = adapter_.out_.control( againControl );
-   body.u32( flow );
+   body.u32( parent );
    body.u16( attribute );
    body.bytes( key.data(), key.size() );
    adapter_.out_.controlEnd();

@@ -261,7 +261,13 @@ In::flowIs( FlowName name, const WireType & type ) {
    Flow & flow = flows_[name.id];
    if( flow.sa ) flow.sa->flowIn_ = 0;
    dropHeld( name.id ); // it was for another
-   flow = { nullptr, &type, name.sequence };
+   const bool known = isKnown( name, type );
+   flow.sa = nullptr;
+   flow.type = &type;
+   flow.sequence = name.sequence;
+   if( known ) return;
+   ++flow.incarnation;
+   flow.asked = false;
 }
 
 void
@@ -378,7 +384,7 @@ In::sendAgain( Wire::Decoder & body ) {
    if( !guarded( [&] { read = keyOps.decode( keyBytes, key ); } ) || !read ) return;
    if( const PtrInterface * found = row->collection->find( sa->entity_, key ) ) {
       if( Sa * member = adapter_.adaptorOf( *static_cast< const Entity * >( found ) ) ) {
-         member->detach();
+         member->askedAgain_ = member->announced_;
       }
    }
    sa->markDirty( *row, key );

@@ -192,10 +192,12 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
    }
    if( child->cameFromPeer_ ) kind = Kind::adopt;
    bool isNew = !child->announced_;
-   if( !isNew && kind == Kind::instantiate ) return;
+   const bool again = std::exchange( child->askedAgain_, false );
+   if( !isNew && kind == Kind::instantiate && !again ) return;
    // Announced first: a reference back to it needs no other announcement.
    child->zekInstantiateSerialize( isNew ? kind : Kind::adopt );
    if( !isNew ) {
+      if( again ) child->allDirtyIs();
       // Another export may have more of it sent: that is part of its dump.
       if( dump_ && child->flow_->isDirty() ) adapter_.joinDump( *child, dump_ );
       return;

@@ -195,6 +195,7 @@ StreamAdapter::reset() {
    for( Sa * sa = first_; sa; ) {
       Sa * next = sa->nextSa_;
       sa->announced_ = false;
+      sa->askedAgain_ = false;
       sa->cameFromPeer_ = false;
       sa->flowIn_ = 0;
       sa->dump_ = 0;

@@ -87,11 +87,19 @@ class IPSTATE_EXPORT In {
       Entity::ZekNboAttrLogSa * sa = nullptr; // null: known, but nothing here follows it
       const WireType * type = nullptr;        // null: never instantiated
       uint32_t sequence = firstSequence;
+      uint32_t incarnation : 31 = 0; // counts the instances that had the number
+      uint32_t asked : 1 = 0;        // for the instance again
+   };
+   /// A flow whose instance is not there yet; number 0: none, a path is waited for.
+   struct Awaited {
+      uint32_t id = 0;
+      uint32_t incarnation = 0;
    };
    /// By flow, attribute and the encoded key of a member: the newest record that waits.
    using HeldPlace = std::tuple< uint32_t, uint16_t, std::string >;
    struct Held {
       Kind kind;
+      Awaited awaited;
       std::vector< uint8_t > body;
    };
    struct Whole {
@@ -110,6 +118,7 @@ class IPSTATE_EXPORT In {
       const void * value; // null: to be held
       const uint8_t * bytes;
       uint32_t size;
+      Awaited awaited = {};
    };
    /// A flow as an instance names it: its number, and that of its next record.
    struct FlowName {
@@ -139,7 +148,8 @@ class IPSTATE_EXPORT In {
    /// The further constructor arguments; false when one refers to what is not there yet.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
-   bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body );
+   bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body,
+                        FlowName & flow );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
    bool isTooDeep( const Entity & directory ) const;
@@ -162,11 +172,12 @@ class IPSTATE_EXPORT In {
    void mention( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void sweepAll();
    void remove( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
-   void hold( const FrameHeader & header, std::string_view key, const uint8_t * body, size_t size );
+   void hold( const FrameHeader & header, std::string_view key, Awaited awaited,
+              const uint8_t * body, size_t size );
    void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
    void dropHeld( uint32_t flow );
    void retryHeld();
-   void again( uint32_t flow, uint16_t attribute, std::string_view key );
+   void again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow );
    void sendAgain( Wire::Decoder & body );
    /// Tells the peer, where it may write, how much has been read.
    void acknowledge();
@@ -196,6 +207,7 @@ class IPSTATE_EXPORT In {
    std::deque< WireType > types_;
    std::vector< Flow > flows_;
    std::map< HeldPlace, Held > held_;
+   Awaited awaited_; // by the last reference that was absent
    size_t heldBytes_ = 0;
    std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;
