@@ -243,8 +243,9 @@ GenericIf::other( GenericTarget object, GenericOperation operation, uint16_t id,
    if( operation == GenericOperation::increment || operation == GenericOperation::decrement ) {
       return step( object, operation, row, arguments );
    }
-   if( row.collection ) return collectionOp( object, operation, row, arguments );
-   if( row.valueSet ) return valueSetOp( object, operation, row, arguments );
+   if( row.kind == AttributeKind::collection ) {
+      return collectionOp( object, operation, row, arguments );
+   }
    rejectFor( operation, row );
 }
 
@@ -306,6 +307,48 @@ wrapped( const AttributeRow & row, const PtrInterface * member ) {
    return GenericValue( const_cast< PtrInterface * >( object.ptr() ), row.type );
 }
 
+/// What a collection shows for a key that it has no member under.
+GenericValue
+absentMember( const AttributeRow & row ) {
+   if( row.collection->memberValue ) return GenericValue::zero( *row.type );
+   if( row.has( pointsToConst ) ) {
+      return GenericValue( static_cast< const PtrInterface * >( nullptr ), row.type );
+   }
+   return GenericValue( static_cast< PtrInterface * >( nullptr ), row.type );
+}
+
+/// What collections of objects and sets inside values have in common.
+class Members {
+ public:
+   explicit Members( const AttributeRow & row ) : row_( row ) {}
+
+   size_t count( const void * object ) const {
+      return row_.collection ? row_.collection->count( object ) : row_.valueSet->count( object );
+   }
+   bool has( const void * object, const void * key ) const {
+      return row_.collection ? row_.collection->find( object, key ) != nullptr
+                             : row_.valueSet->has( object, key );
+   }
+   /// The member as it is shown; nothing when there is none.
+   GenericValue find( const void * object, const void * key ) const {
+      if( row_.collection ) {
+         const PtrInterface * member = row_.collection->find( object, key );
+         return member ? wrapped( row_, member ) : GenericValue();
+      }
+      return row_.valueSet->has( object, key ) ? GenericValue( *row_.keyType, key )
+                                               : GenericValue();
+   }
+   void remove( void * object, const void * key ) const {
+      ( row_.collection ? row_.collection->del : row_.valueSet->remove )( object, key );
+   }
+   void removeAll( void * object ) const {
+      ( row_.collection ? row_.collection->delAll : row_.valueSet->removeAll )( object );
+   }
+
+ private:
+   const AttributeRow & row_;
+};
+
 GenericValue
 keyOfMember( const AttributeRow & row, const PtrInterface * member ) {
    if( row.collection->memberKey ) {
@@ -349,55 +392,56 @@ GenericIf::keyOf( GenericOperation operation, const AttributeRow & row, Argument
 GenericValue
 GenericIf::collectionOp( GenericTarget object, GenericOperation operation, const AttributeRow & row,
                          Arguments arguments ) const {
-   const CollectionOps & ops = *row.collection;
+   const Members members( row );
    GenericValue none;
    switch( operation ) {
    case GenericOperation::count:
       checkCount( operation, row, arguments, 0, 0 );
-      return uint64_t( ops.count( object.address() ) );
+      return uint64_t( members.count( object.address() ) );
    case GenericOperation::lookUp:
    case GenericOperation::has:
    case GenericOperation::wrap: {
       const void * key = keyOf( operation, row, arguments, none );
-      const PtrInterface * member = ops.find( object.address(), key );
       const bool asksMembership = operation == GenericOperation::has ||
                                   ( operation == GenericOperation::lookUp && row.has( isSet ) );
-      if( asksMembership ) return member != nullptr;
-      if( member ) return wrapped( row, member );
-      if( operation == GenericOperation::wrap ) return {};
-      if( ops.memberValue ) return GenericValue::zero( *row.type );
-      if( row.has( pointsToConst ) ) {
-         return GenericValue( static_cast< const PtrInterface * >( nullptr ), row.type );
-      }
-      return GenericValue( static_cast< PtrInterface * >( nullptr ), row.type );
+      if( asksMembership ) return members.has( object.address(), key );
+      GenericValue found = members.find( object.address(), key );
+      if( found.isNothing() && operation == GenericOperation::lookUp ) return absentMember( row );
+      return found;
    }
    case GenericOperation::add:
       return add( changeable( object, operation, row ), row, arguments );
    case GenericOperation::remove: {
       void * at = changeable( object, operation, row );
       const void * key = keyOf( operation, row, arguments, none );
-      GenericValue removed;
-      if( const PtrInterface * member = ops.find( at, key ) ) removed = wrapped( row, member );
-      ops.del( at, key );
+      GenericValue removed = members.find( at, key );
+      members.remove( at, key );
       return removed;
    }
    case GenericOperation::removeAll:
       checkCount( operation, row, arguments, 0, 0 );
-      ops.delAll( changeable( object, operation, row ) );
+      members.removeAll( changeable( object, operation, row ) );
       return {};
    case GenericOperation::notify: {
+      if( row.valueSet ) break;
       void * at = changeable( object, operation, row );
-      ops.notify( at, keyOf( operation, row, arguments, none ) );
+      row.collection->notify( at, keyOf( operation, row, arguments, none ) );
       return {};
    }
    default:
-      rejectFor( operation, row );
+      break;
    }
+   rejectFor( operation, row );
 }
 
 GenericValue
 GenericIf::add( void * object, const AttributeRow & row, Arguments arguments ) const {
    constexpr auto operation = GenericOperation::add;
+   if( row.valueSet ) {
+      GenericValue none;
+      row.valueSet->add( object, keyOf( operation, row, arguments, none ) );
+      return {};
+   }
    if( row.collection->memberKey == nullptr ) {
       return addChild( *static_cast< Entity * >( object ), row, arguments );
    }
@@ -482,45 +526,6 @@ GenericIf::addChild( Entity & parent, const AttributeRow & row, Arguments argume
    }
    row.collection->is( &parent, arguments[0].address(), nullptr );
    return arguments[0];
-}
-
-GenericValue
-GenericIf::valueSetOp( GenericTarget object, GenericOperation operation, const AttributeRow & row,
-                       Arguments arguments ) const {
-   const ValueSetOps & ops = *row.valueSet;
-   GenericValue none;
-   switch( operation ) {
-   case GenericOperation::count:
-      checkCount( operation, row, arguments, 0, 0 );
-      return uint64_t( ops.count( object.address() ) );
-   case GenericOperation::lookUp:
-   case GenericOperation::has:
-   case GenericOperation::wrap: {
-      const void * key = keyOf( operation, row, arguments, none );
-      const bool present = ops.has( object.address(), key );
-      if( operation != GenericOperation::wrap ) return present;
-      return present ? GenericValue( *row.keyType, key ) : GenericValue();
-   }
-   case GenericOperation::add:
-   case GenericOperation::remove: {
-      void * at = changeable( object, operation, row );
-      const void * key = keyOf( operation, row, arguments, none );
-      GenericValue removed;
-      if( operation == GenericOperation::add ) {
-         ops.add( at, key );
-      } else if( ops.has( at, key ) ) {
-         removed = GenericValue( *row.keyType, key );
-         ops.remove( at, key );
-      }
-      return removed;
-   }
-   case GenericOperation::removeAll:
-      checkCount( operation, row, arguments, 0, 0 );
-      ops.removeAll( changeable( object, operation, row ) );
-      return {};
-   default:
-      rejectFor( operation, row );
-   }
 }
 
 // -- Iterators --------------------------------------------------------------------------------

@@ -238,8 +238,6 @@ class IPSTATE_EXPORT GenericIf {
    GenericValue call( GenericTarget object, const AttributeRow & row, Arguments arguments ) const;
    GenericValue collectionOp( GenericTarget object, GenericOperation operation,
                               const AttributeRow & row, Arguments arguments ) const;
-   GenericValue valueSetOp( GenericTarget object, GenericOperation operation,
-                            const AttributeRow & row, Arguments arguments ) const;
    GenericValue add( void * object, const AttributeRow & row, Arguments arguments ) const;
    GenericValue addOwned( void * object, const AttributeRow & row, Arguments arguments ) const;
    GenericValue addChild( Entity & parent, const AttributeRow & row, Arguments arguments ) const;
