@@ -139,6 +139,7 @@ struct Member {
    Span boundSpan;
    const Member * boundConst = nullptr;
    bool testedFirst = false; // bound tested before storing instead of after
+   std::string becomes;      // in words, what an operation run at construction sets it to, or empty
 
    // derived
    std::string through; // pointer attribute it is reached through, or empty: by hand

@@ -480,6 +480,12 @@ class Checker {
             fits( m.init, m.type, &t, "'" + m.name + "'" );
          }
       }
+      if( !m.becomes.empty() &&
+          std::none_of( t.members.begin(), t.members.end(),
+                        []( const auto & each ) { return each.atConstruction; } ) ) {
+         error( m.span,
+                "no operation of '" + t.name + "' runs at construction and sets '" + m.name + "'" );
+      }
       if( t.kind == TypeKind::value && &type == &t ) {
          error( m.type.span, "a value cannot contain itself" );
       }

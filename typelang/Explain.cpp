@@ -347,7 +347,7 @@ lineOf( const Type & type, const Member & m ) {
    line.name = m.name;
    line.kind = kindOf( type, m );
    line.type = typeOf( m );
-   line.init = initOf( type, m );
+   line.init = m.becomes.empty() ? initOf( type, m ) : m.becomes;
    if( m.boundConst ) {
       Expr bound;
       bound.kind = Expr::Kind::name;

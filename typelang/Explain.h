@@ -37,7 +37,7 @@ struct ExplainedLine {
    std::string name;
    std::string kind; // "owning collection"
    Phrase type;      // of a collection: key -> member; of an operation: its signature
-   std::string init; // default, value of a constant
+   std::string init; // what construction leaves, value of a constant
    std::string bound;
    std::string callbacks;            // of the type's notifiees
    std::string comment;              // as in the schema, lines joined by newlines

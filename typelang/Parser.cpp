@@ -611,6 +611,16 @@ class Parser {
             m.testedFirst = true;
          }
       }
+      if( word == "attr" && accept( "becomes" ) ) m.becomes = quotedText( "what it becomes" );
+   }
+
+   std::string quotedText( const char * what ) {
+      if( lineOver() || token().kind != TokenKind::string ) {
+         fail( ( std::string( what ) + " in quotes" ).c_str() );
+      }
+      std::string text = token().text;
+      advance();
+      return text;
    }
 
    void constant( Member & m, const std::string & ) {
@@ -629,10 +639,7 @@ class Parser {
          m.throughSpan = pointer.span;
          m.writable = true;
       } else if( accept( "aborts" ) ) {
-         if( lineOver() || token().kind != TokenKind::string )
-            fail( "the assertion's text in quotes" );
-         m.aborts = token().text;
-         advance();
+         m.aborts = quotedText( "the assertion's text" );
       }
    }
 

@@ -127,7 +127,8 @@ indexPage( const Program & program ) {
 
 Every type that the schemas declare, by model. Attributes 1 to 5 are the same in every entity and
 not listed again: `name`, `fullName`, `parent`, `parentAttrName` and `entity`. A callback is one of the
-type's notifiees; `zero value` is what the type's default constructor makes.
+type's notifiees. A default is what construction leaves; `zero value` is what the type's default
+constructor makes.
 )";
    std::vector< const Schema * > schemas;
    for( const auto & schema : program.schemas ) schemas.push_back( schema.get() );

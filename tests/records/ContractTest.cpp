@@ -288,4 +288,32 @@ TEST( Contract, StandsAsItIsCheckedIn ) {
           << moved;
 }
 
+TEST( Contract, ReferenceShowsWhatConstructionLeaves ) {
+   const std::regex attribute( R"(([\w:]+) (\d+) (\w+) plain [\w:]+ = (.*))" );
+   size_t compared = 0;
+   for( const std::string & line :
+        linesOf( std::ifstream( IPSTATE_SOURCE_DIR "/tests/contract/library.txt" ) ) ) {
+      std::smatch match;
+      if( !std::regex_match( line, match, attribute ) ) continue;
+      const std::string full = match[1];
+      const size_t name = full.rfind( "::" );
+      std::string page;
+      for( const std::string & each :
+           linesOf( std::ifstream( IPSTATE_SOURCE_DIR "/docs/reference/" + full.substr( 0, name ) +
+                                   "/" + full.substr( name + 2 ) + ".md" ) ) ) {
+         page += each + "\n";
+      }
+      if( page.find( "attribute |" ) == std::string::npos ||
+          page.find( "run at construction" ) == std::string::npos ) {
+         continue;
+      }
+      const size_t row = page.find( "| " + match[2].str() + " | " + match[3].str() + " |" );
+      ASSERT_NE( row, std::string::npos ) << line;
+      const std::string shown = page.substr( row, page.find( '\n', row ) - row );
+      EXPECT_NE( shown.find( " | " + match[4].str() + " | " ), std::string::npos ) << shown;
+      ++compared;
+   }
+   EXPECT_EQ( compared, 4u );
+}
+
 } // namespace
