@@ -56,6 +56,7 @@ void
 Sa::flagsAdd( uint32_t flags ) {
    uint32_t before = flags_;
    flags_ |= flags;
+   if( flags_ != before && flowIn_ ) adapter_.in_.flagsChanged( *this );
    if( is( toOwner ) && !( before & toOwner ) && flowIn_ ) boundToOwner();
    // An owner has it all.
    if( is( sends ) && !is( toOwner ) && flags_ != before && announced_ ) {
@@ -96,6 +97,9 @@ Sa::detach() {
       }
    }
    adapter_.leave( *this );
+   for( auto * h = adapter_.in_.handling_; h; h = h->outer ) {
+      if( h->sa == this ) h->sa = nullptr;
+   }
    entity_ = nullptr;
    reactor_->notifierIs( nullptr );
    reactor_ = nullptr;
@@ -112,9 +116,9 @@ Sa::onEntityLeaves() {
       if( row && parentSa && announced_ && parentSa->is( sends ) ) {
          withMemberKey( *row, entity_, [&]( const void * key ) {
             // A removal that came from the peer is no news to it.
-            const Handling & h = parentSa->handling_;
-            if( h.attrId == row->id && !h.instance && !h.value &&
-                row->keyType->values->equal( h.key, key ) ) {
+            const NboAttrLog::Handling * h = parentSa->handling();
+            if( h && h->attrId == row->id && !h->instance && !h->value &&
+                row->keyType->values->equal( h->key, key ) ) {
                return;
             }
             parentSa->markDirty( *row, key, true );
@@ -175,10 +179,16 @@ sameValue( const ValueOps & ops, const void * a, const void * b ) {
 
 } // namespace
 
+NboAttrLog::Handling *
+Sa::handling() const {
+   NboAttrLog::Handling * h = adapter_.in_.handling_;
+   while( h && h->sa != this ) h = h->outer;
+   return h;
+}
+
 /// Whether the present state of the attribute, or member, is what the record being applied says.
 bool
-Sa::isAsInLog( const AttributeRow & row, const void * key ) const {
-   const Handling & h = handling_;
+Sa::isAsInLog( const NboAttrLog::Handling & h, const AttributeRow & row, const void * key ) const {
    if( !row.collection ) {
       return h.value && sameValue( *row.stored, row.address( entity_ ), h.value );
    }
@@ -195,11 +205,11 @@ Sa::isAsInLog( const AttributeRow & row, const void * key ) const {
 /// meanwhile is not, even where it ends as the record says: the peer was told of the way there.
 bool
 Sa::arrivedFromLog( const AttributeRow & row, const void * key ) {
-   Handling & h = handling_;
-   if( h.attrId != row.id || h.answered ) return false;
-   if( h.key && !( key && row.keyType->values->equal( h.key, key ) ) ) return false;
-   h.answered = !isAsInLog( row, key );
-   return !h.answered;
+   NboAttrLog::Handling * h = handling();
+   if( !h || h->attrId != row.id || h->answered ) return false;
+   if( h->key && !( key && row.keyType->values->equal( h->key, key ) ) ) return false;
+   h->answered = !isAsInLog( *h, row, key );
+   return !h->answered;
 }
 
 void
@@ -221,21 +231,22 @@ Sa::markDirty( const AttributeRow & row, const void * key, bool removal ) {
 /// peer has: that one must go first.
 bool
 Sa::replacesArrived( const AttributeRow & row, const void * key ) const {
-   const Handling & h = handling_;
-   return h.instance && h.answered && h.attrId == row.id && key &&
-          row.keyType->values->equal( h.key, key );
+   const NboAttrLog::Handling * h = handling();
+   return h && h->instance && h->answered && h->attrId == row.id && key &&
+          row.keyType->values->equal( h->key, key );
 }
 
 /// The steps that all changes have in common. True when the change is to be written now.
-bool
+inline bool
 Sa::mayGoOut( const AttributeRow & row, const void * key ) {
-   if( !entity_->zekIsLogged() || arrivedFromLog( row, key ) ) return false;
+   if( !entity_->zekIsLogged() ) return false;
+   if( adapter_.in_.handling_ && arrivedFromLog( row, key ) ) return false;
    if( is( readOnly ) && !convertedToWritable() ) doThrowReadOnly( row.name );
    if( !is( sends ) || !covers( row ) ) return false;
    Out & out = adapter_.out_;
    out.clearBarrier();
    if( !announced_ && !is( toOwner ) ) return false;
-   FlowOut & flow = makeFlow();
+   FlowOut & flow = flow_ ? *flow_ : makeFlow();
    if( !announced_ || !out.hasSufficientBuffer() || !flow.prepareImmediateTransmission( row.id ) ) {
       markDirty( row, key, replacesArrived( row, key ) );
       return false;
@@ -254,7 +265,7 @@ Sa::onMember( const AttributeRow & row, const void * key ) {
    if( row.has( ownsMembers ) && ( flags_ & ( readOnly | toOwner | fromPeer ) ) ) {
       // The new member is watched before anyone else can change it.
       const PtrInterface * member = row.collection->find( entity_, key );
-      if( member && handling_.attrId == row.id ) memberAdaptor( row, member );
+      if( member && handlingFlowInFor( row.id ) ) memberAdaptor( row, member );
    }
    if( !mayGoOut( row, key ) ) return;
    const DirtyKeys * keys = flow_->dirtyKeys( row.id );

@@ -81,19 +81,16 @@ struct FrameHeader {
    /// From as many bytes; nothing is checked.
    static FrameHeader of( const void * bytes ) {
       auto * at = static_cast< const uint8_t * >( bytes );
-      auto get = [&at]( auto number ) {
-         std::memcpy( &number, at, sizeof number );
-         at += sizeof number;
-         return Wire::networkOrder( number );
-      };
+      const auto sizes = Wire::numberAt< uint64_t >( at );
+      const auto name = Wire::numberAt< uint64_t >( at + 8 );
       FrameHeader header;
-      header.length = get( uint32_t() );
-      header.checksum = get( uint32_t() );
-      header.flow = get( uint32_t() );
-      header.attribute = get( uint16_t() );
-      header.kind = static_cast< Kind >( *at++ );
-      header.flags = *at++;
-      header.sequence = get( uint32_t() );
+      header.length = static_cast< uint32_t >( sizes >> 32 );
+      header.checksum = static_cast< uint32_t >( sizes );
+      header.flow = static_cast< uint32_t >( name >> 32 );
+      header.attribute = static_cast< uint16_t >( name >> 16 );
+      header.kind = static_cast< Kind >( name >> 8 & 0xff );
+      header.flags = static_cast< uint8_t >( name );
+      header.sequence = Wire::numberAt< uint32_t >( at + 16 );
       return header;
    }
 
@@ -126,6 +123,7 @@ struct IPSTATE_EXPORT Plan {
 
    const TypeDescriptor & type;
    std::vector< const AttributeRow * > plain;       // stored, with a mutator
+   std::vector< const AttributeRow * > references;  // those of the plain that are pointers
    std::vector< const AttributeRow * > collections; // the children directory last
    std::vector< const AttributeRow * > parameters;  // behind the key: rows that hold them
    std::vector< uint16_t > attrIdsReqSync;          // ascending
@@ -182,6 +180,17 @@ class DirtyKeysOf {
 
  private:
    const DirtyKeys * keys_;
+};
+
+/// A change that a record makes, while it is applied.
+struct Handling {
+   Entity::ZekNboAttrLogSa * sa; // null once it is detached
+   uint16_t attrId;
+   const void * key = nullptr;   // of a member
+   const void * value = nullptr; // stored form; null for a removal
+   bool instance = false;        // an instance comes into being
+   bool answered = false;        // something here has changed it since
+   Handling * outer = nullptr;   // the one within which it is made
 };
 
 /// What one entity still has to send. Exists once the entity was announced.
@@ -299,7 +308,10 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    void flagsAdd( uint32_t flags );
 
    /// True while a record of this attribute is being applied to the entity.
-   bool handlingFlowInFor( uint16_t attrId ) const { return handling_.attrId == attrId; }
+   bool handlingFlowInFor( uint16_t attrId ) const {
+      const NboAttrLog::Handling * h = handling();
+      return h && h->attrId == attrId;
+   }
    /// Makes a read-only entity writable where that is possible: where another mount of the same
    /// entity is writable. False when it stays read-only.
    bool convertedToWritable();
@@ -350,15 +362,10 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    friend class NboAttrLog::FlowOut;
    friend class NboAttrLog::Demuxer;
 
-   /// The change that a record makes while it is applied.
-   struct Handling {
-      uint16_t attrId = 0;
-      const void * key = nullptr;   // of a member
-      const void * value = nullptr; // stored form; null for a removal
-      bool instance = false;        // an instance comes into being
-      bool answered = false;        // something here has changed it since
-   };
-   bool isAsInLog( const AttributeRow & row, const void * key ) const;
+   /// The change of this entity that a record is just making, or null.
+   NboAttrLog::Handling * handling() const;
+   bool isAsInLog( const NboAttrLog::Handling & h, const AttributeRow & row,
+                   const void * key ) const;
    bool arrivedFromLog( const AttributeRow & row, const void * key );
    bool covers( const AttributeRow & row ) const {
       return is( row.has( ownsMembers ) ? withMembers : withContent );
@@ -368,6 +375,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    void markDirty( const AttributeRow & row, const void * key, bool removal = false );
    void allDirtyIs();
    bool serializeAttribute( const AttributeRow & row );
+   void encodeInState( const AttributeRow & row, Wire::Encoder & body );
    void serializeState();
    void writeRemoval( const AttributeRow & row, const void * key );
    void sendMember( const AttributeRow & row, const void * key, bool removal );
@@ -395,7 +403,6 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    bool askedAgain_ = false;   // the peer wants it announced again, with all it has
    bool hasSweep_ = false;     // members of it are to be removed at the end of a dump
    bool cameFromPeer_ = false; // the peer has the instance, but no flow of it
-   Handling handling_;
    // Written to a peer that owns the entity and has not said that it has seen it.
    struct Unacked;
    std::unique_ptr< Unacked > unacked_;
@@ -442,7 +449,7 @@ class IPSTATE_EXPORT Out {
 
    /// A record of flow 0: control() returns the encoder of its body, controlEnd() closes it.
    Wire::Encoder control( uint16_t message );
-   void controlEnd() { end(); }
+   void controlEnd();
 
    uint64_t records() const { return records_; }
 
@@ -453,11 +460,15 @@ class IPSTATE_EXPORT Out {
    friend class Zek::StreamAdapter;
    friend class Zek::Entity::ZekNboAttrLogSa;
 
+   /// Takes the flow's next number; the flags of its record.
+   static uint8_t nextSequence( FlowOut & flow, uint32_t & sequence );
    Wire::Encoder begin( FlowOut & flow, uint16_t attribute, Kind kind );
    Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags,
                              uint32_t sequence );
    void end();
+   void writeNumber( FlowOut & flow, uint16_t attribute, uint64_t number, unsigned size );
    void acknowledgeFirst();
+   void acknowledge();
    void declare( Plan & plan );
    void queue( FlowOut & flow );
    void unqueue( FlowOut & flow );

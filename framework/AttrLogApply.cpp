@@ -41,6 +41,86 @@ In::agreedRow( Sa & sa, const WireType & type, uint16_t attribute ) {
    return std::binary_search( type.agreed.begin(), type.agreed.end(), attribute ) ? row : nullptr;
 }
 
+/// A value, or all of them, of an instance whose changes only the adaptor hears of, to which they
+/// are no news: nobody needs to be told. False for any other record, and for one that is to be
+/// looked at closer; nothing has been done then.
+bool
+In::applyUnheard( const FrameHeader & header, Wire::Decoder body ) {
+   if( header.flow >= flows_.size() || header.flags || !held_.empty() ) return false;
+   Flow & flow = flows_[header.flow];
+   if( !flow.entity || header.sequence != flow.sequence ) return false;
+   NotifieeList & list = flow.entity->notifieeList();
+   if( !list.isOnly( flow.notifiee ) ) return false;
+   bool taken = false;
+   if( header.kind == Kind::value ) {
+      const AttributeRow * row = flow.type->value( header.attribute );
+      taken = row && takeValue( flow, *row, body );
+   } else if( header.kind == Kind::state ) {
+      taken = flow.type->same && flow.type->type->state && takeState( flow, body );
+   }
+   flow.sequence += taken;
+   return taken;
+}
+
+bool
+In::takeValue( const Flow & flow, const AttributeRow & row, Wire::Decoder & body ) {
+   const ValueOps & ops = *row.stored;
+   alignas( std::max_align_t ) char value[64];
+   if( ops.size > sizeof value || ops.alignment > alignof( std::max_align_t ) ) return false;
+   ops.construct( value );
+   struct Destroyed {
+      const ValueOps & ops;
+      void * value;
+      ~Destroyed() {
+         if( !ops.isTrivial ) ops.destroy( value );
+      }
+   } destroyed{ ops, value };
+   try {
+      if( !ops.decode( body, value ) || body.left() ) return false;
+   } catch( ... ) {
+      return false; // the type refuses it, and will again
+   }
+   NotifieeList::Muted muted( flow.entity->notifieeList() );
+   if( !guarded( [&] { row.write( flow.entity, value ); } ) ) refusedIs( *flow.sa, row, nullptr );
+   return true;
+}
+
+class In::Taker final : public StateTaker {
+ public:
+   Taker( In & in, const Flow & flow ) : in_( in ), flow_( flow ), plan_( flow.sa->plan() ) {}
+   /// Numbers of collections that are empty, and are so here.
+   bool rest( Wire::Decoder & body ) override {
+      while( body.left() ) {
+         uint16_t id;
+         uint32_t size;
+         if( !body.u16( id ) || !body.u32( size ) || size ) return false;
+         const AttributeRow * row = plan_.row( id );
+         if( !row || !row->collection || row->collection->count( flow_.entity ) ) return false;
+      }
+      return true;
+   }
+   void refused( size_t place ) override {
+      in_.guarded( [] { throw; } );
+      in_.refusedIs( *flow_.sa, *plan_.plain[place], nullptr );
+   }
+
+ private:
+   In & in_;
+   const Flow & flow_;
+   const Plan & plan_;
+};
+
+bool
+In::takeState( const Flow & flow, Wire::Decoder & body ) {
+   Taker taker( *this, flow );
+   NotifieeList::Muted muted( flow.entity->notifieeList() );
+   try {
+      return flow.type->type->state->take( body, flow.entity, taker );
+   } catch( ... ) {
+      return false; // a type refuses its value, and will again
+   }
+}
+
 /// An instance takes its flow into use even where nothing here follows the parent.
 void
 In::instanceRecord( const FrameHeader & header, Wire::Decoder & body ) {

@@ -67,6 +67,7 @@ Plan::Plan( const TypeDescriptor & described ) : type( described ) {
             children_ = &row;
          } else {
             ( row.collection ? collections : plain ).push_back( &row );
+            if( !row.collection && !row.stored->encode ) references.push_back( &row );
          }
       }
    }

@@ -3,6 +3,8 @@
 #include "framework/Generic.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace Zek {
 
@@ -19,6 +21,7 @@ void
 In::reset() {
    buffer_.clear();
    late_.clear();
+   applied_ = 0;
    closed_ = false;
    controlSequence_ = firstSequence;
    records_ = acked_ = acknowledged_ = 0;
@@ -47,6 +50,12 @@ In::malformed( const FrameHeader & header, const char * expected, size_t offset 
                           ": expected " + expected );
 }
 
+namespace {
+
+constexpr int framesAhead = 8;
+
+} // namespace
+
 void
 In::receive( const void * bytes, size_t count ) {
    if( closed_ ) throw StreamException( "the stream was closed by a malformed record" );
@@ -58,16 +67,21 @@ In::receive( const void * bytes, size_t count ) {
    buffer_.append( bytes, count );
    receiving_ = true;
    struct Done {
-      bool & flag;
-      ~Done() { flag = false; }
-   } done{ receiving_ };
-   while( buffer_.size() >= FrameHeader::size ) {
-      const auto header = FrameHeader::of( buffer_.data() );
+      In & in;
+      ~Done() {
+         in.receiving_ = false;
+         in.buffer_.consume( std::exchange( in.applied_, 0 ) );
+      }
+   } done{ *this };
+   size_t ahead = 0;
+   for( int i = 0; i < framesAhead; ++i ) fetchAhead( ahead );
+   while( buffer_.size() - applied_ >= FrameHeader::size ) {
+      const uint8_t * frame = buffer_.data() + applied_;
+      const auto header = FrameHeader::of( frame );
       if( header.length < FrameHeader::size + 2 || header.length > quota.recordBytes ) {
          malformed( header, "a length of 22 bytes up to the quota", 0 );
       }
-      if( buffer_.size() < header.length ) break;
-      const uint8_t * frame = buffer_.data();
+      if( buffer_.size() - applied_ < header.length ) break;
       if( Wire::checksum( frame + 8, header.length - 8 ) != header.checksum ) {
          malformed( header, "the checksum of the record", 4 );
       }
@@ -78,20 +92,43 @@ In::receive( const void * bytes, size_t count ) {
          malformed( header, "the closing token", header.length - 1 );
       }
       ++records_;
+      fetchAhead( ahead );
       Wire::Decoder body( frame + FrameHeader::size + 1, header.length - FrameHeader::size - 2 );
-      record( header, body );
-      if( body.failed() ) {
-         malformed( header, body.expected(), FrameHeader::size + 1 + body.failedAt() );
+      if( !applyUnheard( header, body ) ) {
+         record( header, body );
+         if( body.failed() ) {
+            malformed( header, body.expected(), FrameHeader::size + 1 + body.failedAt() );
+         }
+         const bool givenUp = buffer_.empty(); // and perhaps another connection made
+         if( !late_.empty() ) {
+            buffer_.append( late_.data(), late_.size() );
+            late_.clear();
+         }
+         if( givenUp ) continue;
       }
-      buffer_.consume( header.length );
-      if( !late_.empty() ) {
-         buffer_.append( late_.data(), late_.size() );
-         late_.clear();
-      }
+      applied_ += header.length;
    }
    if( boundSomething_ && !held_.empty() ) retryHeld();
    boundSomething_ = false;
    if( adapter_.peerWrites_ ) acknowledge();
+}
+
+/// Frames say whom they concern: while one is applied, the entity of one behind it is on its way
+/// from memory.
+inline void
+In::fetchAhead( size_t & ahead ) const {
+   if( ahead + FrameHeader::size > buffer_.size() ) return;
+   const uint8_t * frame = buffer_.data() + ahead;
+   const auto length = Wire::numberAt< uint32_t >( frame ),
+              flow = Wire::numberAt< uint32_t >( frame + 8 );
+   if( flow < flows_.size() ) {
+      auto * entity = reinterpret_cast< const char * >( flows_[flow].entity );
+      __builtin_prefetch( entity );
+      __builtin_prefetch( entity + 64 );
+   }
+   // Nothing has been checked yet: what does not fit is met again where it is.
+   const size_t left = buffer_.size() - ahead;
+   ahead += length < FrameHeader::size || length > left ? left : length;
 }
 
 void
@@ -228,6 +265,13 @@ In::typeDeclared( Wire::Decoder & body ) {
    }
    std::sort( wire.agreed.begin(), wire.agreed.end() );
    wire.agreed.erase( std::unique( wire.agreed.begin(), wire.agreed.end() ), wire.agreed.end() );
+   for( uint16_t id : wire.agreed ) {
+      const AttributeRow & row = *adapter_.plan( *wire.type ).row( id );
+      if( row.collection || !row.stored->decode ) continue;
+      if( wire.values.empty() ) wire.firstValue = id;
+      wire.values.resize( id - wire.firstValue + 1u );
+      wire.values.back() = &row;
+   }
    types_.push_back( std::move( wire ) );
 }
 
@@ -262,7 +306,7 @@ In::flowIs( FlowName name, const WireType & type ) {
    if( flow.sa ) flow.sa->flowIn_ = 0;
    dropHeld( name.id ); // it was for another
    const bool known = isKnown( name, type );
-   flow.sa = nullptr;
+   flow.saIs( nullptr );
    flow.type = &type;
    flow.sequence = name.sequence;
    if( known ) return;
@@ -271,10 +315,24 @@ In::flowIs( FlowName name, const WireType & type ) {
 }
 
 void
+In::Flow::saIs( Sa * bound ) {
+   sa = bound;
+   const bool counts =
+      sa && sa->flags() & ( Sa::readOnly | Sa::fromPeer ) && !sa->is( Sa::toOwner );
+   entity = counts ? sa->entity() : nullptr;
+   notifiee = counts ? sa->zekReactor() : nullptr;
+}
+
+void
+In::flagsChanged( Sa & sa ) {
+   flows_[sa.flowIn_].saIs( &sa );
+}
+
+void
 In::bind( uint32_t id, Sa & sa ) {
    if( !id ) return;
-   if( sa.flowIn_ ) flows_[sa.flowIn_].sa = nullptr;
-   flows_[id].sa = &sa;
+   unbind( sa );
+   flows_[id].saIs( &sa );
    sa.flowIn_ = id;
    boundSomething_ = true;
    if( sa.is( Sa::toOwner ) ) sa.boundToOwner();
@@ -283,7 +341,7 @@ In::bind( uint32_t id, Sa & sa ) {
 void
 In::unbind( Sa & sa ) {
    if( !sa.flowIn_ ) return;
-   flows_[sa.flowIn_].sa = nullptr;
+   flows_[sa.flowIn_].saIs( nullptr );
    sa.flowIn_ = 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <exception>
+#include <utility>
 #include <vector>
 
 namespace Zek::NboAttrLog {
@@ -14,24 +15,19 @@ namespace Zek::NboAttrLog {
 /// While it lives, the adaptor knows which change arrived from the log.
 class In::Handles {
  public:
-   Handles( In & in, Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
-            const void * value, bool instance )
-      : in_( in ),
-        sa_( &sa ) {
-      before_ = sa.handling_;
-      sa.handling_ = { row.id, key, value, instance };
+   Handles( In & in, const Handling & handling ) : in_( in ), handling_( handling ) {
+      handling_.outer = std::exchange( in.handling_, &handling_ );
    }
    ~Handles() {
-      in_.answered_ = sa_->handling_.answered;
-      sa_->handling_ = before_;
+      in_.answered_ = handling_.answered;
+      in_.handling_ = handling_.outer;
    }
    Handles( const Handles & ) = delete;
    Handles & operator=( const Handles & ) = delete;
 
  private:
    In & in_;
-   Entity::ZekNboAttrLogSa::Ptr sa_;
-   Entity::ZekNboAttrLogSa::Handling before_;
+   Handling handling_;
 };
 
 /// Values of any type for the length of one record.
@@ -54,8 +50,10 @@ class In::Scratch {
       void * at = memory_ + aligned;
       used_ = aligned + ops.size;
       ops.construct( at );
-      ops_[count_] = &ops;
-      values_[count_++] = at;
+      if( !ops.isTrivial ) {
+         ops_[count_] = &ops;
+         values_[count_++] = at;
+      }
       return at;
    }
    /// A pointer, as attributes and constructors take it.
@@ -101,7 +99,7 @@ template< class Change >
 bool
 In::change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
             const void * value, bool instance, Change change ) {
-   Handles handles( *this, sa, row, key, value, instance );
+   Handles handles( *this, { &sa, row.id, key, value, instance } );
    return guarded( change );
 }
 

@@ -1,8 +1,5 @@
-#include "framework/AttrLog.h"
+#include "framework/AttrLogOut.h"
 
-#include "framework/StreamAdapter.h"
-
-#include <cstring>
 #include <utility>
 
 namespace Zek {
@@ -15,63 +12,21 @@ namespace NboAttrLog {
 
 Out::~Out() = default;
 
-Wire::Encoder
-Out::beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags, uint32_t sequence ) {
-   frame_ = buffer_.size();
-   Wire::Encoder out( buffer_ );
-   uint8_t * at = buffer_.room( FrameHeader::size + 1 );
-   auto put = [&at]( auto number ) {
-      number = Wire::networkOrder( number );
-      std::memcpy( at, &number, sizeof number );
-      at += sizeof number;
-   };
-   put( uint64_t( 0 ) ); // length and checksum: end() knows them
-   put( flow );
-   put( attribute );
-   *at++ = static_cast< uint8_t >( kind );
-   *at++ = flags;
-   put( sequence );
-   *at++ = openToken;
-   buffer_.written( FrameHeader::size + 1 );
-   return out;
-}
-
 /// Before a record takes its number: what the peer wrote is in what follows.
 void
-Out::acknowledgeFirst() {
-   if( adapter_.peerWrites_ ) [[unlikely]] {
-      adapter_.in_.acknowledge();
-   }
-}
-
-Wire::Encoder
-Out::begin( FlowOut & flow, uint16_t attribute, Kind kind ) {
-   acknowledgeFirst();
-   uint8_t flags = 0;
-   if( std::exchange( flow.restarts_, false ) ) {
-      flow.sequence_ = flow.firstSequence_;
-      flags = restartsSequence;
-   }
-   return beginFrame( flow.id_, attribute, kind, flags, flow.sequence_++ );
-}
-
-void
-Out::end() {
-   *buffer_.room( 1 ) = closeToken;
-   buffer_.written( 1 );
-   uint8_t * frame = buffer_.at( frame_ );
-   auto length = static_cast< uint32_t >( buffer_.size() - frame_ );
-   uint32_t sum = Wire::networkOrder( Wire::checksum( frame + 8, length - 8 ) );
-   length = Wire::networkOrder( length );
-   std::memcpy( frame, &length, sizeof length );
-   std::memcpy( frame + 4, &sum, sizeof sum );
-   ++records_;
+Out::acknowledge() {
+   adapter_.in_.acknowledge();
 }
 
 Wire::Encoder
 Out::control( uint16_t message ) {
    acknowledgeFirst();
    return beginFrame( 0, message, Kind::value, 0, controlSequence_++ );
+}
+
+void
+Out::controlEnd() {
+   end();
 }
 
 void

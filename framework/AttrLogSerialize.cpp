@@ -1,6 +1,4 @@
-#include "framework/AttrLog.h"
-
-#include "framework/StreamAdapter.h"
+#include "framework/AttrLogOut.h"
 
 #include <utility>
 
@@ -32,19 +30,35 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    Out & out = adapter_.out_;
    const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
-   if( row.stored->encode ) {
+   if( row.stored->wireSize ) {
+      out.writeNumber( *flow_, attrId, row.stored->wireBytes( value ), row.stored->wireSize );
+   } else if( row.stored->encode ) {
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
       row.stored->encode( value, body );
+      out.end();
    } else {
       auto * target = *static_cast< PtrInterface * const * >( value );
       out.prepareReference( target );
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
       out.encodeReference( body, target );
+      out.end();
    }
-   out.end();
    flow_->zekIsDirtyIs( attrId, false );
    if( is( toOwner ) ) wroteToOwner( row, nullptr );
    return out.hasSufficientBuffer();
+}
+
+/// Number, length and value.
+void
+Sa::encodeInState( const AttributeRow & row, Wire::Encoder & body ) {
+   const void * value = row.address( entity_ );
+   body.u16( row.id );
+   const Wire::Counted counted( body );
+   if( row.stored->encode ) {
+      row.stored->encode( value, body );
+   } else {
+      adapter_.out_.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
+   }
 }
 
 /// All plain attributes in one record: number, length and value of each; and the numbers of
@@ -52,26 +66,19 @@ Sa::serializeAttribute( const AttributeRow & row ) {
 void
 Sa::serializeState() {
    Out & out = adapter_.out_;
-   for( const AttributeRow * row : plan_.plain ) {
-      if( row->stored->encode ) continue;
+   for( const AttributeRow * row : plan_.references ) {
       out.prepareReference( *static_cast< PtrInterface * const * >( row->address( entity_ ) ) );
    }
    Wire::Encoder body = out.begin( *flow_, 0, Kind::state );
-   for( const AttributeRow * row : plan_.plain ) {
-      const void * value = row->address( entity_ );
-      body.u16( row->id );
-      const Wire::Counted counted( body );
-      if( row->stored->encode ) {
-         row->stored->encode( value, body );
-      } else {
-         out.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
-      }
+   if( const StateOps * state = plan_.type.state ) {
+      state->encode( entity_, out.buffer_ );
+   } else {
+      for( const AttributeRow * row : plan_.plain ) encodeInState( *row, body );
    }
    for( const AttributeRow * row : plan_.collections ) {
       if( !flow_->zekIsDirty( row->id ) ) continue;
       if( row->collection->count( entity_ ) == 0 ) {
-         body.u16( row->id );
-         body.u32( 0 );
+         body.heading( row->id, 0 );
          if( is( toOwner ) ) wroteToOwner( *row, nullptr );
       } else {
          flow_->wholeIs( *row ); // no longer empty

@@ -38,6 +38,7 @@
 
 #include <cstdint>
 #include <type_traits>
+#include <utility>
 
 namespace Zek {
 
@@ -75,6 +76,26 @@ class IPSTATE_EXPORT NotifieeList {
    void doVisit( void ( N::*callback )( const K & ), const std::type_identity_t< K > & key ) {
       if( word_ ) visitMembers( callback, key );
    }
+
+   /// Whether this notifiee, and nobody else, hears of changes.
+   bool isOnly( const NotifieeConst * notifiee ) const {
+      return word_ == reinterpret_cast< uintptr_t >( notifiee );
+   }
+   /// While it lives, nobody hears of changes of a notifier whose only notifiee was asked for
+   /// above. For changes that do nothing but store and announce: none may reach the list.
+   class Muted {
+    public:
+      explicit Muted( NotifieeList & list )
+         : list_( list ),
+           word_( std::exchange( list.word_, 0 ) ) {}
+      ~Muted() { list_.word_ = word_; }
+      Muted( const Muted & ) = delete;
+      Muted & operator=( const Muted & ) = delete;
+
+    private:
+      NotifieeList & list_;
+      uintptr_t word_;
+   };
 
    /// The attribute-log adaptor number `n` in order of registration, or null.
    NotifieeConst * logAdaptor( uint32_t n ) const;

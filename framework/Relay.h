@@ -14,6 +14,7 @@ namespace Zek {
 template< class N >
 class Relay : public N {
  public:
+   /// `type`: the one whose callbacks N has, which is that of the object or a base of it.
    Relay( const TypeDescriptor & type, AttributeSink & sink ) : type_( type ), sink_( sink ) {}
 
    AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
@@ -26,12 +27,18 @@ class Relay : public N {
  protected:
    ~Relay() override = default;
 
-   void changed( uint16_t attributeId ) { sink_.onAttribute( *type_.attribute( attributeId ) ); }
+   void changed( uint16_t attributeId ) { sink_.onAttribute( row( attributeId ) ); }
    void changed( uint16_t attributeId, const void * key ) {
-      sink_.onMember( *type_.attribute( attributeId ), key );
+      sink_.onMember( row( attributeId ), key );
    }
 
  private:
+   const AttributeRow & row( uint16_t attributeId ) const {
+      if( attributeId < firstTypedAttr ) return *type_.attribute( attributeId );
+      const AttributeRow * own = type_.attributes.data();
+      return own[attributeId - own->id];
+   }
+
    const TypeDescriptor & type_;
    AttributeSink & sink_;
 };
@@ -40,7 +47,7 @@ class Relay : public N {
 template< class R, class T >
 Ptr< PtrInterface >
 makeRelay( const PtrInterface & object, AttributeSink & sink ) {
-   auto relay = allocate< R >( *object.fwkType(), sink );
+   auto relay = allocate< R >( T::zekTypeDescriptor_, sink );
    relay->notifierIs( &object );
    relay->isRegisteredNotifieeIs( true );
    return relay;

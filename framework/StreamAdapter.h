@@ -82,13 +82,27 @@ class IPSTATE_EXPORT In {
       const TypeDescriptor * type = nullptr; // null: unknown here
       bool same = false;                     // both ends agree on every attribute
       std::vector< uint16_t > agreed;        // else: on these, ascending
+      /// Rows of the plain attributes agreed on that hold values, from number `firstValue` on.
+      std::vector< const AttributeRow * > values;
+      uint16_t firstValue = 0;
+
+      const AttributeRow * value( uint16_t attribute ) const {
+         const size_t index = static_cast< size_t >( attribute ) - firstValue;
+         return index < values.size() ? values[index] : nullptr;
+      }
    };
    struct Flow {
       Entity::ZekNboAttrLogSa * sa = nullptr; // null: known, but nothing here follows it
       const WireType * type = nullptr;        // null: never instantiated
+      // Of the adaptor: its entity and notifiee, where the peer's word counts in any case; else
+      // null.
+      Entity * entity = nullptr;
+      const PtrInterface::NotifieeConst * notifiee = nullptr;
       uint32_t sequence = firstSequence;
       uint32_t incarnation : 31 = 0; // counts the instances that had the number
       uint32_t asked : 1 = 0;        // for the instance again
+
+      void saIs( Entity::ZekNboAttrLogSa * sa );
    };
    /// A flow whose instance is not there yet; number 0: none, a path is waited for.
    struct Awaited {
@@ -127,7 +141,13 @@ class IPSTATE_EXPORT In {
    };
    class Handles;
    class Scratch;
+   class Taker;
 
+   /// Where in buffer_ the frame begins whose entity is fetched into the cache.
+   void fetchAhead( size_t & ahead ) const;
+   bool applyUnheard( const FrameHeader & header, Wire::Decoder body );
+   bool takeValue( const Flow & flow, const AttributeRow & row, Wire::Decoder & body );
+   bool takeState( const Flow & flow, Wire::Decoder & body );
    void record( const FrameHeader & header, Wire::Decoder & body );
    void control( uint16_t message, Wire::Decoder & body );
    void typeDeclared( Wire::Decoder & body );
@@ -166,6 +186,8 @@ class IPSTATE_EXPORT In {
    bool repeats( FlowName name, const WireType & type );
    void bind( uint32_t id, Entity::ZekNboAttrLogSa & sa );
    void unbind( Entity::ZekNboAttrLogSa & sa );
+   /// The adaptor's flags have changed.
+   void flagsChanged( Entity::ZekNboAttrLogSa & sa );
    void bindToPeer( Wire::Decoder & body );
    void beginWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, uint32_t members );
    void endWhole( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row );
@@ -193,11 +215,13 @@ class IPSTATE_EXPORT In {
 
    StreamAdapter & adapter_;
    Wire::Buffer buffer_;
-   Wire::Buffer late_; // came while a record was applied
+   Wire::Buffer late_;  // came while a record was applied
+   size_t applied_ = 0; // bytes of buffer_, while it is receiving
    bool receiving_ = false;
    bool closed_ = false;
    bool boundSomething_ = false;
-   bool answered_ = false; // the last change was changed again by a reaction to it
+   Handling * handling_ = nullptr; // the innermost
+   bool answered_ = false;         // the last change was changed again by a reaction to it
    uint32_t controlSequence_ = firstSequence;
    uint64_t records_ = 0;
    uint64_t refused_ = 0;

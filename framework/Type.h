@@ -93,6 +93,10 @@ struct ValueOps {
    /// own RangeException for a value that is one but out of bounds.
    bool ( *decode )( Wire::Decoder &, void * );
    bool isBare; // its text is its bytes, whatever they are: commas, quotes and all
+   /// Of numbers: how many bytes they have in streams, and these bytes, the first one lowest. 0 and
+   /// null for all others.
+   uint8_t wireSize;
+   uint64_t ( *wireBytes )( const void * );
 };
 
 /// One enumerator: name and number.
@@ -174,6 +178,30 @@ struct AttributeRow {
    bool has( AttributeFlag flag ) const { return flags & flag; }
 };
 
+/// What happens to a state on its way to an object; see StateOps.
+class StateTaker {
+ public:
+   /// What follows the attributes. False: nothing is to be changed.
+   virtual bool rest( Wire::Decoder & in ) = 0;
+   /// In the catch block of what the mutator of the plain attribute at this place threw.
+   virtual void refused( size_t place ) = 0;
+
+ protected:
+   ~StateTaker() = default;
+};
+
+/// All plain attributes of a type at once, in the form of a stream's state record: number, length
+/// and value of each, in their order. For types whose plain attributes all are values.
+struct StateOps {
+   void ( *encode )( const void * object, Wire::Buffer & out );
+   /// Changes, through the mutators, what differs. False, and nothing was changed, where the bytes
+   /// are anything but these attributes and what `taker` takes behind them.
+   bool ( *take )( Wire::Decoder & in, void * object, StateTaker & taker );
+};
+
+/// Numbers below are the framework's attributes, which all entities have.
+constexpr uint16_t firstTypedAttr = 256;
+
 /// Receives the changes of one object by attribute number (see relays).
 class IPSTATE_EXPORT AttributeSink {
  public:
@@ -216,6 +244,8 @@ struct TypeDescriptor {
    /// that is not streamed, and in a derived type: its base has one.
    Ptr< PtrInterface > ( *attrLogSa )( Entity & entity, StreamAdapter & adapter,
                                        NboAttrLog::Plan & plan, uint32_t flags ) = nullptr;
+   /// Null where one of its plain attributes is a pointer, and in a derived type.
+   const StateOps * state = nullptr;
 
    mutable const TypeDescriptor * next = nullptr; // registry's
    mutable uint32_t nameHash = 0;                 // registry's

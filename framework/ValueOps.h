@@ -27,24 +27,48 @@ concept Hashed = std::is_arithmetic_v< T > || std::is_enum_v< T > || requires( c
    { a.hash() } -> std::convertible_to< uint32_t >;
 };
 
-/// A type written by hand whose text is its bytes, whatever they are.
+/// A type written by hand that is a text, whatever its bytes are.
 template< class T >
 concept HasBareText = requires {
    typename T::BareText;
 };
 
+/// Travels as one number.
+template< class T >
+concept WireNumber = std::is_enum_v< T > || std::is_arithmetic_v< T >;
+
+/// Travels as a text.
+template< class T >
+concept WireText = std::is_same_v< T, String > || std::is_same_v< T, Name > || HasBareText< T >;
+
+template< WireNumber T >
+constexpr auto
+wireNumber( T value ) {
+   if constexpr( std::is_enum_v< T > ) {
+      return static_cast< uint32_t >( value );
+   } else if constexpr( std::is_same_v< T, bool > ) {
+      return static_cast< uint8_t >( value );
+   } else if constexpr( std::is_same_v< T, double > ) {
+      return std::bit_cast< uint64_t >( value );
+   } else {
+      return static_cast< std::make_unsigned_t< T > >( value );
+   }
+}
+
+/// Bytes in streams; 0 where they are not the same for all values.
+template< class T >
+constexpr uint8_t
+wireSize() {
+   if constexpr( WireNumber< T > ) return sizeof( wireNumber( T() ) );
+   return 0;
+}
+
 template< class T >
 void
 encodeField( const T & value, Wire::Encoder & out ) {
-   if constexpr( std::is_enum_v< T > ) {
-      out.u32( static_cast< uint32_t >( value ) );
-   } else if constexpr( std::is_same_v< T, bool > ) {
-      out.u8( value );
-   } else if constexpr( std::is_same_v< T, double > ) {
-      out.u64( std::bit_cast< uint64_t >( value ) );
-   } else if constexpr( std::is_integral_v< T > ) {
-      out.number( static_cast< std::make_unsigned_t< T > >( value ) );
-   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+   if constexpr( WireNumber< T > ) {
+      out.number( wireNumber( value ) );
+   } else if constexpr( WireText< T > ) {
       out.text( value.view() );
    } else if constexpr( requires { value.encodeTo( out ); } ) {
       value.encodeTo( out );
@@ -81,7 +105,7 @@ decodeField( Wire::Decoder & in, T & value ) {
       if( !in.number( number, "a number" ) ) return false;
       value = static_cast< T >( number );
       return true;
-   } else if constexpr( std::is_same_v< T, String > || std::is_same_v< T, Name > ) {
+   } else if constexpr( WireText< T > ) {
       std::string_view text;
       if( !in.text( text ) ) return false;
       if( value.view() != text ) value = T( text );
@@ -125,6 +149,12 @@ struct ValueThunks {
       if constexpr( !isPtr< T > ) return decodeField( in, *static_cast< T * >( p ) );
       return false;
    }
+   static uint64_t wireBytes( const void * p ) {
+      if constexpr( WireNumber< T > ) {
+         return Wire::byteSwapped( wireNumber( at( p ) ) );
+      }
+      return 0;
+   }
 };
 
 /// The operations of T as a value.
@@ -144,6 +174,8 @@ inline constexpr ValueOps valueOps = {
    isPtr< T > ? nullptr : &ValueThunks< T >::encode,
    isPtr< T > ? nullptr : &ValueThunks< T >::decode,
    HasBareText< T >,
+   wireSize< T >(),
+   WireNumber< T > ? &ValueThunks< T >::wireBytes : nullptr,
 };
 
 } // namespace Zek

@@ -85,7 +85,7 @@ class ValueSet {
       if( count > in.left() ) return in.fail( "as many keys as were counted" );
       std::vector< Key > keys;
       for( ; count; --count ) {
-         Key key;
+         Key key{};
          if( !decodeField( in, key ) ) return false;
          if( !keys.empty() && !( keys.back() < key ) ) return in.fail( "keys in ascending order" );
          keys.push_back( std::move( key ) );

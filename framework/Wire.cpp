@@ -103,6 +103,8 @@ makeTable() {
 
 constexpr auto table = makeTable();
 
+} // namespace
+
 uint32_t
 checksumByTable( const uint8_t * bytes, size_t count ) {
    uint32_t crc = ~uint32_t( 0 );
@@ -111,35 +113,7 @@ checksumByTable( const uint8_t * bytes, size_t count ) {
 }
 
 #ifdef __x86_64__
-
-__attribute__( ( target( "sse4.2" ) ) ) uint32_t
-checksumByInstruction( const uint8_t * bytes, size_t count ) {
-   uint64_t crc = ~uint32_t( 0 );
-   for( ; count >= 8; count -= 8, bytes += 8 ) {
-      uint64_t word;
-      std::memcpy( &word, bytes, sizeof word );
-      crc = __builtin_ia32_crc32di( crc, word );
-   }
-   auto last = static_cast< uint32_t >( crc );
-   for( ; count; --count ) last = __builtin_ia32_crc32qi( last, *bytes++ );
-   return ~last;
-}
-
-const bool hasInstruction = __builtin_cpu_supports( "sse4.2" );
-
+const bool hasChecksumInstruction = __builtin_cpu_supports( "sse4.2" );
 #endif
-
-} // namespace
-
-uint32_t
-checksum( const void * bytes, size_t count ) {
-   auto * at = static_cast< const uint8_t * >( bytes );
-#ifdef __x86_64__
-   if( hasInstruction ) [[likely]] {
-      return checksumByInstruction( at, count );
-   }
-#endif
-   return checksumByTable( at, count );
-}
 
 } // namespace Zek::Wire

@@ -29,8 +29,8 @@ namespace Wire {
 
 template< class U >
 constexpr U
-networkOrder( U value ) {
-   if constexpr( sizeof( U ) == 1 || std::endian::native == std::endian::big ) {
+byteSwapped( U value ) {
+   if constexpr( sizeof( U ) == 1 ) {
       return value;
    } else if constexpr( sizeof( U ) == 2 ) {
       return __builtin_bswap16( value );
@@ -39,6 +39,28 @@ networkOrder( U value ) {
    } else {
       return __builtin_bswap64( value );
    }
+}
+
+template< class U >
+constexpr U
+networkOrder( U value ) {
+   return std::endian::native == std::endian::big ? value : byteSwapped( value );
+}
+
+/// The number at an address.
+template< class U >
+U
+numberAt( const uint8_t * at ) {
+   U number;
+   std::memcpy( &number, at, sizeof number );
+   return networkOrder( number );
+}
+
+/// Stores a number of which the lowest byte comes first.
+inline void
+storeLowestFirst( uint8_t * at, uint64_t number ) {
+   if( std::endian::native == std::endian::big ) number = byteSwapped( number );
+   std::memcpy( at, &number, sizeof number );
 }
 
 /// Bytes in one piece: written at the end, taken from the front.
@@ -103,6 +125,15 @@ class Encoder {
    void u16( uint16_t value ) { number( value ); }
    void u32( uint32_t value ) { number( value ); }
    void u64( uint64_t value ) { number( value ); }
+   /// An attribute's number and the length of its value.
+   void heading( uint16_t id, uint32_t length ) {
+      uint8_t * at = buffer_.room( sizeof id + sizeof length );
+      id = networkOrder( id );
+      length = networkOrder( length );
+      std::memcpy( at, &id, sizeof id );
+      std::memcpy( at + sizeof id, &length, sizeof length );
+      buffer_.written( sizeof id + sizeof length );
+   }
    void bytes( const void * bytes, size_t count ) { buffer_.append( bytes, count ); }
    void text( std::string_view text ) {
       u32( static_cast< uint32_t >( text.size() ) );
@@ -211,8 +242,68 @@ IPSTATE_EXPORT bool decodeValue( const TypeDescriptor & type, Decoder & in, void
 /// True for an enumerator's number.
 IPSTATE_EXPORT bool isEnumerator( const TypeDescriptor & type, int64_t value );
 
+// -- Checksum ---------------------------------------------------------------------------------
+
+IPSTATE_EXPORT uint32_t checksumByTable( const uint8_t * bytes, size_t count );
+
+#ifdef __x86_64__
+
+/// Whether the processor has an instruction for it (SSE 4.2).
+extern IPSTATE_EXPORT const bool hasChecksumInstruction;
+
+/// The checksum goes on over a word with that instruction, spelled out: the compiler would not
+/// inline it into functions for all processors, and a record is short. A record begins with
+/// checksumStart; at its end all bits are inverted.
+constexpr uint64_t checksumStart = 0xffffffff;
+
+template< class U >
+uint64_t
+checksumStep( uint64_t crc, U word ) {
+   auto low = static_cast< uint32_t >( crc );
+   if constexpr( sizeof( U ) == 8 ) {
+      asm( "crc32q %1, %0" : "+r"( crc ) : "rm"( word ) );
+      return crc;
+   }
+   if constexpr( sizeof( U ) == 4 ) asm( "crc32l %1, %0" : "+r"( low ) : "rm"( word ) );
+   if constexpr( sizeof( U ) == 2 ) asm( "crc32w %1, %0" : "+r"( low ) : "rm"( word ) );
+   if constexpr( sizeof( U ) == 1 ) asm( "crc32b %1, %0" : "+r"( low ) : "rm"( word ) );
+   return low;
+}
+
+inline uint32_t
+checksumByInstruction( const uint8_t * bytes, size_t count ) {
+   uint64_t crc = checksumStart;
+   auto take = [&]( auto word ) {
+      std::memcpy( &word, bytes, sizeof word );
+      bytes += sizeof word;
+      crc = checksumStep( crc, word );
+   };
+   for( ; count >= 32; count -= 32 ) {
+      take( uint64_t() );
+      take( uint64_t() );
+      take( uint64_t() );
+      take( uint64_t() );
+   }
+   for( ; count >= 8; count -= 8 ) take( uint64_t() );
+   if( count & 4 ) take( uint32_t() );
+   if( count & 2 ) take( uint16_t() );
+   if( count & 1 ) take( uint8_t() );
+   return ~static_cast< uint32_t >( crc );
+}
+
+#endif
+
 /// CRC-32C (RFC 3720, 12.1) of the bytes.
-IPSTATE_EXPORT uint32_t checksum( const void * bytes, size_t count );
+inline uint32_t
+checksum( const void * bytes, size_t count ) {
+   auto * at = static_cast< const uint8_t * >( bytes );
+#ifdef __x86_64__
+   if( hasChecksumInstruction ) [[likely]] {
+      return checksumByInstruction( at, count );
+   }
+#endif
+   return checksumByTable( at, count );
+}
 
 } // namespace Wire
 } // namespace Zek

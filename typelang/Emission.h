@@ -51,6 +51,7 @@ struct AttrLogPieces {
    std::string forward; // in the class
    std::string declaration;
    std::string definition;
+   std::string state; // in the descriptor
 };
 AttrLogPieces attrLog( const Type & type ); // EmitAttrLog.cpp
 bool isStreamed( const Type & type );

@@ -17,10 +17,30 @@ relayClass( const Type & type ) {
                              : genericId( type ) + "_Relay";
 }
 
+namespace {
+
+/// Operations for all plain attributes at once, where none of them is a pointer.
+std::string
+stateOf( const Type & type ) {
+   std::vector< std::string > attributes;
+   for( const Member & m : type.members ) {
+      if( m.kind != MemberKind::attr && !( m.kind == MemberKind::counter && m.hasIs ) ) continue;
+      if( m.type.type->isCounted() ) return {};
+      attributes.push_back(
+         fill( "      Zek::Rows::Attribute< &$Self$::$x$_, &$Self$::$x$Is, $n$ >",
+               { { "Self", type.name }, { "x", m.name }, { "n", std::to_string( m.number ) } } ) );
+   }
+   if( attributes.empty() ) return {};
+   return "   .state = &Zek::Rows::stateOf<\n" + joined( attributes, ",\n" ) + " >,\n";
+}
+
+} // namespace
+
 AttrLogPieces
 attrLog( const Type & type ) {
    AttrLogPieces out;
    if( !isStreamed( type ) || type.base ) return out;
+   out.state = stateOf( type );
    std::string serialisers, dirty;
    for( const Member & m : type.members ) {
       const bool isCollection = m.kind == MemberKind::collection;

@@ -808,6 +808,7 @@ emitCounted( const Type & type ) {
       streamed.declaration.empty()
          ? ""
          : fill( "   .attrLogSa = &Zek::makeAttrLogSa< $Self$::ZekNboAttrLogSa >,\n", h );
+   h["attrLogThunk"] += streamed.state;
    h["relay"] = "";
    h["relayThunk"] = "nullptr";
    h["Relay"] = relayClass( type );

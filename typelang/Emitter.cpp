@@ -137,7 +137,7 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
       "#include \"" + headerOf( schema ) + "\"\n\n#include \"" + attrLogHeaderOf( schema ) + R"("
 #include "framework/Exception.h"
 #include "framework/Relay.h"
-#include "framework/Rows.h"
+#include "framework/State.h"
 
 #include <ostream>
 

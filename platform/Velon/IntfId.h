@@ -9,7 +9,6 @@
 #include "framework/Export.h"
 #include "framework/Name.h"
 #include "framework/String.h"
-#include "framework/Wire.h"
 #include "platform/Velon/Companions.h"
 
 #include <compare>
@@ -59,9 +58,6 @@ class IPSTATE_EXPORT IntfId {
       out = IntfId( text );
       return true;
    }
-   /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, IntfId & out );
 
  private:
    Zek::Name name_;

@@ -7,7 +7,6 @@
 #include "framework/Exception.h"
 #include "framework/Export.h"
 #include "framework/String.h"
-#include "framework/Wire.h"
 #include "platform/Velon/Companions.h"
 
 #include <compare>
@@ -60,9 +59,6 @@ class IPSTATE_EXPORT NamespaceName {
       out = NamespaceName( text );
       return true;
    }
-   /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, NamespaceName & out );
 
  private:
    Zek::String name_;

@@ -1,13 +1,11 @@
 // The value types as bytes in streams: addresses as they stand in packets, prefix lengths and
-// families in one byte, ids and names as texts.
+// families in one byte.
 
 #include "framework/Wire.h"
 
-#include "platform/Velon/IntfId.h"
 #include "platform/Velon/Ip6Addr.h"
 #include "platform/Velon/IpAddr.h"
 #include "platform/Velon/IpGenAddr.h"
-#include "platform/Velon/NamespaceName.h"
 #include "platform/Velon/Prefix.h"
 #include "platform/Velon/RouteDistinguisher.h"
 
@@ -70,19 +68,6 @@ decodeGeneric( Decoder & in, Gen & out ) {
 }
 
 } // namespace
-
-void
-IntfId::encodeTo( Encoder & out ) const {
-   out.text( view() );
-}
-
-bool
-IntfId::decodeFrom( Decoder & in, IntfId & out ) {
-   std::string_view text;
-   if( !in.text( text, "an interface id" ) ) return false;
-   if( out.view() != text ) out = IntfId( text );
-   return true;
-}
 
 void
 IpAddr::encodeTo( Encoder & out ) const {
@@ -176,19 +161,6 @@ RouteDistinguisher::encodeTo( Encoder & out ) const {
 bool
 RouteDistinguisher::decodeFrom( Decoder & in, RouteDistinguisher & out ) {
    return in.u64( out.value_, "a route distinguisher" );
-}
-
-void
-NamespaceName::encodeTo( Encoder & out ) const {
-   out.text( view() );
-}
-
-bool
-NamespaceName::decodeFrom( Decoder & in, NamespaceName & out ) {
-   std::string_view text;
-   if( !in.text( text, "a namespace name" ) ) return false;
-   if( out.view() != text ) out = NamespaceName( text );
-   return true;
 }
 
 } // namespace Velon
