@@ -119,7 +119,7 @@ struct StateOf {
    static bool take( Wire::Decoder & in, Object & object, StateTaker & taker,
                      std::index_sequence< I... > ) {
       // From what there is: what does not change needs no memory.
-      Values values( A::of( object )... );
+      Values values{ A::of( object )... };
       if( !( A::decode( in, std::get< I >( values ) ) && ... ) || !taker.rest( in ) ) return false;
       for( size_t next = 0; next != sizeof...( A ); ) {
          try {
