@@ -67,7 +67,7 @@ constexpr uint8_t restartsSequence = 1;
 enum Control : uint16_t {
    typeControl = 1, // a type's number, name, fingerprint and attributes
    ackControl,      // count of records received, where the peer may write
-   againControl,    // a flow is wanted from its instantiation on
+   againControl,    // a member is wanted again, with all it has
    bindControl,     // the writer's flow for an instance of the peer's flow
    rootControl,     // the root of an export: its flow, type and constructor arguments
    noRootControl,   // nothing stands at the export's path
