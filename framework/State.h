@@ -123,7 +123,8 @@ struct StateOf {
       if( !( A::decode( in, std::get< I >( values ) ) && ... ) || !taker.rest( in ) ) return false;
       for( size_t next = 0; next != sizeof...( A ); ) {
          try {
-            ( ( I < next || ( next = I + 1, A::write( object, std::get< I >( values ) ), true ) ) &&
+            // Those before it threw are done.
+            ( ( I < next ? void() : ( next = I + 1, A::write( object, std::get< I >( values ) ) ) ),
               ... );
          } catch( ... ) {
             taker.refused( next - 1 );
