@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
+#include <list>
+#include <map>
 #include <utility>
 
 namespace Zek {
@@ -21,14 +24,46 @@ using Sa = Entity::ZekNboAttrLogSa;
 constinit AllocTrackTypeInfo Sa::allocTrackTypeInfo_( "Zek::Entity::ZekNboAttrLogSa",
                                                       sizeof( Sa ) );
 
-/// What was written to the owner of an entity and is not known to have reached it.
+/// What was written to the owner of an entity and is not known to have reached it, by attribute
+/// and key; in the order of the records that said it.
 struct Sa::Unacked {
    struct Write {
-      uint16_t attrId;
-      AnyKey key;
-      uint64_t record;
+      uint64_t record; // the last that said something of it
+      bool removal;    // and one of them that what was there is gone
    };
-   std::vector< Write > writes;
+   using Keys = std::map< AnyKey, Write, AnyKeyLess >;
+   struct Row {
+      const AttributeRow * row;
+      uint64_t all = 0; // record of the attribute, or of all of the collection
+      Keys keys;
+   };
+   struct Step {
+      uint64_t record;
+      const AttributeRow * row;
+      Keys::iterator at;
+   };
+   std::list< Row > rows;
+   std::deque< Step > steps;
+
+   Row * find( const AttributeRow & row ) {
+      for( Row & r : rows ) {
+         if( r.row == &row ) return &r;
+      }
+      return nullptr;
+   }
+   void allOf( Row & r, uint64_t record ) {
+      r.all = record;
+      r.keys.clear();
+      std::erase_if( steps, [&]( const Step & step ) { return step.row == r.row; } );
+   }
+   /// Forgets what the owner has seen.
+   void acknowledged( uint64_t records ) {
+      for( ; !steps.empty() && steps.front().record <= records; steps.pop_front() ) {
+         const Step & step = steps.front();
+         if( step.at->second.record == step.record ) find( *step.row )->keys.erase( step.at );
+      }
+      rows.remove_if( [=]( const Row & r ) { return r.all <= records && r.keys.empty(); } );
+   }
 };
 
 Sa::ZekNboAttrLogSa( Entity & entity, StreamAdapter & adapter, NboAttrLog::Plan & plan,
@@ -80,22 +115,41 @@ Sa::makeFlow() {
    return *flow_;
 }
 
+template< class Visit >
+void
+Sa::eachMemberAdaptor( Visit visit ) {
+   for( const AttributeRow * row : plan_.collections ) {
+      if( !row->has( ownsMembers ) ) continue;
+      const PtrInterface * member = row->collection->first( entity_ );
+      while( member ) {
+         auto & child = *static_cast< const Entity * >( member );
+         if( Sa * sa = adapter_.adaptorOf( child ) ) visit( *sa );
+         member = withMemberKey( *row, member, [&]( const void * key ) {
+            return row->collection->after( entity_, key );
+         } );
+      }
+   }
+}
+
+/// As if the peer had not been told of the entity and its members, so that it will be told of all
+/// they have. With `forget` it is to make them anew: what it writes to those it has is void.
+void
+Sa::unannounce( bool forget ) {
+   eachMemberAdaptor( [=]( Sa & sa ) { sa.unannounce( forget ); } );
+   announced_ = false;
+   if( flow_ ) {
+      flow_->allClean();
+      adapter_.out_.unqueue( *flow_ );
+   }
+   if( forget ) adapter_.in_.unbind( *this );
+   adapter_.exportAgain( *this );
+}
+
 void
 Sa::detach() {
    if( !entity_ ) return;
    Zek::Ptr< Sa > self( this );
-   Entity & entity = *entity_;
-   for( const AttributeRow * row : plan_.collections ) {
-      if( !row->has( ownsMembers ) ) continue;
-      const PtrInterface * member = row->collection->first( &entity );
-      while( member ) {
-         auto & child = *static_cast< const Entity * >( member );
-         if( Sa * sa = adapter_.adaptorOf( child ) ) sa->detach();
-         member = withMemberKey( *row, member, [&]( const void * key ) {
-            return row->collection->after( &entity, key );
-         } );
-      }
-   }
+   eachMemberAdaptor( []( Sa & sa ) { sa.detach(); } );
    adapter_.leave( *this );
    for( auto * h = adapter_.in_.handling_; h; h = h->outer ) {
       if( h->sa == this ) h->sa = nullptr;
@@ -113,7 +167,7 @@ Sa::onEntityLeaves() {
    if( Entity * parent = entity_->parent() ) {
       const AttributeRow * row = parent->fwkType()->attribute( entity_->parentAttrId() );
       Sa * parentSa = adapter_.adaptorOf( *parent );
-      if( row && parentSa && announced_ && parentSa->is( sends ) ) {
+      if( row && parentSa && parentSa->is( sends ) && ( announced_ || is( toOwner ) ) ) {
          withMemberKey( *row, entity_, [&]( const void * key ) {
             // A removal that came from the peer is no news to it.
             const NboAttrLog::Handling * h = parentSa->handling();
@@ -281,34 +335,62 @@ Sa::onMember( const AttributeRow & row, const void * key ) {
 // -- Towards the owner ------------------------------------------------------------------------
 
 void
-Sa::wroteToOwner( const AttributeRow & row, const void * key ) {
+Sa::wroteToOwner( const AttributeRow & row, const void * key, bool removal ) {
    if( !unacked_ ) unacked_ = std::make_unique< Unacked >();
-   auto & writes = unacked_->writes;
-   uint64_t acked = adapter_.in_.acked_;
-   std::erase_if( writes, [=]( auto & w ) { return w.record <= acked; } );
-   Unacked::Write write{ row.id, {}, adapter_.out_.records_ };
-   if( key ) write.key = AnyKey( *row.keyType->values, key );
-   writes.push_back( std::move( write ) );
+   Unacked & unacked = *unacked_;
+   unacked.acknowledged( adapter_.in_.acked_ );
+   const uint64_t record = adapter_.out_.records_;
+   Unacked::Row * r = unacked.find( row );
+   if( !r ) r = &unacked.rows.emplace_back( Unacked::Row{ &row, 0, {} } );
+   if( !key ) {
+      unacked.allOf( *r, record );
+   } else {
+      auto at = r->keys.find( key );
+      if( at == r->keys.end() ) {
+         at = r->keys.emplace( AnyKey( *row.keyType->values, key ), Unacked::Write{} ).first;
+      }
+      at->second.record = record;
+      at->second.removal |= removal;
+      unacked.steps.push_back( { record, &row, at } );
+      // An owner that acknowledges nothing must not make it grow.
+      if( unacked.steps.size() > 4 * row.collection->count( entity_ ) + 64 ) {
+         unacked.allOf( *r, record );
+      }
+   }
+   adapter_.in_.overtaken( *this, row, key );
 }
 
-bool
+Sa::Awaited
 Sa::awaitsOwner( const AttributeRow & row, const void * key ) {
+   Awaited awaited = Awaited::nothing;
    if( flow_ ) {
-      if( flow_->zekIsDirty( row.id ) ) return true;
-      if( key && flow_->zekIsKeyDirty( row.id, key ) ) return true;
-      auto * dirty = key ? flow_->dirtyCollection( row.id ) : nullptr;
-      if( dirty && ( dirty->whole || dirty->resync ) ) return true;
+      if( key && flow_->zekIsKeyDirty( row.id, key ) ) return Awaited::member;
+      const auto * dirty = row.collection ? flow_->dirtyCollection( row.id ) : nullptr;
+      if( flow_->zekIsDirty( row.id ) || ( dirty && ( dirty->whole || dirty->resync ) ) ) {
+         awaited = Awaited::all;
+      }
    }
-   if( !unacked_ ) return false;
-   uint64_t acked = adapter_.in_.acked_;
-   std::erase_if( unacked_->writes, [=]( auto & w ) { return w.record <= acked; } );
-   for( auto & write : unacked_->writes ) {
-      if( write.attrId != row.id ) continue;
-      const void * written = write.key.get(); // null: all of them
-      if( !key || !written || row.keyType->values->equal( written, key ) ) return true;
+   if( !unacked_ ) return awaited;
+   unacked_->acknowledged( adapter_.in_.acked_ );
+   if( const Unacked::Row * r = unacked_->find( row ) ) {
+      if( key && r->keys.find( key ) != r->keys.end() ) return Awaited::member;
+      if( r->all > adapter_.in_.acked_ ) awaited = Awaited::all;
    }
-   if( unacked_->writes.empty() ) unacked_ = nullptr;
-   return false;
+   return awaited;
+}
+
+/// Adds the keys of a collection that were written and not seen yet. False when it is all of them.
+bool
+Sa::unackedKeys( const AttributeRow & row, DirtyKeys & keys ) {
+   if( !unacked_ ) return true;
+   unacked_->acknowledged( adapter_.in_.acked_ );
+   const Unacked::Row * r = unacked_->find( row );
+   if( !r ) return true;
+   if( r->all > adapter_.in_.acked_ ) return false;
+   for( auto & [key, write] : r->keys ) {
+      keys.emplace( AnyKey( *row.keyType->values, key.get() ), true );
+   }
+   return true;
 }
 
 /// The connection is gone: whether the owner saw the last writes is not known.
@@ -316,14 +398,12 @@ void
 Sa::rewriteUnacked() {
    if( !unacked_ ) return;
    auto held = std::move( unacked_ );
-   for( auto & write : held->writes ) {
-      if( write.record <= adapter_.in_.acked_ ) continue;
-      const AttributeRow & row = *plan_.row( write.attrId );
-      if( row.collection && !write.key.get() ) {
-         makeFlow().wholeIs( row );
-      } else {
-         markDirty( row, write.key.get() );
-      }
+   const uint64_t acked = adapter_.in_.acked_;
+   held->acknowledged( acked );
+   for( auto & r : held->rows ) {
+      const AttributeRow & row = *r.row;
+      if( r.all > acked ) row.collection ? makeFlow().wholeIs( row ) : markDirty( row, nullptr );
+      for( auto & [key, write] : r.keys ) markDirty( row, key.get(), write.removal );
    }
 }
 
@@ -339,6 +419,7 @@ Sa::boundToOwner() {
    body.u32( flow.id() );
    body.u32( flow.sequence() );
    body.u32( flowIn_ );
+   body.u32( adapter_.in_.flows_[flowIn_].sequence );
    body.u32( plan_.wireType );
    out.controlEnd();
    announced_ = true;

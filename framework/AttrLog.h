@@ -209,6 +209,9 @@ class IPSTATE_EXPORT FlowOut {
    uint32_t id() const { return id_; }
    /// Number of the next record, unless that one restarts the sequence.
    uint32_t sequence() const { return sequence_; }
+   /// Number of the first record. A number that another instance had goes on behind its sequence,
+   /// so that what the peer says of that one is not taken for this one.
+   uint32_t firstSequence() const { return firstSequence_; }
    /// Moves the end of the sequence to `records` from now.
    void sequenceEndsAfter( uint32_t records ) { lastSequence_ = sequence_ + records; }
 
@@ -248,6 +251,8 @@ class IPSTATE_EXPORT FlowOut {
    void freeResyncState();
    /// Starts the sequence, and everything with it, again.
    void resynchronise();
+   /// Nothing is to be sent any more.
+   void allClean();
 
  private:
    friend class Out;
@@ -266,6 +271,7 @@ class IPSTATE_EXPORT FlowOut {
    uint32_t sequence_;
    uint32_t firstSequence_;
    uint32_t lastSequence_;
+   uint32_t highestSequence_ = 0; // before it started again
    uint16_t attrId_ = 0;
    bool restarts_ = false;
    bool stateDirty_ = false; // all plain attributes in one record
@@ -384,10 +390,15 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
                         bool state );
    void announceInWhole( const AttributeRow & row, Entity & member );
    NboAttrLog::FlowOut & makeFlow();
-   /// Whether a write of this end to the entity's owner is on its way, so that what the owner
-   /// said before does not count.
-   bool awaitsOwner( const AttributeRow & row, const void * key );
-   void wroteToOwner( const AttributeRow & row, const void * key );
+   template< class Visit >
+   void eachMemberAdaptor( Visit visit );
+   void unannounce( bool forget );
+   /// What was written to the entity's owner that it is not known to have seen: what it said
+   /// before does not count.
+   enum class Awaited : uint8_t { nothing, all, member };
+   Awaited awaitsOwner( const AttributeRow & row, const void * key );
+   bool unackedKeys( const AttributeRow & row, DirtyKeys & keys );
+   void wroteToOwner( const AttributeRow & row, const void * key, bool removal = false );
    void rewriteUnacked();
    void boundToOwner();
 
@@ -400,9 +411,8 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    uint32_t flowIn_ = 0;
    uint32_t dump_ = 0; // the export in whose dump it has not been sent yet
    bool announced_ = false;
-   bool askedAgain_ = false;   // the peer wants it announced again, with all it has
-   bool hasSweep_ = false;     // members of it are to be removed at the end of a dump
-   bool cameFromPeer_ = false; // the peer has the instance, but no flow of it
+   bool askedAgain_ = false; // the peer wants it announced again, with all it has
+   bool hasSweep_ = false;   // members of it are to be removed at the end of a dump
    // Written to a peer that owns the entity and has not said that it has seen it.
    struct Unacked;
    std::unique_ptr< Unacked > unacked_;
@@ -425,17 +435,20 @@ class IPSTATE_EXPORT Out {
 
    /// Bytes that may wait; a record that begins below it is written whole.
    size_t capacity() const { return capacity_; }
-   void capacityIs( size_t bytes ) { capacity_ = bytes; }
-   bool hasSufficientBuffer() const { return buffer_.size() < capacity_; }
+   void capacityIs( size_t bytes ) { capacity_ = room_ = bytes; }
+   bool hasSufficientBuffer() const { return buffer_.size() < room_; }
+   /// No room for a while: what changes is marked dirty.
+   void isHeldIs( bool held ) { room_ = held ? 0 : capacity_; }
 
    /// What waits to be carried away, and what was carried away.
    const Wire::Buffer & buffer() const { return buffer_; }
    void consume( size_t bytes ) { buffer_.consume( bytes ); }
    /// Writes what is dirty while there is room. True when nothing is dirty any more.
    bool drain();
-   bool isClean() const { return !queueHead_; }
+   /// Nothing waits for room.
+   bool isClean() const;
    size_t dirtyFlows() const { return queued_; }
-   size_t flows() const { return flows_.size() - free_.size() - 1; }
+   size_t flows() const { return liveFlows_; }
 
    /// A notification that is a barrier goes out behind everything dirty; each notification
    /// clears it.
@@ -485,6 +498,7 @@ class IPSTATE_EXPORT Out {
    StreamAdapter & adapter_;
    Wire::Buffer buffer_;
    size_t capacity_ = 64 << 10;
+   size_t room_ = capacity_;
    size_t frame_ = 0; // offset of the record being written
    bool barrier_ = false;
    uint32_t controlSequence_ = firstSequence;
@@ -497,6 +511,7 @@ class IPSTATE_EXPORT Out {
       uint32_t first;
    };
    std::vector< Free > free_;
+   size_t liveFlows_ = 0;
    FlowOut * queueHead_ = nullptr;
    FlowOut * queueTail_ = nullptr;
    size_t queued_ = 0;

@@ -24,13 +24,32 @@ bytesBetween( const uint8_t * begin, const uint8_t * end ) {
 /// What this end wrote and the owner has not seen yet counts more than what the owner said.
 bool
 In::mayApply( Sa & sa, const AttributeRow & row, const void * key ) {
-   return !sa.is( Sa::toOwner ) || !sa.awaitsOwner( row, key );
+   return !sa.is( Sa::toOwner ) || sa.awaitsOwner( row, key ) == Sa::Awaited::nothing;
 }
 
 /// A write of the peer's was refused: it gets what stands here.
 void
 In::refusedIs( Sa & sa, const AttributeRow & row, const void * key ) {
-   if( sa.entity_ && sa.is( Sa::fromPeer ) ) sa.markDirty( row, key );
+   if( !sa.entity_ || !sa.is( Sa::fromPeer ) ) return;
+   if( row.has( ownsMembers ) ) {
+      answer( sa, row, key );
+   } else {
+      sa.markDirty( row, key );
+   }
+}
+
+/// The peer made a member or took it away, and passes over what it is told of the key until it
+/// knows that this was seen: it is told what stands here, with all it has. Where that is not the
+/// peer's own instance, the peer makes it anew, and what it still writes to its own is void.
+void
+In::answer( Sa & sa, const AttributeRow & row, const void * key ) {
+   auto * member = static_cast< const Entity * >( row.collection->find( sa.entity_, key ) );
+   Sa * child = member ? adapter_.adaptorOf( *member ) : nullptr;
+   const bool kept = child && child->flowIn_;
+   if( child ) child->unannounce( !kept );
+   // It may have had another under the key: that one is gone at the peer too.
+   if( kept && sa.flow_ ) sa.flow_->zekKeyDirtyDel( row.id, key );
+   sa.markDirty( row, key, !kept );
 }
 
 /// The row of an attribute of which both ends think the same, or null.
@@ -265,8 +284,11 @@ In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
       Entity * target;
       Reference reference = readReference( body, *row.type, target );
       if( body.failed() ) return true;
-      if( reference == Reference::absent ) return false;
-      if( reference == Reference::outside && isOutside( row, *sa.entity_ ) ) return true;
+      if( reference == Reference::absent ) return settledWithout( sa, row, nullptr );
+      if( reference == Reference::outside ) {
+         refusedIs( sa, row, nullptr ); // what the peer has there cannot be told of
+         if( isOutside( row, *sa.entity_ ) ) return true;
+      }
       value = scratch.pointer( target );
    }
    if( body.left() ) {
@@ -328,7 +350,10 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
             body.failAt( in.expected(), offset + in.failedAt() );
             return;
          }
-         if( reference == Reference::outside && isOutside( *row, *sa.entity_ ) ) continue;
+         if( reference == Reference::outside ) {
+            refusedIs( sa, *row, nullptr );
+            if( isOutside( *row, *sa.entity_ ) ) continue;
+         }
          if( reference != Reference::absent ) {
             item.value = scratch.pointer( target );
          } else {
@@ -347,7 +372,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          }
          continue;
       }
-      if( !item.value ) {
+      if( !item.value && !settledWithout( sa, *item.row, nullptr ) ) {
          FrameHeader header{};
          header.flow = sa.flowIn_;
          header.attribute = item.row->id;
@@ -356,6 +381,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          continue;
       }
       dropHeld( sa.flowIn_, item.row->id, {} );
+      if( !item.value ) continue;
       // Most of a new instance's attributes are what its constructor made them.
       const AttributeRow & row = *item.row;
       if( row.stored->equal( row.address( entity.ptr() ), item.value ) ) continue;
@@ -408,13 +434,16 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
       Entity * target;
       Reference reference = readReference( body, *row.type, target );
       if( body.failed() ) return true;
-      if( reference == Reference::absent ) return false;
+      if( reference == Reference::absent ) return settledWithout( sa, row, key );
       if( body.left() ) {
          body.fail( "the end of the record" );
          return true;
       }
       mention( sa, row, key );
-      if( !target ) return true; // one that stands in no tree cannot be told of
+      if( !target ) {
+         refusedIs( sa, row, key ); // one that stands in no tree cannot be told of
+         return true;
+      }
       if( !mayApply( sa, row, key ) ) return true;
       const void * member = scratch.pointer( target );
       if( !change( sa, row, key, target, false,
@@ -561,7 +590,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       // An argument refers to what is not there. The flow is asked for again when it comes.
       body.skip( body.left() );
       repeats( flow, wire );
-      return false;
+      return settledWithout( sa, row, key );
    }
    if( body.left() ) {
       body.fail( "the end of the record" );
@@ -571,6 +600,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       ++refused_;
       lastRefusal_ = "'" + EntityUriPath( *sa.entity_ ).text() + "' is as deep as may be";
       repeats( flow, wire );
+      refusedIs( sa, row, key );
       return true;
    }
    mention( sa, row, key );
@@ -583,25 +613,34 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       return true;
    }
    flowIs( flow, wire );
-   if( sa.is( Sa::toOwner ) && sa.awaitsOwner( row, key ) ) {
-      // Ours counts: gone, or another instance that the owner will take or refuse.
-      if( !member ) return true;
-      kind = Kind::adopt;
-   } else if( passedOver && !sa.is( Sa::fromPeer ) ) {
+   const bool same = member && isSame( *member, plan, arguments );
+   if( sa.is( Sa::toOwner ) ) {
+      // What this end made or took away, the owner will answer. Where only the collection as a
+      // whole is on its way, what both have goes on.
+      const auto awaited = sa.awaitsOwner( row, key );
+      if( awaited == Sa::Awaited::member ||
+          ( awaited == Sa::Awaited::all && !( same && kind == Kind::adopt ) ) ) {
+         if( flow.id ) flows_[flow.id].asked = true;
+         return true;
+      }
+   }
+   if( passedOver && !sa.is( Sa::fromPeer ) ) {
       // It could not be made before, or is gone here: what it has came and went.
       again( sa.flowIn_, row.id, keyBytes, flow.id );
       return true;
    }
-   const bool same = member && isSame( *member, plan, arguments );
-   if( member && sa.is( Sa::fromPeer ) && !same ) {
-      // The owner's stands; the peer learns of it.
+   if( sa.is( Sa::fromPeer ) && ( kind == Kind::adopt || ( member && !same ) ) ) {
+      // One that went here meanwhile, or that stands here otherwise.
       ++refused_;
-      lastRefusal_ =
-         "'" + EntityUriPath( *member ).text() + "' exists with other constructor arguments";
-      sa.markDirty( row, key );
+      lastRefusal_ = "'" + EntityUriPath( *sa.entity_ ).text() + "." + row.name +
+                     "' has another member under the key, or none";
+      answer( sa, row, key );
       return true;
    }
-   if( member && ( !same || kind == Kind::instantiate ) && !sa.is( Sa::fromPeer ) ) {
+   if( member && sa.is( Sa::fromPeer ) ) {
+      // Both made it: from now on it is the peer's too.
+      if( Sa * known = adapter_.adaptorOf( *member ) ) known->unannounce( true );
+   } else if( member && ( !same || kind == Kind::instantiate ) ) {
       remove( sa, row, key );
       if( !sa.entity_ ) return true;
       found = row.collection->find( sa.entity_, key );
@@ -630,17 +669,9 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       return true;
    }
    if( isNew && answered_ ) return true; // what stands there now is not what came
-   if( member->fwkType() != wire.type ) return true;
-   Sa * child = sa.memberAdaptor( row, member );
-   if( !child ) return true;
-   if( sa.is( Sa::fromPeer ) && !child->announced_ ) {
-      // The peer has it; what it lacks is our flow.
-      child->cameFromPeer_ = true;
-      bind( flow.id, *child );
-      sa.markDirty( row, key );
-   } else {
-      bind( flow.id, *child );
-   }
+   Sa * child = member->fwkType() == wire.type ? sa.memberAdaptor( row, member ) : nullptr;
+   if( child ) bind( flow.id, *child );
+   if( sa.is( Sa::fromPeer ) ) answer( sa, row, key );
    return true;
 }
 
@@ -658,7 +689,9 @@ In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
       }
       return;
    }
-   wholes_.push_back( { Sa::Ptr( &sa ), &row, {} } );
+   Whole whole{ Sa::Ptr( &sa ), &row, {} };
+   if( sa.is( Sa::toOwner ) && !sa.unackedKeys( row, whole.mentioned ) ) return;
+   wholes_.push_back( std::move( whole ) );
 }
 
 void
@@ -747,14 +780,51 @@ In::dropHeld( uint32_t flow, uint16_t attribute, std::string_view key ) {
    held_.erase( at );
 }
 
-/// The flow goes to another entity.
+/// All of some attributes.
 void
-In::dropHeld( uint32_t flow ) {
-   auto at = held_.lower_bound( { flow, 0, {} } );
-   while( at != held_.end() && std::get< 0 >( at->first ) == flow ) {
+In::dropHeld( uint32_t flow, uint16_t first, uint16_t last ) {
+   auto at = held_.lower_bound( { flow, first, {} } );
+   while( at != held_.end() && std::get< 0 >( at->first ) == flow &&
+          std::get< 1 >( at->first ) <= last ) {
       heldBytes_ -= at->second.body.size();
       at = held_.erase( at );
    }
+}
+
+/// A record refers to what is not here. False when it is to wait for that. But the owner takes no
+/// write that leads nowhere at it, and what a write of this end overtakes is void.
+bool
+In::settledWithout( Sa & sa, const AttributeRow & row, const void * key ) {
+   if( !sa.is( Sa::fromPeer ) ) return !mayApply( sa, row, key );
+   ++refused_;
+   lastRefusal_ =
+      "'" + EntityUriPath( *sa.entity_ ).text() + "." + row.name + "' refers to what is not here";
+   refusedIs( sa, row, key );
+   return true;
+}
+
+/// This end writes to the owner: what the owner said before is void, also where it waits, and what
+/// it does not mention in a collection that it is telling may be what it has not seen yet.
+void
+In::overtaken( Sa & sa, const AttributeRow & row, const void * key ) {
+   if( !held_.empty() && sa.flowIn_ ) {
+      if( row.collection && !key ) {
+         dropHeld( sa.flowIn_, row.id, row.id );
+      } else {
+         Wire::Buffer bytes;
+         Wire::Encoder encoder( bytes );
+         if( key ) row.keyType->values->encode( key, encoder );
+         dropHeld( sa.flowIn_, row.id, bytes.view() );
+      }
+   }
+   if( !row.collection ) return;
+   if( key ) {
+      mention( sa, row, key );
+      return;
+   }
+   auto isOf = [&]( auto & part ) { return part.sa.ptr() == &sa && part.row == &row; };
+   std::erase_if( wholes_, isOf );
+   std::erase_if( sweeps_, isOf );
 }
 
 void

@@ -109,12 +109,13 @@ Demuxer::createFlowOut( Out &, const EntityUriPath &, Entity::ZekNboAttrLogSa & 
 FlowOut::~FlowOut() {
    Out & out = sa_.adapter().nboAttrLogOut();
    out.unqueue( *this );
-   if( id_ < out.flows_.size() && out.flows_[id_] == &sa_ ) {
-      out.flows_[id_] = nullptr;
-      // One further: where the number is given again before the reader knows that its first
-      // instance is gone, it must not be taken for that one's, announced again.
-      out.free_.push_back( { id_, sequence_ < lastSequence / 2 ? sequence_ + 1 : firstSequence } );
-   }
+   if( id_ >= out.flows_.size() || out.flows_[id_] != &sa_ ) return;
+   out.flows_[id_] = nullptr;
+   --out.liveFlows_;
+   // One further: where the number is given again before the peer knows that its first instance is
+   // gone, it must not be taken for that one's. With few left it is not given again.
+   const uint32_t next = std::max( sequence_, highestSequence_ ) + 1;
+   if( next < lastSequence / 2 ) out.free_.push_back( { id_, next } );
 }
 
 DirtyCollection *
@@ -211,6 +212,13 @@ FlowOut::allDirty() {
 }
 
 void
+FlowOut::allClean() {
+   dirty_ = 0;
+   stateDirty_ = false;
+   collections_.clear();
+}
+
+void
 FlowOut::wholeIs( const AttributeRow & row ) {
    DirtyCollection & c = collectionIs( row );
    c.keys.clear();
@@ -234,6 +242,7 @@ FlowOut::resynchronise() {
       [[maybe_unused]] DirtyCollection::ResyncState * rsc = c->resync.get();
       assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
    }
+   highestSequence_ = std::max( highestSequence_, sequence_ );
    lastSequence_ = lastSequence;
    restarts_ = true;
    allDirty();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 namespace Zek {
@@ -65,14 +66,21 @@ In::receive( const void * bytes, size_t count ) {
       return;
    }
    buffer_.append( bytes, count );
-   receiving_ = true;
-   struct Done {
+   struct Receiving {
       In & in;
-      ~Done() {
+      explicit Receiving( In & receiver ) : in( receiver ) {
+         in.receiving_ = true;
+         // What the owner writes behind an acknowledgement must know all of what is acknowledged:
+         // nothing is written while a record is half applied.
+         if( in.adapter_.peerWrites_ ) in.adapter_.out_.isHeldIs( true );
+      }
+      ~Receiving() {
          in.receiving_ = false;
          in.buffer_.consume( std::exchange( in.applied_, 0 ) );
+         in.adapter_.out_.isHeldIs( false );
       }
-   } done{ *this };
+   };
+   std::optional< Receiving > receiving( std::in_place, *this );
    size_t ahead = 0;
    for( int i = 0; i < framesAhead; ++i ) fetchAhead( ahead );
    while( buffer_.size() - applied_ >= FrameHeader::size ) {
@@ -110,7 +118,9 @@ In::receive( const void * bytes, size_t count ) {
    }
    if( boundSomething_ && !held_.empty() ) retryHeld();
    boundSomething_ = false;
-   if( adapter_.peerWrites_ ) acknowledge();
+   receiving.reset();
+   // Else it goes ahead of what is written next.
+   if( adapter_.peerWrites_ && adapter_.out_.hasSufficientBuffer() ) acknowledge();
 }
 
 /// Frames say whom they concern: while one is applied, the entity of one behind it is on its way
@@ -133,7 +143,7 @@ In::fetchAhead( size_t & ahead ) const {
 
 void
 In::acknowledge() {
-   if( acknowledged_ == records_ ) return;
+   if( !owesAcknowledgement() ) return;
    acknowledged_ = records_;
    Wire::Encoder body = adapter_.out_.control( ackControl );
    body.u64( records_ );
@@ -304,7 +314,7 @@ In::flowIs( FlowName name, const WireType & type ) {
    if( name.id >= flows_.size() ) flows_.resize( name.id + 1 );
    Flow & flow = flows_[name.id];
    if( flow.sa ) flow.sa->flowIn_ = 0;
-   dropHeld( name.id ); // it was for another
+   dropHeld( name.id, 0, UINT16_MAX ); // it was for another
    const bool known = isKnown( name, type );
    flow.saIs( nullptr );
    flow.type = &type;
@@ -401,6 +411,14 @@ In::rootCame( Wire::Decoder & body ) {
    }
    Entity::Ptr directory = adapter_.owner_.rootDirectory( exportId );
    if( !directory ) return;
+   if( Sa * sa = adapter_.adaptorOf( *directory ) ) {
+      // What this end put there, the owner will answer, and tell of its root again.
+      const String key( nameText );
+      if( !mayApply( *sa, *Entity::zekTypeDescriptor_.attribute( entityAttr ), &key ) ) {
+         if( flow.id ) flows_[flow.id].asked = true;
+         return;
+      }
+   }
    Entity::Ptr root = directory->entity( String( nameText ) );
    if( !root || !isSame( *root, plan, arguments ) ) {
       root = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
@@ -452,8 +470,8 @@ In::sendAgain( Wire::Decoder & body ) {
 void
 In::bindToPeer( Wire::Decoder & body ) {
    FlowName theirs;
-   uint32_t ours;
-   if( !flowName( body, theirs ) || !body.u32( ours ) ) return;
+   uint32_t ours, next;
+   if( !flowName( body, theirs ) || !body.u32( ours ) || !body.u32( next ) ) return;
    const WireType * wire = wireType( body );
    if( !wire ) return;
    Out & out = adapter_.out_;
@@ -463,7 +481,7 @@ In::bindToPeer( Wire::Decoder & body ) {
       return;
    }
    Sa * sa = out.flows_[ours];
-   if( !sa || !sa->entity_ ) return; // it went meanwhile
+   if( !sa || !sa->flow_ || next < sa->flow_->firstSequence() ) return; // it went meanwhile
    // It may be a member of what is still to be exported for writing: what is written before that
    // is refused.
    if( !adapter_.peerWrites_ ) {

@@ -67,6 +67,8 @@ Out::unqueue( FlowOut & flow ) {
 
 bool
 Out::drain() {
+   if( hasSufficientBuffer() ) acknowledgeFirst();
+   if( !adapter_.writeExports() ) return false;
    while( queueHead_ && hasSufficientBuffer() ) {
       FlowOut & flow = *queueHead_;
       unqueue( flow );
@@ -75,11 +77,18 @@ Out::drain() {
    return !queueHead_;
 }
 
+bool
+Out::isClean() const {
+   return !queueHead_ && !adapter_.exportsWait() &&
+          !( adapter_.peerWrites_ && adapter_.in_.owesAcknowledgement() );
+}
+
 /// A flow that is announced has a number. They are given in that order, so that the peer's table
 /// grows with what it is told.
 void
 Out::number( FlowOut & flow ) {
    if( flow.id_ ) return;
+   ++liveFlows_;
    if( free_.empty() ) {
       flow.id_ = static_cast< uint32_t >( flows_.size() );
       flows_.push_back( &flow.sa_ );
@@ -105,6 +114,7 @@ Out::reset() {
    buffer_.clear();
    flows_.assign( 1, nullptr );
    free_.clear();
+   liveFlows_ = 0;
    types_ = 0;
    controlSequence_ = firstSequence;
    records_ = 0;

@@ -79,16 +79,18 @@ Sa::serializeState() {
       if( !flow_->zekIsDirty( row->id ) ) continue;
       if( row->collection->count( entity_ ) == 0 ) {
          body.heading( row->id, 0 );
-         if( is( toOwner ) ) wroteToOwner( *row, nullptr );
       } else {
          flow_->wholeIs( *row ); // no longer empty
       }
    }
    out.end();
    flow_->stateDirty_ = false;
-   flow_->dirty_ = 0;
+   const uint64_t said = std::exchange( flow_->dirty_, 0 );
    if( !is( toOwner ) ) return;
    for( const AttributeRow * row : plan_.plain ) wroteToOwner( *row, nullptr );
+   for( const AttributeRow * row : plan_.collections ) {
+      if( said & FlowOut::bit( row->id ) ) wroteToOwner( *row, nullptr );
+   }
 }
 
 void
@@ -97,7 +99,7 @@ Sa::writeRemoval( const AttributeRow & row, const void * key ) {
    Wire::Encoder body = out.begin( *flow_, row.id, Kind::removal );
    row.keyType->values->encode( key, body );
    out.end();
-   if( is( toOwner ) ) wroteToOwner( row, key );
+   if( is( toOwner ) ) wroteToOwner( row, key, true );
 }
 
 /// Writes what the collection has under the key. `removal`: something else was there.
@@ -197,10 +199,11 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
       out.end();
       return;
    }
-   if( child->cameFromPeer_ ) kind = Kind::adopt;
    bool isNew = !child->announced_;
    const bool again = std::exchange( child->askedAgain_, false );
    if( !isNew && kind == Kind::instantiate && !again ) return;
+   // The peer has it, by its own flow.
+   if( isNew && child->flowIn_ ) kind = Kind::adopt;
    // Announced first: a reference back to it needs no other announcement.
    child->zekInstantiateSerialize( isNew ? kind : Kind::adopt );
    if( !isNew ) {
@@ -299,9 +302,7 @@ Sa::serializeDirty() {
    FlowOut & flow = *flow_;
    if( !entity_->zekIsLogged() ) {
       // Until it is logged again, which marks everything.
-      flow.dirty_ = 0;
-      flow.stateDirty_ = false;
-      flow.collections_.clear();
+      flow.allClean();
       adapter_.flowDone( *this );
       return true;
    }

@@ -2,6 +2,7 @@
 
 #include "framework/AttrLogIn.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Zek {
@@ -71,11 +72,13 @@ StreamAdapter::join( Sa & sa ) {
 void
 StreamAdapter::leave( Sa & sa ) {
    in_.unbind( sa );
-   bool gone = false;
+   std::vector< uint32_t > gone;
    for( Export & e : exports_ ) {
       if( e.root != &sa ) continue;
       e.root = nullptr;
-      gone = true;
+      e.rootWaits = false;
+      e.absenceWaits = true;
+      gone.push_back( e.id );
    }
    sa.flow_ = nullptr;
    flowDone( sa );
@@ -83,20 +86,9 @@ StreamAdapter::leave( Sa & sa ) {
    if( sa.nextSa_ ) sa.nextSa_->previousSa_ = sa.previousSa_;
    sa.previousSa_ = sa.nextSa_ = nullptr;
    --adaptors_;
-   if( !gone ) return;
-   std::vector< uint32_t > ids;
-   for( Export & e : exports_ ) {
-      if( !e.root && e.entity ) {
-         e.entity = nullptr;
-         ids.push_back( e.id );
-      }
-   }
-   for( uint32_t id : ids ) {
-      Wire::Encoder body = out_.control( NboAttrLog::noRootControl );
-      body.u32( id );
-      out_.controlEnd();
-      owner_.onExportGone( id );
-   }
+   if( gone.empty() ) return;
+   writeExports();
+   for( uint32_t id : gone ) owner_.onExportGone( id );
 }
 
 // -- Exports ----------------------------------------------------------------------------------
@@ -107,6 +99,12 @@ StreamAdapter::exported( uint32_t exportId ) {
       if( e.id == exportId ) return &e;
    }
    return nullptr;
+}
+
+StreamAdapter::Export &
+StreamAdapter::exportFor( uint32_t exportId ) {
+   if( Export * present = exported( exportId ) ) return *present;
+   return exports_.emplace_back( Export{ exportId } );
 }
 
 namespace {
@@ -121,17 +119,11 @@ mark( NboAttrLog::Out & out, NboAttrLog::Control mark, uint32_t exportId ) {
 } // namespace
 
 /// Says that the export's dump begins, unless it is under way.
-StreamAdapter::Export *
-StreamAdapter::beginDump( uint32_t exportId ) {
-   Export * present = exported( exportId );
-   if( present && !present->ended ) return present;
-   if( !present ) {
-      exports_.push_back( { exportId, nullptr, nullptr } );
-      present = &exports_.back();
-   }
-   present->ended = false;
-   mark( out_, NboAttrLog::beginControl, exportId );
-   return present;
+void
+StreamAdapter::beginDump( Export & e ) {
+   if( e.dump == Export::Dump::begun ) return;
+   e.dump = Export::Dump::begun;
+   mark( out_, NboAttrLog::beginControl, e.id );
 }
 
 void
@@ -141,27 +133,64 @@ StreamAdapter::exportIs( uint32_t exportId, Entity & entity, uint32_t flags ) {
       throwRangeException( std::string( "'" ) + EntityUriPath( entity ).text() + "' of type " +
                            entity.fwkType()->fullName + " cannot be streamed" );
    }
-   Export * present = beginDump( exportId );
-   present->root = sa;
-   present->entity = &entity;
-   // Within another export, as its member first: what stood there before is taken away by that.
-   out_.announce( entity );
-   bool isNew = !sa->announced_;
-   sa->doSerializeOrphan( exportId );
-   sa->announced_ = true;
-   if( isNew || !sa->dump_ ) {
-      joinDump( *sa, exportId );
-      sa->flow_->allDirty();
-      out_.queue( *sa->flow_ );
-   }
+   Export & e = exportFor( exportId );
+   e.root = sa;
+   e.rootWaits = true;
    out_.drain();
 }
 
 void
 StreamAdapter::exportAbsent( uint32_t exportId ) {
-   beginDump( exportId );
-   mark( out_, NboAttrLog::noRootControl, exportId );
-   endDumps();
+   exportFor( exportId ).absenceWaits = true;
+   writeExports();
+}
+
+/// The root of an export is to be told of again.
+void
+StreamAdapter::exportAgain( Sa & sa ) {
+   for( Export & e : exports_ ) e.rootWaits |= e.root == &sa;
+}
+
+bool
+StreamAdapter::exportsWait() const {
+   return std::any_of( exports_.begin(), exports_.end(),
+                       []( auto & e ) { return e.rootWaits || e.absenceWaits; } );
+}
+
+/// Says what stands at the exports' paths, while there is room. True when all is said.
+bool
+StreamAdapter::writeExports() {
+   // What is gone first: a root may stand within another.
+   for( Export & e : exports_ ) {
+      if( !e.absenceWaits ) continue;
+      if( !out_.hasSufficientBuffer() ) return false;
+      e.absenceWaits = false;
+      if( e.dump == Export::Dump::none ) beginDump( e );
+      mark( out_, NboAttrLog::noRootControl, e.id );
+      endDumps();
+   }
+   for( Export & e : exports_ ) {
+      if( !e.rootWaits ) continue;
+      if( !out_.hasSufficientBuffer() ) return false;
+      e.rootWaits = false;
+      writeRoot( e );
+   }
+   return true;
+}
+
+void
+StreamAdapter::writeRoot( Export & e ) {
+   Sa & sa = *e.root;
+   beginDump( e );
+   // Within another export, as its member first: what stood there before is taken away by that.
+   out_.announce( *sa.entity_ );
+   bool isNew = !sa.announced_;
+   sa.doSerializeOrphan( e.id );
+   sa.announced_ = true;
+   if( !isNew && sa.dump_ ) return;
+   joinDump( sa, e.id );
+   sa.flow_->allDirty();
+   out_.queue( *sa.flow_ );
 }
 
 void
@@ -182,10 +211,11 @@ StreamAdapter::flowDone( Sa & sa ) {
 /// have been sent with that.
 void
 StreamAdapter::endDumps() {
-   for( size_t i = 0; i < exports_.size(); ++i ) {
-      if( exports_[i].pending ) break;
-      if( std::exchange( exports_[i].ended, true ) ) continue;
-      mark( out_, NboAttrLog::endControl, exports_[i].id );
+   for( Export & e : exports_ ) {
+      if( e.pending || e.dump == Export::Dump::none ) break;
+      if( e.dump == Export::Dump::ended ) continue;
+      e.dump = Export::Dump::ended;
+      mark( out_, NboAttrLog::endControl, e.id );
    }
 }
 
@@ -196,7 +226,6 @@ StreamAdapter::reset() {
       Sa * next = sa->nextSa_;
       sa->announced_ = false;
       sa->askedAgain_ = false;
-      sa->cameFromPeer_ = false;
       sa->flowIn_ = 0;
       sa->dump_ = 0;
       // What the peer has mounted in turn is no part of a copy.
@@ -239,7 +268,7 @@ StreamAdapter::childDel( Entity & directory, const Name & name ) {
    const AttributeRow & row = *Entity::zekTypeDescriptor_.attribute( entityAttr );
    const String key( name.view() );
    if( Sa * sa = adaptorOf( directory ) ) {
-      in_.remove( *sa, row, &key );
+      if( in_.mayApply( *sa, row, &key ) ) in_.remove( *sa, row, &key );
    } else {
       in_.guarded( [&] { directory.entityDel( key ); } );
    }

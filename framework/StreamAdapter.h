@@ -194,17 +194,21 @@ class IPSTATE_EXPORT In {
    void mention( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void sweepAll();
    void remove( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   bool settledWithout( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void overtaken( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void hold( const FrameHeader & header, std::string_view key, Awaited awaited,
               const uint8_t * body, size_t size );
    void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
-   void dropHeld( uint32_t flow );
+   void dropHeld( uint32_t flow, uint16_t first, uint16_t last );
    void retryHeld();
    void again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow );
    void sendAgain( Wire::Decoder & body );
    /// Tells the peer, where it may write, how much has been read.
    void acknowledge();
+   bool owesAcknowledgement() const { return acknowledged_ != records_; }
    bool mayApply( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void refusedIs( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void answer( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void reset();
    [[noreturn]] void malformed( const FrameHeader & header, const char * expected, size_t offset );
    template< class Change >
@@ -267,7 +271,8 @@ class IPSTATE_EXPORT StreamAdapter {
    /// The same, made if there is none; null for a type without attribute log.
    Entity::ZekNboAttrLogSa * adaptorIs( Entity & entity, uint32_t flags );
 
-   /// Announces the entity and sends it with what `flags` say; then each of its changes.
+   /// Announces the entity, as soon as there is room, and sends it with what `flags` say; then
+   /// each of its changes.
    void exportIs( uint32_t exportId, Entity & entity, uint32_t flags );
    /// Says that nothing stands where the export is wanted.
    void exportAbsent( uint32_t exportId );
@@ -300,13 +305,20 @@ class IPSTATE_EXPORT StreamAdapter {
 
    struct Export {
       uint32_t id;
-      Entity::ZekNboAttrLogSa * root; // null: absent
-      Entity * entity;                // its entity, until it went
-      uint32_t pending = 0;           // flows of the dump that were not sent yet
-      bool ended = false;
+      Entity::ZekNboAttrLogSa * root = nullptr; // null: absent
+      uint32_t pending = 0;                     // flows of the dump that were not sent yet
+      enum class Dump : uint8_t { none, begun, ended } dump = Dump::none;
+      // What waits to be said when there is room: however often the root changed meanwhile.
+      bool rootWaits = false;
+      bool absenceWaits = false; // before it
    };
    Export * exported( uint32_t exportId );
-   Export * beginDump( uint32_t exportId );
+   Export & exportFor( uint32_t exportId );
+   void exportAgain( Entity::ZekNboAttrLogSa & sa );
+   bool exportsWait() const;
+   bool writeExports();
+   void beginDump( Export & e );
+   void writeRoot( Export & e );
 
    Entity::Ptr root_;
    StreamOwner & owner_;

@@ -256,6 +256,32 @@ TEST( AttrLog, crossingWritesAgree ) {
    EXPECT_EQ( world.intf->secondaryWithMask( a1 ), world.replica()->secondaryWithMask( a1 ) );
 }
 
+TEST( AttrLog, aPeerThatReadsNothingCostsNoMoreThanTheRoom ) {
+   OneInterface world( "w" );
+   auto up = [&] {
+      std::string bytes( world.client.output().view() );
+      world.client.carried( bytes.size() );
+      world.server.receive( bytes.data(), bytes.size() );
+   };
+   world.out().capacityIs( 4096 );
+   for( uint16_t i = 0; i < 2000; ++i ) {
+      world.replica()->maxMssEgressIs( i );
+      up();
+   }
+   EXPECT_EQ( world.intf->maxMssEgress(), 1999 );
+   EXPECT_LE( world.out().buffer().size(), 4200u );
+   for( int i = 0; i < 1000; ++i ) {
+      world.source->entity( "ip" )->entityDel( "config" );
+      world.source->entity( "ip" )->entityIs( Ip::configFactory( "config" ) );
+   }
+   EXPECT_LE( world.out().buffer().size(), 4500u );
+   EXPECT_FALSE( world.server.isAtRest() );
+   world.settle();
+   EXPECT_TRUE( world.server.isAtRest() );
+   EXPECT_TRUE( world.copy->entityAt( "ip/config" ) );
+   EXPECT_FALSE( world.replica() );
+}
+
 TEST( AttrLog, aWritableMountOfThePartMakesThePartWritable ) {
    OneInterface world;
    world.mount( "ip", "Zek::Dir", "w" );
