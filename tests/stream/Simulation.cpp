@@ -117,9 +117,8 @@ class World {
    void reconnect( Link & link );
    void check( bool afterDump );
    void checkMemory( bool atRest );
-   Change writeContent( Entity & top );
    void noteFull( const Link & link, const Change & change );
-   bool isWritable( uint32_t tree ) const;
+   bool isWritable( uint32_t tree, std::string_view path = "" ) const;
    Entity * mounted( const Link & link, const Kelmo::Mount & mount ) const;
    std::vector< Difference > differencesOf( const Link & link, const Kelmo::Mount & mount ) const;
    Link & anyLink() { return *links_[random_.below( static_cast< uint32_t >( links_.size() ) )]; }
@@ -169,14 +168,13 @@ World::World( const Schedule & schedule, Situations & situations )
       const uint32_t from = random_.oneIn( 2 ) ? i - 1 : 0;
       links_.push_back( std::make_unique< Link >( from, i, situations_ ) );
       Link & link = *links_.back();
-      const bool mayWrite = from == 0 || isWritable( from );
       const uint32_t which = random_.below( 4 ); // the directory, a child of it, or both
       auto mount = [&]( const std::string & path, const std::string & type ) {
          const uint32_t mode = random_.below( 10 );
          const bool isDirectory = type == "Zek::Dir";
-         const char * name = mayWrite && which >= 2 && mode < 4 ? "w"
-                             : mode == 9 && isDirectory         ? "ri"
-                                                                : "r";
+         const char * name = mode < 4 && isWritable( from, path ) ? "w"
+                             : mode == 9 && isDirectory           ? "ri"
+                                                                  : "r";
          link.mounts.emplace_back( String( path ), String( type ), name,
                                    Kelmo::MountFilter( mode == 8 ) );
       };
@@ -210,13 +208,18 @@ World::~World() {
    links_.clear();
 }
 
+/// Whether all of a tree, and what stands at the path, may be written there: the root of a mount is
+/// the source's alone.
 bool
-World::isWritable( uint32_t tree ) const {
+World::isWritable( uint32_t tree, std::string_view path ) const {
    for( auto & link : links_ ) {
       if( link->copy != tree ) continue;
+      bool within = path.empty();
       for( auto & mount : link->mounts ) {
          if( mount.mode() != "w" ) return false;
+         within |= path.starts_with( mount.path().view() );
       }
+      return within;
    }
    return true;
 }
@@ -307,32 +310,20 @@ World::noteFull( const Link & link, const Change & change ) {
                                          : Situation::fullAtValues );
 }
 
-/// Changes what an entity has, apart from members that it owns.
-Change
-World::writeContent( Entity & top ) {
-   std::vector< std::pair< Entity *, const AttributeRow * > > places;
-   forEachEntity( top, [&]( const Entity & e ) {
-      for( auto * row : shapeOf( e ).changed ) {
-         if( !row->has( ownsMembers ) ) places.emplace_back( const_cast< Entity * >( &e ), row );
-      }
-   } );
-   if( places.empty() ) return {};
-   auto & [entity, row] = places[random_.below( static_cast< uint32_t >( places.size() ) )];
-   return mutate( random_, Entity::Ptr( entity ), row, schedule_.describe );
-}
-
 /// A write to a copy that may be written, and another to the same attribute at the source.
 void
 World::cross() {
    Link & link = anyLink();
-   const Kelmo::Mount & mount = link.mounts.front();
+   const auto mounts = static_cast< uint32_t >( link.mounts.size() );
+   const Kelmo::Mount & mount = link.mounts[mounts > 1 ? random_.below( mounts ) : 0];
    Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
    if( !top ) return;
    reached( Situation::crossingWrites );
-   Change made = writeContent( *top );
+   Change made = mutate( random_, *top, schedule_.describe );
    made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
    changed( link.copy, made );
    if( !made.row ) return;
+   if( made.row->has( ownsMembers ) ) reached( Situation::crossingMembers );
    if( Entity * twin = twinOf( *made.entity, *trees_[link.source] ) ) {
       if( twin->fwkType() != made.entity->fwkType() ) return;
       made = mutate( random_, Entity::Ptr( twin ), made.row, schedule_.describe );
@@ -348,7 +339,7 @@ World::write() {
       Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
       if( !top ) continue;
       reached( Situation::writtenCopy );
-      Change made = writeContent( *top );
+      Change made = mutate( random_, *top, schedule_.describe );
       made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
       changed( link.copy, made );
    }

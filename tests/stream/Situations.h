@@ -55,6 +55,7 @@ namespace ipstate::test {
    X( rejectedValue, "value stored and rejected" )                                                 \
    X( writtenCopy, "write to a copy" )                                                             \
    X( crossingWrites, "writes that cross" )                                                        \
+   X( crossingMembers, "writes of members or children that cross" )                                \
    X( scribbled, "local change of a read-only copy" )                                              \
    X( reaction, "reaction on a copy with another change" )                                         \
    X( reactionAgainst, "reaction with another value of what is applied" )                          \
