@@ -48,22 +48,14 @@ reference:
 	@cmake --preset release >&2
 	@cmake --build --preset release --target reference >&2
 
-# One fuzzer for a while, under the sanitizers: make fuzz FUZZ=fuzz_Stream SECONDS=60. What it
-# finds interesting stays in build/fuzz/corpus, what it finds wrong in build/fuzz/found.
+# One fuzzer for a while, under the sanitizers: make fuzz FUZZ=fuzz_Stream SECONDS=60
 FUZZ ?= fuzz_Text
 SECONDS ?= 60
-FUZZ_OPTIONS_fuzz_Text = -max_len=400
-# Weighing its large corpus by entropy would take most of the time. Names are never freed.
-FUZZ_OPTIONS_fuzz_Stream = -max_len=4096 -entropic=0 -timeout=20 -malloc_limit_mb=256 \
-   -rss_limit_mb=4096
 fuzz:
 	@scripts/install-packages build fuzz
 	@cmake --preset fuzz -D IPSTATE_PROGRAMS=OFF >&2
 	@cmake --build --preset fuzz --target $(FUZZ) -j $(JOBS) >&2
-	@mkdir -p build/fuzz/corpus/$(FUZZ) build/fuzz/found
-	@build/fuzz/fuzz/$(FUZZ) -max_total_time=$(SECONDS) $(FUZZ_OPTIONS_$(FUZZ)) \
-	   -artifact_prefix=build/fuzz/found/$(FUZZ)- -print_final_stats=1 \
-	   $(ARGS) build/fuzz/corpus/$(FUZZ)
+	@scripts/fuzz build/fuzz $(FUZZ) $(SECONDS) $(ARGS)
 
 format:
 	@scripts/check-format --fix

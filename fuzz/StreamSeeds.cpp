@@ -20,8 +20,10 @@ main( int count, char ** arguments ) {
    for( size_t type = 0; type < rootTypes().size(); ++type ) {
       for( int flags :
            { int( Setup::recovers ), Setup::recovers | Setup::filled | Setup::twice | Setup::throws,
-             Setup::writes | Setup::filled | Setup::reacts, Setup::owner | Setup::throws,
-             Setup::owner | Setup::reacts } ) {
+             Setup::recovers | Setup::narrow | Setup::twice, Setup::narrow | Setup::filled,
+             Setup::writes | Setup::filled | Setup::reacts,
+             Setup::writes | Setup::narrow | Setup::twice, Setup::owner | Setup::throws,
+             Setup::owner | Setup::reacts, Setup::owner | Setup::narrow } ) {
          Setup setup;
          setup.flags = static_cast< uint8_t >( flags );
          setup.type = static_cast< uint8_t >( type );

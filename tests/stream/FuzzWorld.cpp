@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 namespace ipstate::test {
@@ -16,6 +17,7 @@ using NboAttrLog::FrameHeader;
 namespace {
 
 constexpr size_t capacity = 4096;
+constexpr const char * interfaces = "L3::Intf::Input::StatusDir";
 constexpr size_t fixed = 8; // length and checksum: not in a piece
 
 void
@@ -238,32 +240,44 @@ FuzzWorld::~FuzzWorld() {
    watchers_.clear();
 }
 
-/// Interfaces, and members of the setup's type that may refer to them.
+/// Members of the setup's type, and of types that they may refer to.
 void
 FuzzWorld::fill( Dir & tree, uint64_t seed ) const {
    Random random( seed );
    Dir::Ptr all = tree.dirIs( "all" );
-   for( const char * type : { "L3::Intf::StatusDir", rootType( setup_ ).fullName } ) {
+   const char * const others[] = { "Ip::Input::Status", "Ip6::Input::Status",
+                                   "L3::Intf::ConfigDir" };
+   for( const char * type :
+        { interfaces, others[seed % std::size( others )], rootType( setup_ ).fullName } ) {
       Entity::Ptr made = all->entity( String( type ) );
       if( !made ) made = all->entityIs( type, Name( type ) );
-      for( int i = 0; i < 10; ++i ) mutate( random, *made, false );
+      for( int i = 0; i < 8; ++i ) mutate( random, *made, false );
    }
    for( int i = 0; i < 3; ++i ) mutate( random, *all, false );
+}
+
+void
+FuzzWorld::mount() {
+   auto add = [this]( const std::string & path, const char * type, const char * mode ) {
+      session_->mount( Kelmo::Mount( String( path ), type, mode, Kelmo::MountFilter( false ) ) );
+   };
+   const char * mode = setup_.is( Setup::writes ) ? "w" : "r";
+   const char * type = rootType( setup_ ).fullName;
+   const std::string child = std::string( "all/" ) + type;
+   if( setup_.is( Setup::narrow ) ) {
+      add( child, type, mode );
+      if( setup_.is( Setup::twice ) ) add( std::string( "all/" ) + interfaces, interfaces, "r" );
+   } else {
+      add( "all", "Zek::Dir", mode );
+      if( setup_.is( Setup::twice ) ) add( child, type, "r" );
+   }
 }
 
 void
 FuzzWorld::connect() {
    if( setup_.is( Setup::owner ) || !session_ ) {
       session_ = std::make_unique< Kelmo::Session >( tree_, *this );
-      const char * mode = setup_.is( Setup::writes ) ? "w" : "r";
-      if( !setup_.is( Setup::owner ) ) {
-         session_->mount( Kelmo::Mount( "all", "Zek::Dir", mode, Kelmo::MountFilter( false ) ) );
-      }
-      if( !setup_.is( Setup::owner ) && setup_.is( Setup::twice ) ) {
-         const std::string type = rootType( setup_ ).fullName;
-         session_->mount( Kelmo::Mount( String( "all/" + type ), String( type ), "r",
-                                        Kelmo::MountFilter( false ) ) );
-      }
+      if( !setup_.is( Setup::owner ) ) mount();
       NboAttrLog::Quota & quota = session_->adapter().nboAttrLogIn().quota;
       quota = {
          .recordBytes = 1 << 16, .flows = 1 << 13, .types = 64, .reserved = 1 << 12, .held = 256
@@ -351,9 +365,12 @@ FuzzWorld::recover() {
    connect();
    server.connected();
    settle( *session_, server );
-   Entity::Ptr all = source->entity( "all" );
-   Entity::Ptr copy = tree_->entity( "all" );
-   for( auto & difference : differences( all.ptr(), copy.ptr(), Depth::all ) ) {
+   const String path( "all" + ( setup_.is( Setup::narrow )
+                                   ? "/" + std::string( rootType( setup_ ).fullName )
+                                   : std::string() ) );
+   Entity::Ptr top = source->entityAt( path.view() );
+   Entity::Ptr copy = tree_->entityAt( path.view() );
+   for( auto & difference : differences( top.ptr(), copy.ptr(), Depth::all ) ) {
       require( false, difference.place + ": " + difference.what );
    }
 }

@@ -26,17 +26,18 @@ constexpr std::string_view mark = "\xf7\x1e\x5a\xc3";
 /// The first bytes of an input: what there is before the first record.
 struct Setup {
    enum Flag : uint8_t {
-      owner = 1,    // serves a tree that the peer may write; else has mounted the peer's
-      writes = 2,   // has mounted it for writing
-      filled = 4,   // had the tree already
-      throws = 8,   // what watches throws now and then
-      reacts = 16,  // and changes things now and then
-      twice = 32,   // has mounted a part of it once more
-      recovers = 64 // in the end, an honest peer takes the place of the other
+      owner = 1,     // serves a tree that the peer may write; else has mounted the peer's
+      writes = 2,    // has mounted it for writing
+      filled = 4,    // had the tree already
+      throws = 8,    // what watches throws now and then
+      reacts = 16,   // and changes things now and then
+      twice = 32,    // has a second mount
+      recovers = 64, // in the end, an honest peer takes the place of the other
+      narrow = 128   // has mounted a child, which refers to what is outside; else the directory
    };
    static constexpr size_t size = 3;
    uint8_t flags = 0;
-   uint8_t type = 0; // of the entity beside the directory of interfaces
+   uint8_t type = 0; // of the child beside those that others refer to
    uint8_t seed = 0; // of what fills the tree
 
    bool is( Flag flag ) const { return flags & flag; }
@@ -87,6 +88,7 @@ class FuzzWorld final : public Kelmo::SessionOwner {
  private:
    class Watcher;
    void fill( Zek::Dir & tree, uint64_t seed ) const;
+   void mount();
    void connect();
    void receive( std::string_view bytes );
    void watch( const Zek::Entity & entity );

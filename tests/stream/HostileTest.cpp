@@ -156,6 +156,8 @@ TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
         intf + "addrWithMask, offset 26: expected a prefix length of the family" },
       { [&]( auto & w ) { return w.value( "addrWithMask", bytes( "aaaa" ) ); },
         intf + "addrWithMask, offset 25: expected a prefix length" },
+      { [&]( auto & w ) { return w.value( "configSource", bytes( "\xff\xff\xff\xff" ) ); },
+        intf + "configSource, offset 25: expected a text" },
       // References
       { [&]( auto & w ) { return w.value( "l3Config", bytes( "\4" ) ); },
         intf + "l3Config, offset 22: expected a kind of reference" },
