@@ -299,6 +299,7 @@ TEST( Hostile, aByteThatIsChangedIsFoundOrSaysSomethingElse ) {
    size_t tried = 0, applied = 0;
    std::set< std::pair< bool, std::string > > seen; // of these records one is enough
    for( const Recorded & stream : Recorded::all() ) {
+      if( stream.setup.type % 2 == stream.setup.flags ) continue; // in one direction or the other
       std::string prefix;
       for( size_t record = 0; record < stream.frames.size(); ++record ) {
          const std::string & frame = stream.frames[record];
