@@ -2,12 +2,13 @@
 //
 // The record is an Ip::IpIntfStatus with all its plain attributes. Ours is the whole way: the
 // adaptor writes the state record, with its checksum, into the stream; the other session checks
-// it and applies it through the mutators, whose notifications run. Every second time all
-// attributes but the texts differ. The peers have the same fields in a struct:
+// it, finds the record and applies it through the mutators. Nobody watches the copies, so that
+// nobody is told. Every second time all attributes but the texts differ. The peers have the same
+// fields in a struct:
 //
 //    by hand     a fixed form: length, checksum, then the fields in network byte order, texts
 //                behind their lengths; the reader verifies the checksum and assigns
-//    protobuf    a message, serialised to an array and parsed from it
+//    protobuf    a message, serialised to an array and parsed from it; no checksum
 //
 // The best of many rounds of 200 records, which alternate.
 

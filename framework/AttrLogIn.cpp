@@ -131,7 +131,7 @@ In::fetchAhead( size_t & ahead ) const {
    const uint8_t * frame = buffer_.data() + ahead;
    const auto length = Wire::numberAt< uint32_t >( frame ),
               flow = Wire::numberAt< uint32_t >( frame + 8 );
-   if( flow < flows_.size() ) {
+   if( flow < flows_.size() && flows_[flow].entity ) {
       auto * entity = reinterpret_cast< const char * >( flows_[flow].entity );
       __builtin_prefetch( entity );
       __builtin_prefetch( entity + 64 );

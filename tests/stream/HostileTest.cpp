@@ -361,14 +361,14 @@ TEST( Hostile, setsAndKeyedValuesAreChecked ) {
       peer.root();
       peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
       peer.instance( 2, 259, 3, 3, "e1", []( auto & out ) { out.u8( 0 ); } );
-      const std::string said =
-         peer.send( 3, idOf( "Ip::IpIntfStatus", "mcaddr" ), Kind::value, [&]( auto & out ) {
-            out.bytes( key, 4 );
-            out.bytes( "aaaa", 4 );
-            out.u32( 2 );
-            out.text( "a" );
-            out.text( second );
-         } );
+      const std::string said = peer.send( 3, idOf( "Ip::IpIntfStatus", "mcaddr" ), Kind::value,
+                                          [key = key, second = second]( auto & out ) {
+                                             out.bytes( key, 4 );
+                                             out.bytes( "aaaa", 4 );
+                                             out.u32( 2 );
+                                             out.text( "a" );
+                                             out.text( second );
+                                          } );
       EXPECT_EQ( said.empty() ? "" : said.substr( said.find( ": expected " ) + 11 ), expected );
    }
 }
