@@ -36,6 +36,7 @@ struct Sa::Unacked {
       const AttributeRow * row;
       uint64_t all = 0; // record of the attribute, or of all of the collection
       Keys keys;
+      bool lostKeys = false; // `all` stands for keys too
    };
    struct Step {
       uint64_t record;
@@ -53,6 +54,7 @@ struct Sa::Unacked {
    }
    void allOf( Row & r, uint64_t record ) {
       r.all = record;
+      r.lostKeys = true;
       r.keys.clear();
       std::erase_if( steps, [&]( const Step & step ) { return step.row == r.row; } );
    }
@@ -341,9 +343,9 @@ Sa::wroteToOwner( const AttributeRow & row, const void * key, bool removal ) {
    unacked.acknowledged( adapter_.in_.acked_ );
    const uint64_t record = adapter_.out_.records_;
    Unacked::Row * r = unacked.find( row );
-   if( !r ) r = &unacked.rows.emplace_back( Unacked::Row{ &row, 0, {} } );
+   if( !r ) r = &unacked.rows.emplace_back( Unacked::Row{ &row, 0, {}, false } );
    if( !key ) {
-      unacked.allOf( *r, record );
+      r->all = record;
    } else {
       auto at = r->keys.find( key );
       if( at == r->keys.end() ) {
@@ -363,18 +365,26 @@ Sa::wroteToOwner( const AttributeRow & row, const void * key, bool removal ) {
 Sa::Awaited
 Sa::awaitsOwner( const AttributeRow & row, const void * key ) {
    Awaited awaited = Awaited::nothing;
+   // Of a member that the owner was told of, it answers also where all of them are on their way,
+   // and ahead of their end.
+   bool told = false;
+   if( key && row.has( ownsMembers ) ) {
+      auto * member = static_cast< const Entity * >( row.collection->find( entity_, key ) );
+      const Sa * sa = member ? adapter_.adaptorOf( *member ) : nullptr;
+      told = sa && sa->announced_;
+   }
    if( flow_ ) {
       if( key && flow_->zekIsKeyDirty( row.id, key ) ) return Awaited::member;
       const auto * dirty = row.collection ? flow_->dirtyCollection( row.id ) : nullptr;
       if( flow_->zekIsDirty( row.id ) || ( dirty && ( dirty->whole || dirty->resync ) ) ) {
-         awaited = Awaited::all;
+         if( !told ) awaited = Awaited::all;
       }
    }
    if( !unacked_ ) return awaited;
    unacked_->acknowledged( adapter_.in_.acked_ );
    if( const Unacked::Row * r = unacked_->find( row ) ) {
       if( key && r->keys.find( key ) != r->keys.end() ) return Awaited::member;
-      if( r->all > adapter_.in_.acked_ ) awaited = Awaited::all;
+      if( r->all > adapter_.in_.acked_ && ( !told || r->lostKeys ) ) awaited = Awaited::all;
    }
    return awaited;
 }

@@ -721,8 +721,14 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
    while( member ) {
       member = withMemberKey( row, member, [&]( const void * key ) {
          // What the owner does not know yet is not gone there.
-         if( whole->mentioned.find( key ) == whole->mentioned.end() && mayApply( sa, row, key ) ) {
-            sweep.keys.emplace( AnyKey( *row.keyType->values, key ), true );
+         if( whole->mentioned.find( key ) == whole->mentioned.end() ) {
+            if( mayApply( sa, row, key ) ) {
+               sweep.keys.emplace( AnyKey( *row.keyType->values, key ), true );
+            }
+         } else if( sa.is( Sa::fromPeer ) && row.has( ownsMembers ) ) {
+            // The writer lost its own, and passed over the one it was answered with.
+            Sa * child = adapter_.adaptorOf( *static_cast< const Entity * >( member ) );
+            if( child && child->announced_ && !child->flowIn_ ) answer( sa, row, key );
          }
          return ops.after( sa.entity_, key );
       } );
