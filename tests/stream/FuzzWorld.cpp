@@ -372,7 +372,7 @@ FuzzWorld::recover() {
    Entity::Ptr copy = tree_->entityAt( path.view() );
    if( !top ) return; // what this end made there itself stays
    for( auto & difference : differences( top.ptr(), copy.ptr(), Depth::all ) ) {
-      require( false, difference.place + ": " + difference.what );
+      require( difference.waits, difference.place + ": " + difference.what );
    }
 }
 
