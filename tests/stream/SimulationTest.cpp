@@ -34,7 +34,7 @@ TEST( Simulation, SeedsThatOnceFailed ) {
 TEST( Simulation, CopiesEqualTheirSources ) {
    using Clock = std::chrono::steady_clock;
    const uint64_t first = setting( "FIRST", 1 );
-   const uint64_t seeds = setting( "SEEDS", 600 );
+   const uint64_t seeds = setting( "SEEDS", 2000 );
    const uint64_t writable = setting( "WRITABLE", 2 );
    const Seeds which = writable == 0   ? Seeds::withoutWritableMounts
                        : writable == 1 ? Seeds::withWritableMounts
@@ -59,7 +59,7 @@ TEST( Simulation, CopiesEqualTheirSources ) {
    }
    if( std::getenv( "SITUATIONS" ) ) std::cerr << situations.text();
    // Few seeds need not meet everything.
-   if( seeds >= 600 && which == Seeds::all ) {
+   if( seeds >= 2000 && which == Seeds::all ) {
       EXPECT_EQ( situations.missing(), "" );
    }
 }
