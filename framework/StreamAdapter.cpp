@@ -233,6 +233,8 @@ StreamAdapter::reset() {
       if( sa->is( Sa::toOwner ) ) {
          sa->rewriteUnacked();
          if( sa->flow_ ) out_.unqueue( *sa->flow_ );
+      } else {
+         sa->flow_ = nullptr;
       }
       sa = next;
    }

@@ -455,6 +455,19 @@ TEST( Hostile, directoriesAreAsDeepAsMayBe ) {
    EXPECT_EQ( depth, w.in().quota.depth );
 }
 
+TEST( Hostile, whatItsServerMountsIsACopyAgainAfterwards ) {
+   Interface w;
+   w.world.session().adapter().nboAttrLogOut().capacityIs( 0 );
+   EXPECT_EQ( w.control( 65,
+                         []( auto & out ) {
+                            out.u32( 1 );
+                            for( const char * text : { "all", "Zek::Dir", "w" } ) out.text( text );
+                            out.u8( 0 );
+                         } ),
+              "" );
+   w.world.recover(); // aborts where it does not
+}
+
 TEST( Hostile, aMessageIsOneLine ) {
    Interface w;
    w.instance( 1, Zek::entityAttr, 4, 1, std::string_view( "a\0\n", 3 ) );
