@@ -255,6 +255,12 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
       return target ? Reference::found : Reference::absent;
    }
    if( tag == 3 ) return Reference::outside;
+   if( tag == 4 ) {
+      if( Sa * sa = ownFlow( body ) ) target = sa->entity();
+      awaited_ = {};
+      if( target && !target->fwkType()->isA( type ) ) target = nullptr;
+      return target ? Reference::found : Reference::absent;
+   }
    body.fail( "a kind of reference" );
    return Reference::null;
 }

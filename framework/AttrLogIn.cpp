@@ -467,22 +467,35 @@ In::sendAgain( Wire::Decoder & body ) {
    sa->markDirty( *row, key );
 }
 
+/// A flow of this end as the peer names it, with the next record's number that it expects; null
+/// where the instance that it means has gone meanwhile, or after a failure.
+Sa *
+In::ownFlow( Wire::Decoder & body ) {
+   uint32_t id, next;
+   if( !body.u32( id, "a flow's number" ) || !body.u32( next ) ) return nullptr;
+   const auto & flows = adapter_.out_.flows_;
+   if( id >= flows.size() ) {
+      body.fail( "a flow that was announced" );
+      return nullptr;
+   }
+   Sa * sa = flows[id];
+   return sa && sa->flow_ && next >= sa->flow_->firstSequence() ? sa : nullptr;
+}
+
 /// The peer, which may write, tells its flow for an instance that it has from us.
 void
 In::bindToPeer( Wire::Decoder & body ) {
    FlowName theirs;
-   uint32_t ours, next;
-   if( !flowName( body, theirs ) || !body.u32( ours ) || !body.u32( next ) ) return;
-   const WireType * wire = wireType( body );
-   if( !wire ) return;
-   Out & out = adapter_.out_;
-   flowIs( theirs, *wire );
-   if( !theirs.id || ours >= out.flows_.size() ) {
-      body.fail( "a flow that was announced" );
+   if( !flowName( body, theirs ) ) return;
+   if( !theirs.id ) {
+      body.fail( "a flow's number" );
       return;
    }
-   Sa * sa = out.flows_[ours];
-   if( !sa || !sa->flow_ || next < sa->flow_->firstSequence() ) return; // it went meanwhile
+   Sa * sa = ownFlow( body );
+   const WireType * wire = wireType( body );
+   if( !wire ) return;
+   flowIs( theirs, *wire );
+   if( !sa ) return; // it went meanwhile
    // It may be a member of what is still to be exported for writing: what is written before that
    // is refused.
    if( !adapter_.peerWrites_ ) {

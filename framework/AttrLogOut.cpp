@@ -125,7 +125,13 @@ Out::reset() {
 
 namespace {
 
-enum ReferenceTag : uint8_t { nullReference, flowReference, pathReference, outsideReference };
+enum ReferenceTag : uint8_t {
+   nullReference,
+   flowReference,
+   pathReference,
+   outsideReference,
+   readersFlowReference,
+};
 
 const Entity *
 asEntity( const PtrInterface * target ) {
@@ -174,6 +180,11 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
    if( sa && sa->announced_ && sa->flow_ ) {
       out.u8( flowReference );
       out.u32( sa->flow_->id() );
+   } else if( sa && sa->flowIn_ ) {
+      // By path it could be another one by the time the reader sees it.
+      out.u8( readersFlowReference );
+      out.u32( sa->flowIn_ );
+      out.u32( adapter_.in_.flows_[sa->flowIn_].sequence );
    } else if( &path.root() == adapter_.root_.ptr() ) {
       out.u8( pathReference );
       path.encodeTo( out );

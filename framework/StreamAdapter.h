@@ -177,6 +177,7 @@ class IPSTATE_EXPORT In {
    enum class Reference { null, found, absent, outside };
    Reference readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& target );
    bool isOutside( const AttributeRow & row, const Entity & entity ) const;
+   Entity::ZekNboAttrLogSa * ownFlow( Wire::Decoder & body );
    const WireType * wireType( Wire::Decoder & body );
    bool flowName( Wire::Decoder & body, FlowName & name );
    void flowIs( FlowName name, const WireType & type );
