@@ -593,10 +593,12 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       return true;
    }
    if( !present ) {
-      // An argument refers to what is not there. The flow is asked for again when it comes.
+      // An argument refers to what is not there. The flow is asked for again when it comes; what
+      // a new instance takes the place of is gone already.
       body.skip( body.left() );
-      repeats( flow, wire );
-      return settledWithout( sa, row, key );
+      const bool isNew = !repeats( flow, wire ) && kind == Kind::instantiate;
+      if( isNew && !sa.is( Sa::fromPeer ) && mayApply( sa, row, key ) ) remove( sa, row, key );
+      return !sa.entity_ || settledWithout( sa, row, key );
    }
    if( body.left() ) {
       body.fail( "the end of the record" );

@@ -159,7 +159,7 @@ TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
       { [&]( auto & w ) { return w.value( "configSource", bytes( "\xff\xff\xff\xff" ) ); },
         intf + "configSource, offset 25: expected a text" },
       // References
-      { [&]( auto & w ) { return w.value( "l3Config", bytes( "\4" ) ); },
+      { [&]( auto & w ) { return w.value( "l3Config", bytes( "\5" ) ); },
         intf + "l3Config, offset 22: expected a kind of reference" },
       { [&]( auto & w ) { return w.value( "l3Config", flow( 4 ) ); },
         intf + "l3Config, offset 26: expected a flow that was announced" },
