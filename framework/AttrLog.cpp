@@ -74,10 +74,7 @@ Sa::ZekNboAttrLogSa( Entity & entity, StreamAdapter & adapter, NboAttrLog::Plan 
      adapter_( adapter ),
      plan_( plan ),
      flags_( flags ) {
-   const TypeDescriptor * type = &plan.type;
-   while( !type->relay ) type = type->base;
-   Zek::Ptr< PtrInterface > relay = type->relay( entity, *this );
-   reactor_ = Zek::Ptr< NotifieeConst >( static_cast< NotifieeConst * >( relay.ptr() ) );
+   reactor_ = relayOf( entity, *this );
    reactor_->zekIsLogAdaptorIs( true );
    reactor_->isWeakNotifieeIs( true );
 }

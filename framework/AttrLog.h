@@ -76,6 +76,15 @@ enum Control : uint16_t {
    firstUserControl = 64,
 };
 
+/// How a record refers to an entity.
+enum ReferenceTag : uint8_t {
+   nullReference,
+   flowReference,        // by the writer's flow
+   pathReference,        // by its steps from the root
+   outsideReference,     // it stands in no tree
+   readersFlowReference, // by the reader's flow, from which the writer has it
+};
+
 struct FrameHeader {
    static constexpr size_t size = 20;
    /// From as many bytes; nothing is checked.

@@ -231,8 +231,8 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
    uint8_t tag;
    target = nullptr;
    if( !body.u8( tag, "a reference" ) ) return Reference::null;
-   if( tag == 0 ) return Reference::null;
-   if( tag == 1 ) {
+   if( tag == nullReference ) return Reference::null;
+   if( tag == flowReference ) {
       uint32_t id;
       if( !body.u32( id, "a flow's number" ) ) return Reference::null;
       if( id == 0 || id >= flows_.size() || !flows_[id].type ) {
@@ -247,17 +247,15 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
       }
       return target ? Reference::found : Reference::absent;
    }
-   if( tag == 2 ) {
-      target = EntityUriPath::resolve( adapter_.root(), body );
+   if( tag == outsideReference ) return Reference::outside;
+   if( tag == pathReference || tag == readersFlowReference ) {
+      if( tag == pathReference ) {
+         target = EntityUriPath::resolve( adapter_.root(), body );
+      } else if( Sa * sa = ownFlow( body ) ) {
+         target = sa->entity();
+      }
       awaited_ = {};
       // Something else may stand there still.
-      if( target && !target->fwkType()->isA( type ) ) target = nullptr;
-      return target ? Reference::found : Reference::absent;
-   }
-   if( tag == 3 ) return Reference::outside;
-   if( tag == 4 ) {
-      if( Sa * sa = ownFlow( body ) ) target = sa->entity();
-      awaited_ = {};
       if( target && !target->fwkType()->isA( type ) ) target = nullptr;
       return target ? Reference::found : Reference::absent;
    }

@@ -132,10 +132,9 @@ In::fetchAhead( size_t & ahead ) const {
    const auto length = Wire::numberAt< uint32_t >( frame ),
               flow = Wire::numberAt< uint32_t >( frame + 8 );
    if( flow < flows_.size() && flows_[flow].entity ) {
-      if( auto * entity = reinterpret_cast< const char * >( flows_[flow].entity ) ) {
-         __builtin_prefetch( entity );
-         __builtin_prefetch( entity + 64 );
-      }
+      auto * entity = reinterpret_cast< const char * >( flows_[flow].entity );
+      __builtin_prefetch( entity );
+      __builtin_prefetch( entity + 64 );
    }
    // Nothing has been checked yet: what does not fit is met again where it is.
    const size_t left = buffer_.size() - ahead;

@@ -125,14 +125,6 @@ Out::reset() {
 
 namespace {
 
-enum ReferenceTag : uint8_t {
-   nullReference,
-   flowReference,
-   pathReference,
-   outsideReference,
-   readersFlowReference,
-};
-
 const Entity *
 asEntity( const PtrInterface * target ) {
    return dynamic_cast< const Entity * >( target );

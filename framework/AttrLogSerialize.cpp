@@ -78,7 +78,8 @@ Sa::serializeState() {
    for( const AttributeRow * row : plan_.collections ) {
       if( !flow_->zekIsDirty( row->id ) ) continue;
       if( row->collection->count( entity_ ) == 0 ) {
-         body.heading( row->id, 0 );
+         body.u16( row->id );
+         body.u32( 0 );
       } else {
          flow_->wholeIs( *row ); // no longer empty
       }

@@ -53,4 +53,16 @@ makeRelay( const PtrInterface & object, AttributeSink & sink ) {
    return relay;
 }
 
+/// Forwards what the object announces to the sink as long as the result lives: a relay of its type
+/// or, for a derived one, of its base. Null for types that announce nothing.
+inline Ptr< PtrInterface::NotifieeConst >
+relayOf( const PtrInterface & object, AttributeSink & sink ) {
+   const TypeDescriptor * type = object.fwkType();
+   while( type && !type->relay ) type = type->base;
+   if( !type ) return nullptr;
+   const Ptr< PtrInterface > relay = type->relay( object, sink );
+   return Ptr< PtrInterface::NotifieeConst >(
+      static_cast< PtrInterface::NotifieeConst * >( relay.ptr() ) );
+}
+
 } // namespace Zek

@@ -125,15 +125,6 @@ class Encoder {
    void u16( uint16_t value ) { number( value ); }
    void u32( uint32_t value ) { number( value ); }
    void u64( uint64_t value ) { number( value ); }
-   /// An attribute's number and the length of its value.
-   void heading( uint16_t id, uint32_t length ) {
-      uint8_t * at = buffer_.room( sizeof id + sizeof length );
-      id = networkOrder( id );
-      length = networkOrder( length );
-      std::memcpy( at, &id, sizeof id );
-      std::memcpy( at + sizeof id, &length, sizeof length );
-      buffer_.written( sizeof id + sizeof length );
-   }
    void bytes( const void * bytes, size_t count ) { buffer_.append( bytes, count ); }
    void text( std::string_view text ) {
       u32( static_cast< uint32_t >( text.size() ) );

@@ -117,7 +117,7 @@ TEST( Removals, OfAllSurviveTheLossOfTheRecord ) {
       void onMember( const Zek::AttributeRow &, const void * ) override { drop(); }
    } droppingConfig, droppingDir, droppingRoot;
    auto watchWeakly = []( Dropping & dropping, const Zek::PtrInterface & record ) {
-      dropping.relay = watched( record, dropping );
+      dropping.relay = Zek::relayOf( record, dropping );
       Zek::ptrCast< Zek::PtrInterface::NotifieeConst >( dropping.relay )->isWeakNotifieeIs( true );
    };
    watchWeakly( droppingConfig, *config );

@@ -197,24 +197,13 @@ shown( const Zek::PtrInterface & record ) {
    return out;
 }
 
-/// Forwards what `record` announces to `sink` as long as the result is held. The relay is the
-/// type's own or, for a binding, that of the view which it binds; null for types that announce
-/// nothing.
-inline Zek::Ptr< Zek::PtrInterface >
-watched( const Zek::PtrInterface & record, Zek::AttributeSink & sink ) {
-   for( const Zek::TypeDescriptor * type = record.fwkType(); type; type = type->base ) {
-      if( type->relay ) return type->relay( record, sink );
-   }
-   return nullptr;
-}
-
 /// What a record announced, in order, as it stood at that moment: "forwarding false",
 /// "enable[Ethernet1] true", "enable[Ethernet1] gone". Watches as long as it lives.
 class Story : public Zek::AttributeSink {
  public:
    explicit Story( const Zek::PtrInterface & record )
       : record_( &record ),
-        relay_( watched( record, *this ) ) {}
+        relay_( Zek::relayOf( record, *this ) ) {}
 
    /// What was announced since the last time.
    std::string told() { return std::exchange( text_, std::string() ); }

@@ -183,11 +183,7 @@ joined( const std::vector< std::string > & parts ) {
 class FuzzWorld::Watcher final : public AttributeSink {
  public:
    Watcher( FuzzWorld & world, const Entity & entity ) : world_( world ), entity_( &entity ) {
-      const TypeDescriptor * type = entity.fwkType();
-      while( !type->relay ) type = type->base;
-      auto relay = type->relay( entity, *this );
-      relay_ = Ptr< PtrInterface::NotifieeConst >(
-         static_cast< PtrInterface::NotifieeConst * >( relay.ptr() ) );
+      relay_ = relayOf( entity, *this );
       relay_->isWeakNotifieeIs( true );
    }
    ~Watcher() override { relay_->notifierIs( nullptr ); }

@@ -45,11 +45,7 @@ class Reactor final : public AttributeSink {
         tree_( tree ),
         throws_( throws ),
         writes_( writes ) {
-      const TypeDescriptor * type = entity.fwkType();
-      while( !type->relay ) type = type->base;
-      auto relay = type->relay( entity, *this );
-      relay_ = Ptr< PtrInterface::NotifieeConst >(
-         static_cast< PtrInterface::NotifieeConst * >( relay.ptr() ) );
+      relay_ = relayOf( entity, *this );
       relay_->isWeakNotifieeIs( true );
    }
    ~Reactor() override { relay_->notifierIs( nullptr ); }
@@ -74,9 +70,7 @@ class Witness final : public AttributeSink {
    Witness( std::map< std::string, uint32_t > & seen, const Entity & entity )
       : seen_( seen ),
         entity_( entity ) {
-      const TypeDescriptor * type = entity.fwkType();
-      while( !type->relay ) type = type->base;
-      relay_ = type->relay( entity, *this );
+      relay_ = relayOf( entity, *this );
    }
    void onAttribute( const AttributeRow & row ) override {
       if( row.address && row.write ) ++seen_[placeOf( entity_, row, nullptr )];
@@ -105,6 +99,7 @@ class World {
    void step( uint32_t what );
    void change( uint32_t tree, Entity & top );
    void changed( uint32_t tree, const Change & change );
+   Change changeCopy( Link & link, Entity & top );
    void cross();
    void write();
    void scribble();
@@ -310,6 +305,15 @@ World::noteFull( const Link & link, const Change & change ) {
                                          : Situation::fullAtValues );
 }
 
+/// A change made at the copy's end.
+Change
+World::changeCopy( Link & link, Entity & top ) {
+   Change made = mutate( random_, top, schedule_.describe );
+   made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
+   changed( link.copy, made );
+   return made;
+}
+
 /// A write to a copy that may be written, and another to the same attribute at the source.
 void
 World::cross() {
@@ -319,9 +323,7 @@ World::cross() {
    Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
    if( !top ) return;
    reached( Situation::crossingWrites );
-   Change made = mutate( random_, *top, schedule_.describe );
-   made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
-   changed( link.copy, made );
+   Change made = changeCopy( link, *top );
    if( !made.row ) return;
    if( made.row->has( ownsMembers ) ) reached( Situation::crossingMembers );
    if( Entity * twin = twinOf( *made.entity, *trees_[link.source] ) ) {
@@ -339,9 +341,7 @@ World::write() {
       Entity * top = mount.mode() == "w" ? mounted( link, mount ) : nullptr;
       if( !top ) continue;
       reached( Situation::writtenCopy );
-      Change made = mutate( random_, *top, schedule_.describe );
-      made.text = "tree " + std::to_string( link.copy ) + ": " + made.text;
-      changed( link.copy, made );
+      changeCopy( link, *top );
    }
 }
 
@@ -354,9 +354,7 @@ World::scribble() {
    if( !top ) return;
    reached( Situation::scribbled );
    scribbled_ = true;
-   Change made = mutate( random_, *top, schedule_.describe );
-   made.text = "scribble on tree " + std::to_string( link.copy ) + ": " + made.text;
-   changed( link.copy, made );
+   changeCopy( link, *top );
 }
 
 void
