@@ -13,8 +13,8 @@
 // The best of many rounds of 200 records, which alternate.
 
 #include "Ip/Ip.h"
+#include "bench/stream/InProcess.h"
 #include "framework/Wire.h"
-#include "platform/Kelmo/Session.h"
 
 #ifdef BENCH_PROTOBUF
 #include <IntfStatus.pb.h>
@@ -65,31 +65,25 @@ struct Best {
    double encode = 1e9, decode = 1e9;
 };
 
-class Ours : Kelmo::SessionOwner {
+class Ours {
  public:
    Ours() {
       auto status = Ip::Input::statusFactory( "status" );
-      source_->entityIs( status );
+      ends_.source->entityIs( status );
       for( size_t i = 0; i < records; ++i ) {
          records_.push_back( status->ipIntfStatusIs(
             IntfId( ( "Ethernet" + std::to_string( i ) ).c_str() ), L3::Intf::Status::Ptr() ) );
          records_.back()->configSourceIs( Zek::String( source ) );
          records_.back()->unnumberedIntfIdIs( IntfId( intf.c_str() ) );
       }
-      reader_.mount(
+      ends_.mount(
          Kelmo::Mount( "status", "Ip::Input::Status", "r", Kelmo::MountFilter( false ) ) );
-      writer_.connected();
-      reader_.connected();
-      for( int i = 0; i < 3; ++i ) {
-         carry( reader_, writer_ );
-         carry( writer_, reader_ );
-      }
       out().capacityIs( 1 << 20 );
    }
    void round( const Values & v ) {
       for( auto & record : records_ ) {
          // Switched on again, it has everything to send.
-         auto & adaptor = *writer_.adapter().adaptorOf( *record );
+         auto & adaptor = *ends_.writer.adapter().adaptorOf( *record );
          adaptor.hasNotificationActiveIs( false );
          record->activeAddrWithMaskIs( IpAddrWithMask( IpAddr( v.address ), 24 ) );
          record->useVirtualAddrIs( v.flag );
@@ -106,23 +100,17 @@ class Ours : Kelmo::SessionOwner {
       out().drain();
       encode.best( best.encode );
       const Timer decode;
-      reader_.receive( writer_.output().data(), writer_.output().size() );
+      ends_.reader.receive( ends_.writer.output().data(), ends_.writer.output().size() );
       decode.best( best.decode );
-      bytes = writer_.output().size() / records;
-      out().consume( writer_.output().size() );
+      bytes = ends_.writer.output().size() / records;
+      out().consume( ends_.writer.output().size() );
    }
    Best best;
    size_t bytes = 0;
 
  private:
-   Zek::NboAttrLog::Out & out() { return writer_.adapter().nboAttrLogOut(); }
-   static void carry( Kelmo::Session & from, Kelmo::Session & to ) {
-      std::string bytes( from.output().view() );
-      from.carried( bytes.size() );
-      to.receive( bytes.data(), bytes.size() );
-   }
-   Zek::Dir::Ptr source_ = Zek::dirFactory(), copy_ = Zek::dirFactory();
-   Kelmo::Session writer_{ source_, *this }, reader_{ copy_, *this };
+   Zek::NboAttrLog::Out & out() { return ends_.writer.adapter().nboAttrLogOut(); }
+   bench::InProcess ends_;
    std::vector< Ip::IpIntfStatus::Ptr > records_;
 };
 

@@ -25,8 +25,8 @@
 
 #include "Ip/Ip.h"
 #include "L3/L3.h"
+#include "bench/stream/InProcess.h"
 #include "framework/Name.h"
-#include "platform/Kelmo/Session.h"
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/node_hash_map.h>
@@ -128,31 +128,21 @@ struct ByHand {
 };
 
 /// Another tree with a record, mounted by a peer that follows it.
-class Served : Kelmo::SessionOwner {
+class Served {
  public:
    Served() {
       auto status = Zek::allocate< Ip::Input::Status >( "status" );
-      source_->entityIs( status );
+      ends_.source->entityIs( status );
       record_ = status->ipIntfStatusIs( Velon::IntfId( "Ethernet1" ), L3::Intf::Status::Ptr() );
-      reader_.mount(
+      ends_.mount(
          Kelmo::Mount( "status", "Ip::Input::Status", "r", Kelmo::MountFilter( false ) ) );
-      writer_.connected();
-      reader_.connected();
-      for( int i = 0; i < 3; ++i ) {
-         carry( reader_, writer_ );
-         carry( writer_, reader_ );
+      if( !ends_.reader.isSynchronised() || !ends_.writer.adapter().adaptorOf( *record_ ) ) {
+         std::abort();
       }
-      if( !reader_.isSynchronised() || !writer_.adapter().adaptorOf( *record_ ) ) std::abort();
    }
 
  private:
-   static void carry( Kelmo::Session & from, Kelmo::Session & to ) {
-      const std::string bytes( from.output().view() );
-      from.carried( bytes.size() );
-      to.receive( bytes.data(), bytes.size() );
-   }
-   Zek::Dir::Ptr source_ = Zek::dirFactory(), copy_ = Zek::dirFactory();
-   Kelmo::Session writer_{ source_, *this }, reader_{ copy_, *this };
+   bench::InProcess ends_;
    Ip::IpIntfStatus::Ptr record_;
 };
 

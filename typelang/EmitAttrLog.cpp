@@ -66,6 +66,12 @@ attrLog( const Type & type ) {
 )",
                      h );
    }
+   if( !serialisers.empty() ) {
+      serialisers.insert( 0, R"(
+   // Each writes the attribute, or what its collection has dirty, if it is; false when the
+   // stream's room was used up.
+)" );
+   }
    Holes h{ { "Self", type.name },
             { "full", type.fullName() },
             { "serialisers", serialisers },
@@ -89,9 +95,6 @@ $dirty$
    $Self$ * entity() const;
    /// Null before the first need of it.
    FlowOut * flowOut() const;
-
-   // Each writes the attribute, or what its collection has dirty, if it is; false when the
-   // stream's room was used up.
 $serialisers$
 
  protected:
