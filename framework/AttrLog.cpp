@@ -90,6 +90,7 @@ void
 Sa::flagsAdd( uint32_t flags ) {
    uint32_t before = flags_;
    flags_ |= flags;
+   if( flow_ ) flow_->close();
    if( flags_ != before && flowIn_ ) adapter_.in_.flagsChanged( *this );
    if( is( toOwner ) && !( before & toOwner ) && flowIn_ ) boundToOwner();
    // An owner has it all.
@@ -137,6 +138,7 @@ Sa::unannounce( bool forget ) {
    eachMemberAdaptor( [=]( Sa & sa ) { sa.unannounce( forget ); } );
    announced_ = false;
    if( flow_ ) {
+      flow_->close();
       flow_->allClean();
       adapter_.out_.unqueue( *flow_ );
    }
@@ -310,7 +312,25 @@ Sa::mayGoOut( const AttributeRow & row, const void * key ) {
 void
 Sa::onAttribute( const AttributeRow & row ) {
    if( !row.address || !row.write ) return;
-   if( mayGoOut( row, nullptr ) ) serializeAttribute( row );
+   if( !mayGoOut( row, nullptr ) ) return;
+   serializeAttribute( row );
+   openIfUsual();
+}
+
+/// Lets changes of plain attributes go out without being looked at while nothing is to be asked:
+/// whatever changes that closes the flow again.
+void
+Sa::openIfUsual() {
+   const FlowOut & flow = *flow_;
+   if( ( flags_ & ( sends | withContent | readOnly | toOwner ) ) != ( sends | withContent ) )
+      return;
+   if( !announced_ || flow.dirty_ || flow.stateDirty_ || flow.restarts_ ) return;
+   head_->open = &adapter_.out_;
+}
+
+void
+Sa::onRelay( NboAttrLog::FlowHead & head ) {
+   head_ = &head;
 }
 
 void

@@ -20,6 +20,7 @@
 #include "framework/AnyKey.h"
 #include "framework/Entity.h"
 #include "framework/EntityUriPath.h"
+#include "framework/FlowHead.h"
 #include "framework/Relay.h"
 #include "framework/Wire.h"
 
@@ -205,31 +206,27 @@ struct Handling {
 /// What one entity still has to send. Exists once the entity was announced.
 class IPSTATE_EXPORT FlowOut {
  public:
-   FlowOut( Entity::ZekNboAttrLogSa & sa, uint32_t id, uint32_t first, uint32_t last )
-      : sa_( sa ),
-        id_( id ),
-        sequence_( first ),
-        firstSequence_( first ),
-        lastSequence_( last ) {}
+   FlowOut( Entity::ZekNboAttrLogSa & sa, uint32_t id, uint32_t first, uint32_t last );
    FlowOut( const FlowOut & ) = delete;
    FlowOut & operator=( const FlowOut & ) = delete;
    virtual ~FlowOut();
 
-   uint32_t id() const { return id_; }
+   uint32_t id() const { return head_.id; }
    /// Number of the next record, unless that one restarts the sequence.
-   uint32_t sequence() const { return sequence_; }
+   uint32_t sequence() const { return head_.sequence; }
    /// Number of the first record. A number that another instance had goes on behind its sequence,
    /// so that what the peer says of that one is not taken for this one.
    uint32_t firstSequence() const { return firstSequence_; }
    /// Moves the end of the sequence to `records` from now.
-   void sequenceEndsAfter( uint32_t records ) { lastSequence_ = sequence_ + records; }
+   void sequenceEndsAfter( uint32_t records ) { head_.lastSequence = head_.sequence + records; }
 
    /// Names the attribute that is worked on.
-   void attrIdIs( uint16_t attrId ) { attrId_ = attrId; }
-   uint16_t attrId() const { return attrId_; }
+   void attrIdIs( uint16_t attrId ) { head_.attrId = attrId; }
+   uint16_t attrId() const { return head_.attrId; }
    bool zekIsDirty( uint16_t attrId ) const { return dirty_ & bit( attrId ); }
    void zekIsDirtyIs( uint16_t attrId, bool dirty ) {
       dirty_ = dirty ? dirty_ | bit( attrId ) : dirty_ & ~bit( attrId );
+      if( dirty ) close();
    }
    /// Whether members of any collection are to be sent.
    bool hasDirtyCollKeys() const;
@@ -248,7 +245,7 @@ class IPSTATE_EXPORT FlowOut {
    /// collection is being sent as a whole, and where the sequence is at its end.
    bool prepareImmediateTransmission( uint16_t attrId ) {
       attrIdIs( attrId );
-      if( sequence_ >= lastSequence_ || stateDirty_ ) return false;
+      if( isAtEnd() || stateDirty_ ) return false;
       const DirtyCollection * c = collections_.empty() ? nullptr : collection( attrId );
       return !c || ( !c->whole && !c->resync );
    }
@@ -271,17 +268,17 @@ class IPSTATE_EXPORT FlowOut {
       // The children directory has the last bit.
       return uint64_t( 1 ) << ( attrId == entityAttr ? 63 : ( attrId - 258u ) & 63 );
    }
+   bool isAtEnd() const { return head_.sequence >= head_.lastSequence; }
+   /// From now on the adaptor looks at each change.
+   void close() { head_.open = nullptr; }
    DirtyCollection * collection( uint16_t attrId ) const;
    DirtyCollection & collectionIs( const AttributeRow & row );
    void collectionDone( DirtyCollection & done );
 
    Entity::ZekNboAttrLogSa & sa_;
-   uint32_t id_;
-   uint32_t sequence_;
+   FlowHead & head_; // in the adaptor's relay
    uint32_t firstSequence_;
-   uint32_t lastSequence_;
    uint32_t highestSequence_ = 0; // before it started again
-   uint16_t attrId_ = 0;
    bool restarts_ = false;
    bool stateDirty_ = false; // all plain attributes in one record
    uint64_t dirty_ = 0;
@@ -354,6 +351,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    // -- AttributeSink
    void onAttribute( const AttributeRow & row ) override;
    void onMember( const AttributeRow & row, const void * key ) override;
+   void onRelay( NboAttrLog::FlowHead & head ) override;
    void onEntityLeaves() override;
    void onNotificationException() override;
 
@@ -387,6 +385,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    }
    bool replacesArrived( const AttributeRow & row, const void * key ) const;
    bool mayGoOut( const AttributeRow & row, const void * key );
+   void openIfUsual();
    void markDirty( const AttributeRow & row, const void * key, bool removal = false );
    void allDirtyIs();
    bool serializeAttribute( const AttributeRow & row );
@@ -415,6 +414,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    StreamAdapter & adapter_;
    NboAttrLog::Plan & plan_;
    Zek::Ptr< NotifieeConst > reactor_;
+   NboAttrLog::FlowHead * head_ = nullptr; // the reactor's
    std::unique_ptr< NboAttrLog::FlowOut > flow_;
    uint32_t flags_;
    uint32_t flowIn_ = 0;
@@ -481,14 +481,18 @@ class IPSTATE_EXPORT Out {
    friend class Demuxer;
    friend class Zek::StreamAdapter;
    friend class Zek::Entity::ZekNboAttrLogSa;
+   friend struct FlowHead;
 
-   /// Takes the flow's next number; the flags of its record.
-   static uint8_t nextSequence( FlowOut & flow, uint32_t & sequence );
+   /// Before a record of the flow: its sequence starts again where that is to be. The flags of the
+   /// record.
+   static uint8_t restartIfNeeded( FlowOut & flow );
    Wire::Encoder begin( FlowOut & flow, uint16_t attribute, Kind kind );
+   Wire::Encoder begin( FlowHead & head, uint16_t attribute, Kind kind, uint8_t flags = 0 );
    Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags,
                              uint32_t sequence );
    void end();
-   void writeNumber( FlowOut & flow, uint16_t attribute, uint64_t number, unsigned size );
+   void writeNumber( FlowHead & flow, uint16_t attribute, uint64_t number, unsigned size,
+                     uint8_t flags = 0 );
    void acknowledgeFirst();
    void acknowledge();
    void declare( Plan & plan );

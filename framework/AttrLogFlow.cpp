@@ -106,16 +106,26 @@ Demuxer::createFlowOut( Out &, const EntityUriPath &, Entity::ZekNboAttrLogSa & 
    return sa.createFlowOut( 0, first, last );
 }
 
+FlowOut::FlowOut( Sa & sa, uint32_t id, uint32_t first, uint32_t last )
+   : sa_( sa ),
+     head_( *sa.head_ ),
+     firstSequence_( first ) {
+   head_.id = id;
+   head_.sequence = first;
+   head_.lastSequence = last;
+}
+
 FlowOut::~FlowOut() {
+   close();
    Out & out = sa_.adapter().nboAttrLogOut();
    out.unqueue( *this );
-   if( id_ >= out.flows_.size() || out.flows_[id_] != &sa_ ) return;
-   out.flows_[id_] = nullptr;
+   if( head_.id >= out.flows_.size() || out.flows_[head_.id] != &sa_ ) return;
+   out.flows_[head_.id] = nullptr;
    --out.liveFlows_;
    // One further: where the number is given again before the peer knows that its first instance is
    // gone, it must not be taken for that one's. With few left it is not given again.
-   const uint32_t next = std::max( sequence_, highestSequence_ ) + 1;
-   if( next < lastSequence / 2 ) out.free_.push_back( { id_, next } );
+   const uint32_t next = std::max( head_.sequence, highestSequence_ ) + 1;
+   if( next < lastSequence / 2 ) out.free_.push_back( { head_.id, next } );
 }
 
 DirtyCollection *
@@ -194,6 +204,7 @@ FlowOut::zekKeyDirtyDel( uint16_t attrId, const void * key ) {
 void
 FlowOut::allDirty() {
    const Plan & plan = sa_.plan_;
+   close();
    dirty_ = 0;
    stateDirty_ = !plan.plain.empty() && sa_.is( Sa::withContent );
    if( stateDirty_ ) {
@@ -242,8 +253,8 @@ FlowOut::resynchronise() {
       [[maybe_unused]] DirtyCollection::ResyncState * rsc = c->resync.get();
       assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
    }
-   highestSequence_ = std::max( highestSequence_, sequence_ );
-   lastSequence_ = lastSequence;
+   highestSequence_ = std::max( highestSequence_, head_.sequence );
+   head_.lastSequence = lastSequence;
    restarts_ = true;
    allDirty();
 }

@@ -87,24 +87,25 @@ Out::isClean() const {
 /// grows with what it is told.
 void
 Out::number( FlowOut & flow ) {
-   if( flow.id_ ) return;
+   if( flow.head_.id ) return;
    ++liveFlows_;
    if( free_.empty() ) {
-      flow.id_ = static_cast< uint32_t >( flows_.size() );
+      flow.head_.id = static_cast< uint32_t >( flows_.size() );
       flows_.push_back( &flow.sa_ );
    } else {
-      flow.id_ = free_.back().id;
-      flow.sequence_ = flow.firstSequence_ = free_.back().first;
+      flow.head_.id = free_.back().id;
+      flow.head_.sequence = flow.firstSequence_ = free_.back().first;
       free_.pop_back();
-      flows_[flow.id_] = &flow.sa_;
+      flows_[flow.head_.id] = &flow.sa_;
    }
 }
 
 /// On a new connection: the flow of what is still there begins again.
 void
 Out::unnumber( FlowOut & flow ) {
-   flow.id_ = 0;
-   flow.sequence_ = flow.firstSequence_ = firstSequence;
+   flow.close();
+   flow.head_.id = 0;
+   flow.head_.sequence = flow.firstSequence_ = firstSequence;
    flow.restarts_ = false;
    flow.freeResyncState();
 }

@@ -33,21 +33,23 @@ Out::acknowledgeFirst() {
 }
 
 inline uint8_t
-Out::nextSequence( FlowOut & flow, uint32_t & sequence ) {
-   const bool restarts = std::exchange( flow.restarts_, false );
-   if( restarts ) [[unlikely]] {
-      flow.sequence_ = flow.firstSequence_;
+Out::restartIfNeeded( FlowOut & flow ) {
+   if( !std::exchange( flow.restarts_, false ) ) [[likely]] {
+      return 0;
    }
-   sequence = flow.sequence_++;
-   return restarts ? restartsSequence : 0;
+   flow.head_.sequence = flow.firstSequence_;
+   return restartsSequence;
+}
+
+inline Wire::Encoder
+Out::begin( FlowHead & head, uint16_t attribute, Kind kind, uint8_t flags ) {
+   acknowledgeFirst();
+   return beginFrame( head.id, attribute, kind, flags, head.sequence++ );
 }
 
 inline Wire::Encoder
 Out::begin( FlowOut & flow, uint16_t attribute, Kind kind ) {
-   acknowledgeFirst();
-   uint32_t sequence;
-   const uint8_t flags = nextSequence( flow, sequence );
-   return beginFrame( flow.id_, attribute, kind, flags, sequence );
+   return begin( flow.head_, attribute, kind, restartIfNeeded( flow ) );
 }
 
 inline void
@@ -65,12 +67,12 @@ Out::end() {
 /// A value's record whose body is a number of `size` bytes, the first one lowest. Put together in
 /// registers: reading back for the checksum what has just been written in parts would wait for it.
 inline void
-Out::writeNumber( FlowOut & flow, uint16_t attribute, uint64_t number, unsigned size ) {
+Out::writeNumber( FlowHead & flow, uint16_t attribute, uint64_t number, unsigned size,
+                  uint8_t flags ) {
    acknowledgeFirst();
-   uint32_t sequence;
-   const uint8_t flags = nextSequence( flow, sequence );
+   const uint32_t sequence = flow.sequence++;
    const uint64_t head =
-      Wire::byteSwapped( uint64_t( flow.id_ ) << 32 | uint64_t( attribute ) << 16 |
+      Wire::byteSwapped( uint64_t( flow.id ) << 32 | uint64_t( attribute ) << 16 |
                          uint64_t( Kind::value ) << 8 | flags );
    // Sequence, token, number, token.
    uint64_t low = Wire::byteSwapped( sequence ) | uint64_t( openToken ) << 32 | number << 40;

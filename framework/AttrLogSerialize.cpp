@@ -31,7 +31,9 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
    if( row.stored->wireSize ) {
-      out.writeNumber( *flow_, attrId, row.stored->wireBytes( value ), row.stored->wireSize );
+      const uint8_t flags = Out::restartIfNeeded( *flow_ );
+      out.writeNumber( *head_, attrId, row.stored->wireBytes( value ), row.stored->wireSize,
+                       flags );
    } else if( row.stored->encode ) {
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
       row.stored->encode( value, body );
@@ -46,6 +48,27 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    flow_->zekIsDirtyIs( attrId, false );
    if( is( toOwner ) ) wroteToOwner( row, nullptr );
    return out.hasSufficientBuffer();
+}
+
+bool
+NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow & row ) {
+   Out & out = *open;
+   auto & entity = static_cast< const Entity & >( notifier );
+   if( !entity.zekIsLogged() || out.adapter_.in_.handling_ || out.barrier_ || !row.address ||
+       !row.write || !row.stored->encode || !out.hasSufficientBuffer() ||
+       sequence >= lastSequence ) {
+      return false;
+   }
+   attrId = row.id;
+   const void * value = row.address( &entity );
+   if( row.stored->wireSize ) [[likely]] {
+      out.writeNumber( *this, row.id, row.stored->wireBytes( value ), row.stored->wireSize );
+   } else {
+      Wire::Encoder body = out.begin( *this, row.id, Kind::value );
+      row.stored->encode( value, body );
+      out.end();
+   }
+   return true;
 }
 
 /// Number, length and value.
@@ -246,7 +269,7 @@ Sa::serializeCollection( uint16_t attrId ) {
          bookmark ? ops.after( entity_, bookmark ) : ops.first( entity_ );
       while( member ) {
          if( !out.hasSufficientBuffer() ) return false;
-         if( flow.sequence_ >= flow.lastSequence_ ) {
+         if( flow.isAtEnd() ) {
             flow.resynchronise();
             return false;
          }
@@ -307,7 +330,7 @@ Sa::serializeDirty() {
       adapter_.flowDone( *this );
       return true;
    }
-   if( flow.sequence_ >= flow.lastSequence_ && !flow.restarts_ ) flow.resynchronise();
+   if( flow.isAtEnd() && !flow.restarts_ ) flow.resynchronise();
    if( flow.stateDirty_ && !plan_.plain.empty() ) serializeState();
    for( const AttributeRow * row : plan_.plain ) {
       if( !flow.dirty_ ) break;

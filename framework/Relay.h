@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include "framework/FlowHead.h"
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
 #include "framework/Type.h"
@@ -15,10 +16,14 @@ template< class N >
 class Relay : public N {
  public:
    /// `type`: the one whose callbacks N has, which is that of the object or a base of it.
-   Relay( const TypeDescriptor & type, AttributeSink & sink ) : type_( type ), sink_( sink ) {}
+   Relay( const TypeDescriptor & type, AttributeSink & sink ) : type_( type ), sink_( sink ) {
+      sink.onRelay( head_ );
+   }
 
    AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
-   static inline constinit AllocTrackTypeInfo allocTrackTypeInfo_{ "Zek::Relay", sizeof( N ) + 16 };
+   static inline constinit AllocTrackTypeInfo allocTrackTypeInfo_{
+      "Zek::Relay", sizeof( N ) + 16 + sizeof( NboAttrLog::FlowHead )
+   };
 
    AttributeSink * zekSink() const override { return &sink_; }
    void zekEntityLeaves() override { sink_.onEntityLeaves(); }
@@ -27,7 +32,13 @@ class Relay : public N {
  protected:
    ~Relay() override = default;
 
-   void changed( uint16_t attributeId ) { sink_.onAttribute( row( attributeId ) ); }
+   void changed( uint16_t attributeId ) {
+      const AttributeRow & row = this->row( attributeId );
+      if( head_.open && head_.writeAtOnce( *this->template notifierPtr< Notifier >(), row ) ) {
+         return;
+      }
+      sink_.onAttribute( row );
+   }
    void changed( uint16_t attributeId, const void * key ) {
       sink_.onMember( row( attributeId ), key );
    }
@@ -41,6 +52,7 @@ class Relay : public N {
 
    const TypeDescriptor & type_;
    AttributeSink & sink_;
+   NboAttrLog::FlowHead head_;
 };
 
 /// Makes a relay of type R, attached to `object` (a T) and registered.

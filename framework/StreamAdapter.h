@@ -75,6 +75,7 @@ class IPSTATE_EXPORT In {
 
  private:
    friend class Out;
+   friend struct FlowHead;
    friend class Zek::StreamAdapter;
    friend class Zek::Entity::ZekNboAttrLogSa;
 
@@ -295,6 +296,7 @@ class IPSTATE_EXPORT StreamAdapter {
  private:
    friend class NboAttrLog::Out;
    friend class NboAttrLog::In;
+   friend struct NboAttrLog::FlowHead;
    friend class Entity::ZekNboAttrLogSa;
 
    NboAttrLog::Plan & plan( const TypeDescriptor & type );

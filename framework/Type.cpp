@@ -9,6 +9,9 @@ namespace Zek {
 AttributeSink::~AttributeSink() = default;
 
 void
+AttributeSink::onRelay( NboAttrLog::FlowHead & ) {}
+
+void
 AttributeSink::onEntityLeaves() {}
 
 void

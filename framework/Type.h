@@ -31,7 +31,8 @@ class Entity;
 class StreamAdapter;
 namespace NboAttrLog {
 struct Plan;
-}
+struct FlowHead;
+} // namespace NboAttrLog
 class GenericIf;
 class GenericValue;
 
@@ -210,6 +211,8 @@ class IPSTATE_EXPORT AttributeSink {
    virtual void onAttribute( const AttributeRow & row ) = 0;
    /// A member of a collection was added, changed or removed. `key` is valid during the call.
    virtual void onMember( const AttributeRow & row, const void * key ) = 0;
+   /// The relay is made: its head of a flow, which lives as long as it.
+   virtual void onRelay( NboAttrLog::FlowHead & head );
    /// Of a relay that is an attribute-log adaptor: the entity is about to lose its parent, or dies.
    virtual void onEntityLeaves();
    /// In the catch block of what one of these threw; what leaves it leaves the mutator.
