@@ -398,7 +398,6 @@ HashTable::groupFrom( const Rep * rep, uint32_t at ) const {
    for( ; at < rep->length; at += groupSize ) {
       uint32_t empty = matches( rep->tags() + at, 0 );
       if( empty != 0xffff ) {
-         if( rep->isMapped ) prefetchGroup( rep, at + groupSize );
          return { rep->slots() + at, ~empty & 0xffff };
       }
       if( at >= homes ) break;
@@ -412,7 +411,9 @@ HashTable::groupAfter( const Group & group ) const {
    if( rep_->shift == 32 ) return { nullptr, 0 };
    const Slot * next = group.slots + groupSize;
    const Rep * rep = repOf( group.slots );
-   return groupFrom( rep, static_cast< uint32_t >( next - rep->slots() ) );
+   const auto at = static_cast< uint32_t >( next - rep->slots() );
+   if( rep->isMapped ) prefetchGroup( rep, at + groupSize );
+   return groupFrom( rep, at );
 }
 
 // Behind that hash and those of its members for which `compare( member ) <= 0`.
@@ -443,8 +444,18 @@ HashTable::firstMember() const {
 
 PtrInterface *
 HashTable::memberAfter( uint32_t reversedHash, const void * key ) const {
-   return firstOf( groupBehind(
-      reversedHash, [&]( const PtrInterface * m ) { return rep_->ops->compare( m, key ); } ) );
+   const Group group = groupBehind(
+      reversedHash, [&]( const PtrInterface * m ) { return rep_->ops->compare( m, key ); } );
+   // The walk of reflection and of streams, which do much with each member: the fourth from here is
+   // fetched meanwhile.
+   uint32_t ahead = group.full;
+   for( int i = 0; i < 3; ++i ) ahead &= ahead - 1;
+   if( ahead ) {
+      const PtrInterface * member = group.slots[std::countr_zero( ahead )].member;
+      __builtin_prefetch( member );
+      __builtin_prefetch( reinterpret_cast< const char * >( member ) + 64 );
+   }
+   return firstOf( group );
 }
 
 PtrInterface *
