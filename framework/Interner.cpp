@@ -98,9 +98,9 @@ nodeFor( std::string_view text, uint32_t hash ) {
 
 // Descends to the text or to the empty link where it belongs.
 struct Descent {
-   explicit Descent( uint32_t hash )
-      : link( &root[hash >> ( 32 - rootBits )] ),
-        rest( hash << rootBits ) {}
+   explicit Descent( uint32_t reversedHash )
+      : link( &root[reversedHash >> ( 32 - rootBits )] ),
+        rest( reversedHash << rootBits ) {}
 
    // The index of the text if it stands at or below `link`, else 0 with `link` at its place.
    uint32_t to( std::string_view text, uint32_t hash ) {
@@ -125,7 +125,7 @@ Interner::intern( std::string_view text ) {
    if( text.empty() ) return {};
    uint32_t hash = textHash( text );
    InternedText out{ 0, bitReverse( hash ) };
-   Descent descent( hash );
+   Descent descent( out.reversedHash );
    out.index = descent.to( text, hash );
    if( out.index ) return out;
    uint32_t made = nodeFor( text, hash );
@@ -147,7 +147,8 @@ Interner::find( std::string_view text, InternedText & out ) {
    InternedText found;
    if( !text.empty() ) {
       uint32_t hash = textHash( text );
-      found = { Descent( hash ).to( text, hash ), bitReverse( hash ) };
+      found.reversedHash = bitReverse( hash );
+      found.index = Descent( found.reversedHash ).to( text, hash );
       if( found.index == 0 ) return false;
    }
    out = found;
