@@ -691,6 +691,9 @@ In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
       // in a table that grows.
       if( row.collection->reserve && members <= quota.reserved - reserved_ ) {
          row.collection->reserve( sa.entity_, members );
+         // Their flows follow. Less than twice as many come without being asked.
+         const size_t flows = flows_.size() + members;
+         if( row.has( ownsMembers ) && flows > 2 * flows_.capacity() ) flows_.reserve( flows );
          reserved_ += members;
       }
       return;
