@@ -436,8 +436,8 @@ Sa::rewriteUnacked() {
 
 /// The entity has a flow of the peer's: what was written to it meanwhile can go out.
 void
-Sa::boundToOwner() {
-   if( announced_ ) return;
+Sa::boundToOwner( bool again ) {
+   if( announced_ && !again ) return;
    FlowOut & flow = makeFlow();
    Out & out = adapter_.out_;
    out.number( flow );

@@ -408,7 +408,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    bool unackedKeys( const AttributeRow & row, DirtyKeys & keys );
    void wroteToOwner( const AttributeRow & row, const void * key, bool removal = false );
    void rewriteUnacked();
-   void boundToOwner();
+   void boundToOwner( bool again = false );
 
    Entity * entity_;
    StreamAdapter & adapter_;

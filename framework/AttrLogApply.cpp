@@ -27,6 +27,15 @@ In::mayApply( Sa & sa, const AttributeRow & row, const void * key ) {
    return !sa.is( Sa::toOwner ) || sa.awaitsOwner( row, key ) == Sa::Awaited::nothing;
 }
 
+/// What this end made or took away, the owner will answer, and tell of it again. Where only the
+/// collection as a whole is on its way, what both have goes on.
+bool
+In::answersLater( Sa & sa, const AttributeRow & row, const void * key, bool both ) {
+   if( !sa.is( Sa::toOwner ) ) return false;
+   const auto awaited = sa.awaitsOwner( row, key );
+   return awaited == Sa::Awaited::member || ( awaited == Sa::Awaited::all && !both );
+}
+
 /// A write of the peer's was refused: it gets what stands here.
 void
 In::refusedIs( Sa & sa, const AttributeRow & row, const void * key ) {
@@ -488,6 +497,7 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
 bool
 In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                    std::vector< const void * > & arguments ) {
+   bool present = true;
    for( const AttributeRow * row : plan.parameters ) {
       if( row->stored->decode ) {
          void * value = scratch.make( *row->stored );
@@ -496,11 +506,11 @@ In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
          continue;
       }
       Entity * target;
-      Reference reference = readReference( body, *row->type, target );
-      if( body.failed() || reference == Reference::absent ) return false;
+      if( readReference( body, *row->type, target ) == Reference::absent ) present = false;
+      if( body.failed() ) return false;
       arguments.push_back( scratch.pointer( target ) );
    }
-   return true;
+   return present;
 }
 
 /// Whether an instance made with these arguments would be what is there.
@@ -521,6 +531,20 @@ In::isSame( const Entity & entity, const Plan & plan,
       }
    }
    return true;
+}
+
+/// Whether the owner tells of a member that it has from this end, where what an argument refers to
+/// has gone meanwhile.
+bool
+In::isAnswered( const Entity * member, const Plan & plan,
+                const std::vector< const void * > & arguments ) const {
+   const Sa * child = member ? adapter_.adaptorOf( *member ) : nullptr;
+   return child && child->is( Sa::toOwner ) && child->announced_ &&
+          std::ranges::any_of( plan.parameters,
+                               [&]( const AttributeRow * row ) {
+                                  return !row->stored->decode && isOutside( *row, *member );
+                               } ) &&
+          isSame( *member, plan, arguments );
 }
 
 /// A number that was given to another instance goes on with another sequence.
@@ -590,7 +614,9 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       repeats( flow, wire );
       return true;
    }
-   if( !present ) {
+   const PtrInterface * found = row.collection->find( sa.entity_, key );
+   auto * member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
+   if( !present && !( kind == Kind::adopt && isAnswered( member, plan, arguments ) ) ) {
       // An argument refers to what is not there. The flow is asked for again when it comes; what
       // a new instance takes the place of is gone already.
       body.skip( body.left() );
@@ -610,8 +636,6 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       return true;
    }
    mention( sa, row, key );
-   const PtrInterface * found = row.collection->find( sa.entity_, key );
-   auto * member = const_cast< Entity * >( static_cast< const Entity * >( found ) );
    if( repeats( flow, wire ) && member && flows_[flow.id].sa->entity() == member ) {
       // Perhaps by another mount, which may do more.
       Sa * known = sa.memberAdaptor( row, member );
@@ -620,15 +644,9 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
    }
    flowIs( flow, wire );
    const bool same = member && isSame( *member, plan, arguments );
-   if( sa.is( Sa::toOwner ) ) {
-      // What this end made or took away, the owner will answer. Where only the collection as a
-      // whole is on its way, what both have goes on.
-      const auto awaited = sa.awaitsOwner( row, key );
-      if( awaited == Sa::Awaited::member ||
-          ( awaited == Sa::Awaited::all && !( same && kind == Kind::adopt ) ) ) {
-         if( flow.id ) flows_[flow.id].asked = true;
-         return true;
-      }
+   if( answersLater( sa, row, key, same && kind == Kind::adopt ) ) {
+      if( flow.id ) flows_[flow.id].asked = true;
+      return true;
    }
    if( passedOver && !sa.is( Sa::fromPeer ) ) {
       // It could not be made before, or is gone here: what it has came and went.
@@ -676,7 +694,10 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
    }
    if( isNew && answered_ ) return true; // what stands there now is not what came
    Sa * child = member->fwkType() == wire.type ? sa.memberAdaptor( row, member ) : nullptr;
+   // The owner may have another of the same kind now, which has no flow of ours yet.
+   const bool again = child && child->announced_ && child->is( Sa::toOwner );
    if( child ) bind( flow.id, *child );
+   if( again ) child->boundToOwner( true );
    if( sa.is( Sa::fromPeer ) ) answer( sa, row, key );
    return true;
 }
@@ -741,6 +762,12 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
          }
          return ops.after( sa.entity_, key );
       } );
+   }
+   // The writer has what did not come to be here, and passed over the answer.
+   if( sa.is( Sa::fromPeer ) && row.has( ownsMembers ) ) {
+      for( auto & [key, is] : whole->mentioned ) {
+         if( !ops.find( sa.entity_, key.get() ) ) answer( sa, row, key.get() );
+      }
    }
    wholes_.erase( whole );
    // What it leaves out is no less than what the one before left out and it did not mention.

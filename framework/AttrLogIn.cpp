@@ -411,16 +411,16 @@ In::rootCame( Wire::Decoder & body ) {
    }
    Entity::Ptr directory = adapter_.owner_.rootDirectory( exportId );
    if( !directory ) return;
+   Entity::Ptr root = directory->entity( String( nameText ) );
+   const bool same = root && isSame( *root, plan, arguments );
    if( Sa * sa = adapter_.adaptorOf( *directory ) ) {
-      // What this end put there, the owner will answer, and tell of its root again.
       const String key( nameText );
-      if( !mayApply( *sa, *Entity::zekTypeDescriptor_.attribute( entityAttr ), &key ) ) {
+      if( answersLater( *sa, *Entity::zekTypeDescriptor_.attribute( entityAttr ), &key, same ) ) {
          if( flow.id ) flows_[flow.id].asked = true;
          return;
       }
    }
-   Entity::Ptr root = directory->entity( String( nameText ) );
-   if( !root || !isSame( *root, plan, arguments ) ) {
+   if( !same ) {
       root = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
       adapter_.childIs( *directory, root );
    }
@@ -493,6 +493,10 @@ In::bindToPeer( Wire::Decoder & body ) {
    Sa * sa = ownFlow( body );
    const WireType * wire = wireType( body );
    if( !wire ) return;
+   // Either end may have made its instance anew: what the peer wrote to the one before, and passed
+   // over meanwhile, changed nothing here.
+   const bool another =
+      sa && ( isKnown( theirs, *wire ) ? flows_[theirs.id].sa != sa : sa->flowIn_ != 0 );
    flowIs( theirs, *wire );
    if( !sa ) return; // it went meanwhile
    // It may be a member of what is still to be exported for writing: what is written before that
@@ -501,7 +505,9 @@ In::bindToPeer( Wire::Decoder & body ) {
       body.fail( "a mount for writing before" );
       return;
    }
-   if( wire->type == sa->entity_->fwkType() ) bind( theirs.id, *sa );
+   if( wire->type != sa->entity_->fwkType() ) return;
+   bind( theirs.id, *sa );
+   if( another ) sa->allDirtyIs();
 }
 
 } // namespace NboAttrLog

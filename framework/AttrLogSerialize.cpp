@@ -311,11 +311,12 @@ Sa::serializeCollection( uint16_t attrId ) {
 
 /// A member of an owning collection that is sent as a whole: across connections, the same key,
 /// type and arguments are the same member; on a live stream, what was not announced is new. Of a
-/// type that is not streamed a member is no more than these.
+/// type that is not streamed a member is no more than these; whether the owner of the collection
+/// was told of it is not known.
 void
 Sa::announceInWhole( const AttributeRow & row, Entity & member ) {
    Sa * child = adapter_.adaptorOf( member );
-   const bool known = child ? child->announced_ : !member.zekHasAttrLogInterface();
+   const bool known = child ? child->announced_ : !is( toOwner );
    announceMember( row, member, dump_ || known ? Kind::adopt : Kind::instantiate, true );
 }
 

@@ -166,13 +166,16 @@ class IPSTATE_EXPORT In {
    bool applyInstance( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, Kind kind,
                        FlowName flow, const WireType & wire, Wire::Decoder & body,
                        std::string_view & keyBytes );
-   /// The further constructor arguments; false when one refers to what is not there yet.
+   /// The further constructor arguments; false when one refers to what is not there yet, for which
+   /// null stands.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
    bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body,
                         FlowName & flow );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
+   bool isAnswered( const Entity * member, const Plan & plan,
+                    const std::vector< const void * > & arguments ) const;
    bool isTooDeep( const Entity & directory ) const;
    /// `outside`: the peer's stands in no tree, so that none here corresponds to it.
    enum class Reference { null, found, absent, outside };
@@ -209,6 +212,8 @@ class IPSTATE_EXPORT In {
    void acknowledge();
    bool owesAcknowledgement() const { return acknowledged_ != records_; }
    bool mayApply( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   bool answersLater( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
+                      bool both );
    void refusedIs( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void answer( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void reset();
