@@ -118,6 +118,7 @@ struct Quota {
    uint32_t recordBytes = 16 << 20;
    uint32_t flows = 1 << 24;
    uint32_t types = 1024;
+   uint32_t attributes = 1024;  // of a type
    uint32_t reserved = 1 << 20; // members that tables are made large enough for beforehand
    uint32_t held = 1 << 20;     // references and instances that wait for their target
    size_t heldBytes = 64 << 20; // of theirs
@@ -132,7 +133,7 @@ struct IPSTATE_EXPORT Plan {
    static bool covers( const TypeDescriptor & type );
 
    const TypeDescriptor & type;
-   std::vector< const AttributeRow * > plain;       // stored, with a mutator
+   std::vector< const AttributeRow * > plain;       // stored, with a mutator; fixed sizes first
    std::vector< const AttributeRow * > references;  // those of the plain that are pointers
    std::vector< const AttributeRow * > collections; // the children directory last
    std::vector< const AttributeRow * > parameters;  // behind the key: rows that hold them
@@ -146,6 +147,9 @@ struct IPSTATE_EXPORT Plan {
       const size_t index = static_cast< size_t >( attrId ) - firstAttrId_;
       return index < rows_.size() ? rows_[index] : nullptr;
    }
+   /// How far the attribute's bytes reach in a state record, as ValueOps::wireSize. Of a
+   /// collection it has one byte: 1 where it is empty, 0 where it says nothing.
+   static uint8_t sizeInState( const AttributeRow & row );
    /// Hash of what both ends must agree on to exchange the attribute.
    static uint32_t signature( const AttributeRow & row );
 

@@ -116,20 +116,18 @@ In::takeValue( const Flow & flow, const AttributeRow & row, Wire::Decoder & body
 class In::Taker final : public StateTaker {
  public:
    Taker( In & in, const Flow & flow ) : in_( in ), flow_( flow ), plan_( flow.sa->plan() ) {}
-   /// Numbers of collections that are empty, and are so here.
+   /// What is said of collections: none is empty that is not so here.
    bool rest( Wire::Decoder & body ) override {
-      while( body.left() ) {
-         uint16_t id;
-         uint32_t size;
-         if( !body.u16( id ) || !body.u32( size ) || size ) return false;
-         const AttributeRow * row = plan_.row( id );
-         if( !row || !row->collection || row->collection->count( flow_.entity ) ) return false;
+      for( const AttributeRow * row : plan_.collections ) {
+         uint8_t isEmpty;
+         if( !body.u8( isEmpty ) || isEmpty > 1 ) return false;
+         if( isEmpty && row->collection->count( flow_.entity ) ) return false;
       }
-      return true;
+      return !body.left();
    }
-   void refused( size_t place ) override {
+   void refused( uint16_t attribute ) override {
       in_.guarded( [] { throw; } );
-      in_.refusedIs( *flow_.sa, *plan_.plain[place], nullptr );
+      in_.refusedIs( *flow_.sa, *plan_.row( attribute ), nullptr );
    }
 
  private:
@@ -321,25 +319,24 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    Scratch scratch;
    std::vector< Item > & items = stateItems_;
    items.clear();
-   // All of it is read before any of it is applied. Empty collections come last.
-   while( body.left() ) {
-      uint16_t id;
-      uint32_t size;
-      const uint8_t * bytes;
-      if( !body.u16( id ) || !body.u32( size ) ) return;
-      size_t offset = body.offset();
-      if( !body.bytes( bytes, size, "a value of that length" ) ) return;
-      const AttributeRow * row = sa.plan_.row( id );
-      bool agreed = type.same || std::binary_search( type.agreed.begin(), type.agreed.end(), id );
-      if( !row || !agreed ) continue;
+   // All of it is read before any of it is applied. What is not agreed on is passed over.
+   for( const auto & [row, sizeInState] : type.state ) {
+      const uint8_t *bytes = body.at(), *value;
+      uint32_t size = sizeInState;
+      if( !Wire::isFixed( sizeInState ) && !body.u32( size, "the length of a value" ) ) return;
+      if( sizeInState == Wire::varies ) bytes = body.at();
+      if( !body.bytes( value, size, "a value of that length" ) ) return;
+      if( !row ) continue;
+      size = static_cast< uint32_t >( body.at() - bytes );
+      const size_t offset = body.offset() - size;
       Wire::Decoder in( bytes, size );
       Item item{ row, nullptr, bytes, size };
       if( row->collection ) {
-         if( size ) {
-            body.failAt( "an empty collection", offset );
+         if( *bytes > 1 ) {
+            body.failAt( "0 or 1", offset );
             return;
          }
-         items.push_back( item );
+         if( *bytes ) items.push_back( item );
          continue;
       }
       if( row->stored->decode ) {
@@ -374,6 +371,10 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          }
       }
       items.push_back( item );
+   }
+   if( body.left() ) {
+      body.fail( "the end of the record" );
+      return;
    }
    Entity::Ptr entity( sa.entity_ );
    for( const Item & item : items ) {

@@ -245,6 +245,18 @@ In::control( uint16_t message, Wire::Decoder & body ) {
    adapter_.owner_.onControl( message, body );
 }
 
+/// Whether a state has what it has here, in the same order.
+bool
+In::WireType::isAsIn( const Plan & plan ) const {
+   auto at = state.begin();
+   for( const auto * rows : { &plan.plain, &plan.collections } ) {
+      for( const AttributeRow * row : *rows ) {
+         if( at == state.end() || ( at++ )->row != row ) return false;
+      }
+   }
+   return at == state.end();
+}
+
 void
 In::typeDeclared( Wire::Decoder & body ) {
    uint32_t number, count;
@@ -258,21 +270,27 @@ In::typeDeclared( Wire::Decoder & body ) {
       body.fail( "the next type's number, up to the quota" );
       return;
    }
-   if( count > body.left() / 6 ) {
-      body.fail( "as many attributes as were counted" );
+   if( count > body.left() / 7 || count > quota.attributes ) {
+      body.fail( "as many attributes as were counted, up to the quota" );
       return;
    }
    WireType wire;
    wire.type = typeNode( name );
    if( wire.type && !Plan::covers( *wire.type ) ) wire.type = nullptr;
-   wire.same = wire.type && adapter_.plan( *wire.type ).fingerprint == fingerprint;
+   const Plan * plan = wire.type ? &adapter_.plan( *wire.type ) : nullptr;
    for( ; count; --count ) {
       uint16_t id;
       uint32_t signature;
-      if( !body.u16( id ) || !body.u32( signature ) ) return;
-      const AttributeRow * row = wire.type ? adapter_.plan( *wire.type ).row( id ) : nullptr;
-      if( row && Plan::signature( *row ) == signature ) wire.agreed.push_back( id );
+      uint8_t size;
+      if( !body.u16( id ) || !body.u32( signature ) || !body.u8( size ) ) return;
+      const AttributeRow * row = plan ? plan->row( id ) : nullptr;
+      if( row && ( Plan::signature( *row ) != signature || Plan::sizeInState( *row ) != size ) ) {
+         row = nullptr;
+      }
+      wire.state.push_back( { row, size } );
+      if( row ) wire.agreed.push_back( id );
    }
+   wire.same = plan && plan->fingerprint == fingerprint && wire.isAsIn( *plan );
    std::sort( wire.agreed.begin(), wire.agreed.end() );
    wire.agreed.erase( std::unique( wire.agreed.begin(), wire.agreed.end() ), wire.agreed.end() );
    for( uint16_t id : wire.agreed ) {

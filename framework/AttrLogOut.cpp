@@ -37,10 +37,14 @@ Out::declare( Plan & plan ) {
    out.u32( plan.wireType );
    out.text( plan.type.fullName );
    out.u64( plan.fingerprint );
-   out.u32( static_cast< uint32_t >( plan.attrIdsReqSync.size() ) );
-   for( uint16_t id : plan.attrIdsReqSync ) {
-      out.u16( id );
-      out.u32( Plan::signature( *plan.type.attribute( id ) ) );
+   out.u32( static_cast< uint32_t >( plan.plain.size() + plan.collections.size() ) );
+   // In the order that they have in a state.
+   for( const auto * rows : { &plan.plain, &plan.collections } ) {
+      for( const AttributeRow * row : *rows ) {
+         out.u16( row->id );
+         out.u32( Plan::signature( *row ) );
+         out.u8( Plan::sizeInState( *row ) );
+      }
    }
    controlEnd();
 }

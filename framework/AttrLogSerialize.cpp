@@ -1,5 +1,6 @@
 #include "framework/AttrLogOut.h"
 
+#include <optional>
 #include <utility>
 
 namespace Zek {
@@ -8,6 +9,7 @@ using NboAttrLog::DirtyCollection;
 using NboAttrLog::FlowOut;
 using NboAttrLog::Kind;
 using NboAttrLog::Out;
+using NboAttrLog::Plan;
 using Sa = Entity::ZekNboAttrLogSa;
 
 // -- Serialisers ------------------------------------------------------------------------------
@@ -30,7 +32,7 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    Out & out = adapter_.out_;
    const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
-   if( row.stored->wireSize ) {
+   if( row.stored->wireBytes ) {
       const uint8_t flags = Out::restartIfNeeded( *flow_ );
       out.writeNumber( *head_, attrId, row.stored->wireBytes( value ), row.stored->wireSize,
                        flags );
@@ -61,7 +63,7 @@ NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow
    }
    attrId = row.id;
    const void * value = row.address( &entity );
-   if( row.stored->wireSize ) [[likely]] {
+   if( row.stored->wireBytes ) [[likely]] {
       out.writeNumber( *this, row.id, row.stored->wireBytes( value ), row.stored->wireSize );
    } else {
       Wire::Encoder body = out.begin( *this, row.id, Kind::value );
@@ -71,12 +73,11 @@ NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow
    return true;
 }
 
-/// Number, length and value.
 void
 Sa::encodeInState( const AttributeRow & row, Wire::Encoder & body ) {
    const void * value = row.address( entity_ );
-   body.u16( row.id );
-   const Wire::Counted counted( body );
+   std::optional< Wire::Counted > counted;
+   if( Plan::sizeInState( row ) == Wire::varies ) counted.emplace( body );
    if( row.stored->encode ) {
       row.stored->encode( value, body );
    } else {
@@ -84,8 +85,8 @@ Sa::encodeInState( const AttributeRow & row, Wire::Encoder & body ) {
    }
 }
 
-/// All plain attributes in one record: number, length and value of each; and the numbers of
-/// empty collections, with length 0.
+/// All plain attributes in one record, in the order of the type's declaration; behind them of each
+/// collection whether it is empty.
 void
 Sa::serializeState() {
    Out & out = adapter_.out_;
@@ -99,13 +100,10 @@ Sa::serializeState() {
       for( const AttributeRow * row : plan_.plain ) encodeInState( *row, body );
    }
    for( const AttributeRow * row : plan_.collections ) {
-      if( !flow_->zekIsDirty( row->id ) ) continue;
-      if( row->collection->count( entity_ ) == 0 ) {
-         body.u16( row->id );
-         body.u32( 0 );
-      } else {
-         flow_->wholeIs( *row ); // no longer empty
-      }
+      const bool isDirty = flow_->zekIsDirty( row->id );
+      const bool isEmpty = isDirty && row->collection->count( entity_ ) == 0;
+      body.u8( isEmpty );
+      if( isDirty && !isEmpty ) flow_->wholeIs( *row ); // no longer empty
    }
    out.end();
    flow_->stateDirty_ = false;

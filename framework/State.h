@@ -12,7 +12,7 @@
 
 namespace Zek::Rows {
 
-/// Writes behind a buffer's end; makes it known to the buffer now and then.
+/// Writes behind a buffer's end, as an Encoder; makes it known to the buffer now and then.
 class StateWriter {
  public:
    /// `spare`: bytes that always have room, whatever texts there are.
@@ -24,24 +24,26 @@ class StateWriter {
       std::memcpy( at_, &value, sizeof value );
       at_ += sizeof value;
    }
+   void u8( uint8_t value ) { number( value ); }
+   void u32( uint32_t value ) { number( value ); }
+   void u64( uint64_t value ) { number( value ); }
    void text( std::string_view text ) {
       number( static_cast< uint32_t >( text.size() ) );
+      if( text.empty() ) return;
       finish();
       start( text.size() );
-      if( text.empty() ) return;
       std::memcpy( at_, text.data(), text.size() );
       at_ += text.size();
    }
    /// Its length, then the value as it encodes itself.
    template< class V >
-   void value( const V & value ) {
-      number( uint32_t( 0 ) );
+   void counted( const V & value ) {
       finish();
-      const size_t begin = out_.size();
-      Wire::Encoder encoder( out_ );
-      encodeField( value, encoder );
-      const auto length = Wire::networkOrder( static_cast< uint32_t >( out_.size() - begin ) );
-      std::memcpy( out_.at( begin - sizeof length ), &length, sizeof length );
+      {
+         Wire::Encoder out( out_ );
+         const Wire::Counted counted( out );
+         encodeField( value, out );
+      }
       start( 0 );
    }
    void finish() { out_.written( static_cast< size_t >( at_ - begin_ ) ); }
@@ -55,82 +57,132 @@ class StateWriter {
    uint8_t * at_;
 };
 
-/// A plain attribute: its field, mutator and number.
-template< auto Field, auto Write, uint16_t id >
+/// A plain attribute: its field, its number, and its mutator, null where that does no more than to
+/// store what differs and to tell of it.
+template< auto Field, auto Write, uint16_t number >
 struct Attribute {
    using Object = typename MemberPointer< decltype( Field ) >::Object;
    using Value = typename MemberPointer< decltype( Field ) >::Value;
+   static constexpr uint16_t id = number;
+   static constexpr uint8_t size = wireSize< Value >();
+   static constexpr bool isFixed = Wire::isFixed( size );
    /// Without the bytes of texts.
-   static constexpr size_t most = 10 + wireSize< Value >();
+   static constexpr size_t room = isFixed ? size : sizeof( uint32_t );
 
    static const Value & of( const Object & object ) { return object.*Field; }
    static void encode( const Object & object, StateWriter & out ) {
-      const Value & value = of( object );
-      out.number( id );
-      if constexpr( WireNumber< Value > ) {
-         out.number( uint32_t( wireSize< Value >() ) );
-         out.number( wireNumber( value ) );
-      } else if constexpr( WireText< Value > ) {
-         const std::string_view text = value.view();
-         out.number( static_cast< uint32_t >( text.size() + 4 ) );
-         out.text( text );
+      if constexpr( size == Wire::varies ) {
+         out.counted( of( object ) );
       } else {
-         out.value( value );
+         encodeField( of( object ), out );
       }
    }
-   /// `value`: what the object has, on the way in.
-   static bool decode( Wire::Decoder & in, Value & value ) {
-      constexpr size_t heading = sizeof id + sizeof( uint32_t );
-      if( in.left() < heading || Wire::numberAt< uint16_t >( in.at() ) != id ) return false;
-      const auto length = Wire::numberAt< uint32_t >( in.at() + sizeof id );
-      in.skip( heading );
-      if( in.left() < length ) return false;
+
+   static void write( Object & object, Value & value ) {
+      if constexpr( Write == nullptr ) {
+         object.*Field = std::move( value );
+      } else {
+         ( object.*Write )( value );
+      }
+   }
+};
+
+/// What a record says of an attribute.
+template< class A >
+class Said {
+ public:
+   using Object = typename A::Object;
+   using Value = typename A::Value;
+
+   explicit Said( Object & object ) : object_( object ) {}
+   /// False where it is no such value.
+   bool decode( Wire::FixedReader & in ) requires( A::isFixed ) {
       if constexpr( WireNumber< Value > ) {
-         // What it has already needs no check.
-         if( length != wireSize< Value >() ) return false;
-         if( Wire::numberAt< decltype( wireNumber( value ) ) >( in.at() ) == wireNumber( value ) ) {
-            in.skip( length );
+         // What there is already needs no check.
+         const auto here = wireNumber( A::of( object_ ) );
+         if( Wire::numberAt< std::remove_cv_t< decltype( here ) > >( in.at() ) == here ) {
+            in.skip( sizeof here );
             return true;
          }
       }
-      const uint8_t * end = in.at() + length;
-      return decodeField( in, value ) && in.at() == end;
+      if( !decodeField( in, value_ ) ) return false;
+      differs_ = !( value_ == A::of( object_ ) );
+      return true;
    }
-   static void write( Object & object, const Value & value ) {
-      if( !( of( object ) == value ) ) ( object.*Write )( value );
+   bool decode( Wire::Decoder & in ) requires( A::size == Wire::countsItself ) {
+      Wire::Decoder again( in );
+      std::string_view text;
+      if( !in.text( text ) ) return false;
+      differs_ = A::of( object_ ).view() != text;
+      return !differs_ || decodeField( again, value_ );
    }
+   bool decode( Wire::Decoder & in ) requires( A::size == Wire::varies ) {
+      std::string_view bytes;
+      if( !in.text( bytes ) ) return false;
+      Wire::Decoder value( bytes.data(), bytes.size() );
+      value_ = A::of( object_ ); // texts that are the same need no memory
+      if( !decodeField( value, value_ ) || value.left() ) return false;
+      differs_ = !( value_ == A::of( object_ ) );
+      return true;
+   }
+   void apply() {
+      if( differs_ ) A::write( object_, value_ );
+   }
+
+ private:
+   Object & object_;
+   Value value_{};
+   bool differs_ = false;
 };
 
 template< class... A >
 struct StateOf {
    using Object = typename std::tuple_element_t< 0, std::tuple< A... > >::Object;
-   using Values = std::tuple< typename A::Value... >;
 
-   static void encode( const void * object, Wire::Buffer & out ) {
-      StateWriter writer( out, ( A::most + ... ) );
-      ( A::encode( *static_cast< const Object * >( object ), writer ), ... );
+   static constexpr size_t fixedBytes = ( size_t( A::isFixed ? A::size : 0 ) + ... );
+
+   static void encode( const void * at, Wire::Buffer & out ) {
+      const auto & object = *static_cast< const Object * >( at );
+      StateWriter writer( out, ( A::room + ... ) );
+      ( encode< A, true >( object, writer ), ... );
+      ( encode< A, false >( object, writer ), ... );
       writer.finish();
    }
-   static bool take( Wire::Decoder & in, void * object, StateTaker & taker ) {
-      return take( in, *static_cast< Object * >( object ), taker,
-                   std::index_sequence_for< A... >() );
+   static bool take( Wire::Decoder & in, void * at, StateTaker & taker ) {
+      return take( in, *static_cast< Object * >( at ), taker, std::index_sequence_for< A... >() );
+   }
+
+ private:
+   template< class Each, bool fixed >
+   static void encode( const Object & object, StateWriter & writer ) {
+      if constexpr( Each::isFixed == fixed ) Each::encode( object, writer );
+   }
+   template< bool fixed, class Each, class In >
+   static bool decode( Said< Each > & said, In & in ) {
+      if constexpr( Each::isFixed == fixed ) return said.decode( in );
+      return true;
    }
    template< size_t... I >
    static bool take( Wire::Decoder & in, Object & object, StateTaker & taker,
                      std::index_sequence< I... > ) {
-      // From what there is: what does not change needs no memory.
-      Values values{ A::of( object )... };
-      if( !( A::decode( in, std::get< I >( values ) ) && ... ) || !taker.rest( in ) ) return false;
-      for( size_t next = 0; next != sizeof...( A ); ) {
-         try {
-            // Those before it threw are done.
-            ( ( I < next ? void() : ( next = I + 1, A::write( object, std::get< I >( values ) ) ) ),
-              ... );
-         } catch( ... ) {
-            taker.refused( next - 1 );
-         }
+      if( in.left() < fixedBytes ) return false;
+      std::tuple< Said< A >... > said{ Said< A >( object )... };
+      Wire::FixedReader fixed( in.at() );
+      in.skip( fixedBytes );
+      if( !( decode< true >( std::get< I >( said ), fixed ) && ... ) ||
+          !( decode< false >( std::get< I >( said ), in ) && ... ) || !taker.rest( in ) ) {
+         return false;
       }
+      ( apply( std::get< I >( said ), taker ), ... );
       return true;
+   }
+   template< class Each >
+   static void apply( Said< Each > & said, StateTaker & taker ) {
+      try {
+         said.apply();
+      } catch( ... ) {
+         taker.refused( Each::id );
+      }
    }
 };
 

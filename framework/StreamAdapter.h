@@ -81,8 +81,15 @@ class IPSTATE_EXPORT In {
 
    struct WireType {
       const TypeDescriptor * type = nullptr; // null: unknown here
-      bool same = false;                     // both ends agree on every attribute
+      bool same = false;                     // both ends agree on all attributes and their order
       std::vector< uint16_t > agreed;        // else: on these, ascending
+      /// What stands in a state record, in this order.
+      struct InState {
+         const AttributeRow * row; // null: not agreed on
+         uint8_t size;             // as Plan::sizeInState()
+      };
+      std::vector< InState > state;
+      bool isAsIn( const Plan & plan ) const;
       /// Rows of the plain attributes agreed on that hold values, from number `firstValue` on.
       std::vector< const AttributeRow * > values;
       uint16_t firstValue = 0;

@@ -94,9 +94,9 @@ struct ValueOps {
    /// own RangeException for a value that is one but out of bounds.
    bool ( *decode )( Wire::Decoder &, void * );
    bool isBare; // its text is its bytes, whatever they are: commas, quotes and all
-   /// Of numbers: how many bytes they have in streams, and these bytes, the first one lowest. 0 and
-   /// null for all others.
+   /// Bytes of all its values in streams, else Wire::varies or Wire::countsItself.
    uint8_t wireSize;
+   /// Of numbers: their bytes in streams, the first one lowest. Null for all others.
    uint64_t ( *wireBytes )( const void * );
 };
 
@@ -184,18 +184,19 @@ class StateTaker {
  public:
    /// What follows the attributes. False: nothing is to be changed.
    virtual bool rest( Wire::Decoder & in ) = 0;
-   /// In the catch block of what the mutator of the plain attribute at this place threw.
-   virtual void refused( size_t place ) = 0;
+   /// In the catch block of what the attribute's mutator threw.
+   virtual void refused( uint16_t attribute ) = 0;
 
  protected:
    ~StateTaker() = default;
 };
 
-/// All plain attributes of a type at once, in the form of a stream's state record: number, length
-/// and value of each, in their order. For types whose plain attributes all are values.
+/// All plain attributes of a type at once, in the form of a stream's state record: first those of
+/// which all values have the same size, then the others. For types whose plain attributes all are
+/// values.
 struct StateOps {
    void ( *encode )( const void * object, Wire::Buffer & out );
-   /// Changes, through the mutators, what differs. False, and nothing was changed, where the bytes
+   /// Changes what differs, and nobody is told. False, and nothing was changed, where the bytes
    /// are anything but these attributes and what `taker` takes behind them.
    bool ( *take )( Wire::Decoder & in, void * object, StateTaker & taker );
 };

@@ -59,7 +59,11 @@ class BoundedString {
       out = Derived( string );
       return true;
    }
-   void encodeTo( Wire::Encoder & out ) const { out.text( text_.view() ); }
+   static constexpr uint8_t wireSize = Wire::countsItself;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      out.text( text_.view() );
+   }
    /// Throws the length error for a text that is too long.
    static bool decodeFrom( Wire::Decoder & in, Derived & out ) {
       std::string_view text;

@@ -55,31 +55,43 @@ wireNumber( T value ) {
    }
 }
 
-/// Bytes in streams; 0 where they are not the same for all values.
+/// Bytes of all values in streams, else Wire::varies or Wire::countsItself.
 template< class T >
 constexpr uint8_t
 wireSize() {
-   if constexpr( WireNumber< T > ) return sizeof( wireNumber( T() ) );
-   return 0;
+   if constexpr( WireNumber< T > ) {
+      return sizeof( wireNumber( T() ) );
+   } else if constexpr( WireText< T > ) {
+      return Wire::countsItself;
+   } else if constexpr( requires { T::wireSize; } ) {
+      return T::wireSize;
+   } else if constexpr( requires { typename T::ZekFields; } ) {
+      return T::ZekFields::wireSize();
+   }
+   return Wire::varies;
 }
 
-template< class T >
+/// A pointer within a value, and a type by hand that does not say how, have no bytes: they stay as
+/// they are at the other end. To an Encoder, or to one that does the same where it knows how many
+/// bytes will come.
+template< class T, class Out >
 void
-encodeField( const T & value, Wire::Encoder & out ) {
+encodeField( const T & value, Out & out ) {
    if constexpr( WireNumber< T > ) {
       out.number( wireNumber( value ) );
    } else if constexpr( WireText< T > ) {
       out.text( value.view() );
    } else if constexpr( requires { value.encodeTo( out ); } ) {
       value.encodeTo( out );
-   } else {
-      Wire::encodeValue( TypeOf< T >::descriptor, &value, out );
+   } else if constexpr( requires { typename T::ZekFields; } ) {
+      T::ZekFields::encode( value, out );
    }
 }
 
-template< class T >
+/// From a Decoder or a FixedReader.
+template< class T, class In >
 bool
-decodeField( Wire::Decoder & in, T & value ) {
+decodeField( In & in, T & value ) {
    if constexpr( std::is_enum_v< T > ) {
       uint32_t number = 0;
       if( !in.u32( number ) ) return false;
@@ -112,10 +124,35 @@ decodeField( Wire::Decoder & in, T & value ) {
       return true;
    } else if constexpr( requires { T::decodeFrom( in, value ); } ) {
       return T::decodeFrom( in, value );
+   } else if constexpr( requires { typename T::ZekFields; } ) {
+      return T::ZekFields::decode( in, value );
    } else {
-      return Wire::decodeValue( TypeOf< T >::descriptor, in, &value );
+      return true;
    }
 }
+
+/// The fields of a generated value type, by their member pointers.
+template< auto... Field >
+struct Fields {
+   static constexpr uint8_t wireSize() { return sizeOf( Field... ); }
+   template< class Value, class Out >
+   static void encode( const Value & value, Out & out ) {
+      ( encodeField( value.*Field, out ), ... );
+   }
+   /// Assigns all fields or, when false, some.
+   template< class In, class Value >
+   static bool decode( In & in, Value & value ) {
+      return ( decodeField( in, value.*Field ) && ... );
+   }
+
+ private:
+   template< class Value, class... F >
+   static constexpr uint8_t sizeOf( F Value::*... ) {
+      constexpr size_t sum = ( size_t( Zek::wireSize< F >() ) + ... );
+      constexpr bool isFixed = ( Wire::isFixed( Zek::wireSize< F >() ) && ... );
+      return isFixed && sum < Wire::countsItself ? uint8_t( sum ) : Wire::varies;
+   }
+};
 
 template< class T >
 struct ValueThunks {
@@ -142,12 +179,9 @@ struct ValueThunks {
    static bool read( std::string_view text, void * p ) {
       return readField( text, *static_cast< T * >( p ) );
    }
-   static void encode( const void * p, Wire::Encoder & out ) {
-      if constexpr( !isPtr< T > ) encodeField( at( p ), out );
-   }
+   static void encode( const void * p, Wire::Encoder & out ) { encodeField( at( p ), out ); }
    static bool decode( Wire::Decoder & in, void * p ) {
-      if constexpr( !isPtr< T > ) return decodeField( in, *static_cast< T * >( p ) );
-      return false;
+      return decodeField( in, *static_cast< T * >( p ) );
    }
    static uint64_t wireBytes( const void * p ) {
       if constexpr( WireNumber< T > ) {

@@ -49,26 +49,7 @@ Decoder::failAt( const char * expected, size_t offset ) {
    return false;
 }
 
-// -- Value types ------------------------------------------------------------------------------
-
-void
-encodeValue( const TypeDescriptor & type, const void * value, Encoder & out ) {
-   for( const AttributeRow & field : type.attributes ) {
-      if( field.address ) field.stored->encode( field.address( value ), out );
-   }
-}
-
-bool
-decodeValue( const TypeDescriptor & type, Decoder & in, void * value ) {
-   for( const AttributeRow & field : type.attributes ) {
-      // Deliberate: the value is the caller's own, its fields are only reached by const rows.
-      if( field.address &&
-          !field.stored->decode( in, const_cast< void * >( field.address( value ) ) ) ) {
-         return false;
-      }
-   }
-   return true;
-}
+// -- Enumerations -----------------------------------------------------------------------------
 
 bool
 isEnumerator( const TypeDescriptor & type, int64_t value ) {

@@ -63,6 +63,15 @@ storeLowestFirst( uint8_t * at, uint64_t number ) {
    std::memcpy( at, &number, sizeof number );
 }
 
+/// How far the bytes of an attribute reach in a state record, of which the writer tells for each:
+/// so many, or what these two say.
+constexpr uint8_t varies = 0;          // a count of them stands before them, in 32 bits
+constexpr uint8_t countsItself = 0xff; // they begin with that count, as texts do
+constexpr bool
+isFixed( uint8_t size ) {
+   return size != varies && size != countsItself;
+}
+
 /// Bytes in one piece: written at the end, taken from the front.
 class IPSTATE_EXPORT Buffer {
  public:
@@ -155,6 +164,28 @@ class Counted {
    size_t start_;
 };
 
+/// Reads bytes of which as many are known to be there as will be read; otherwise as a Decoder.
+class FixedReader {
+ public:
+   explicit FixedReader( const uint8_t * at ) : at_( at ) {}
+
+   template< class U >
+   bool number( U & value, const char * ) {
+      value = numberAt< U >( at_ );
+      at_ += sizeof value;
+      return true;
+   }
+   bool u8( uint8_t & value, const char * = nullptr ) { return number( value, nullptr ); }
+   bool u32( uint32_t & value, const char * = nullptr ) { return number( value, nullptr ); }
+   bool u64( uint64_t & value, const char * = nullptr ) { return number( value, nullptr ); }
+   bool fail( const char * ) { return false; }
+   const uint8_t * at() const { return at_; }
+   void skip( size_t count ) { at_ += count; }
+
+ private:
+   const uint8_t * at_;
+};
+
 /// Reads a range of bytes that must outlive it. After a failure every read fails.
 class IPSTATE_EXPORT Decoder {
  public:
@@ -227,9 +258,6 @@ class IPSTATE_EXPORT Decoder {
    size_t failedAt_ = 0;
 };
 
-IPSTATE_EXPORT void encodeValue( const TypeDescriptor & type, const void * value, Encoder & out );
-/// Assigns all fields or, when false, some.
-IPSTATE_EXPORT bool decodeValue( const TypeDescriptor & type, Decoder & in, void * value );
 /// True for an enumerator's number.
 IPSTATE_EXPORT bool isEnumerator( const TypeDescriptor & type, int64_t value );
 

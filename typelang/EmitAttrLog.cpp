@@ -26,9 +26,12 @@ stateOf( const Type & type ) {
    for( const Member & m : type.members ) {
       if( m.kind != MemberKind::attr && !( m.kind == MemberKind::counter && m.hasIs ) ) continue;
       if( m.type.type->isCounted() ) return {};
-      attributes.push_back(
-         fill( "      Zek::Rows::Attribute< &$Self$::$x$_, &$Self$::$x$Is, $n$ >",
-               { { "Self", type.name }, { "x", m.name }, { "n", std::to_string( m.number ) } } ) );
+      attributes.push_back( fill(
+         "      Zek::Rows::Attribute< &$Self$::$x$_, $mutator$, $n$ >",
+         { { "Self", type.name },
+           { "x", m.name },
+           { "mutator", m.bound.empty() ? "nullptr" : "&" + type.name + "::" + m.name + "Is" },
+           { "n", std::to_string( m.number ) } } ) );
    }
    if( attributes.empty() ) return {};
    return "   .state = &Zek::Rows::stateOf<\n" + joined( attributes, ",\n" ) + " >,\n";

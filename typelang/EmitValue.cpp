@@ -86,6 +86,7 @@ emitValue( const Type & type ) {
    std::vector< std::string > equal;
    std::string less;
    std::vector< std::string > hashes;
+   std::vector< std::string > fields;       // as member pointers
    std::optional< std::string > unreadable; // why no text reads back
    std::string construction;
    const Member * key = type.keyMember();
@@ -125,6 +126,7 @@ emitValue( const Type & type ) {
       accessors += pieces.accessors;
       storage += pieces.storage;
       rows += pieces.row;
+      fields.push_back( "&" + type.name + "::" + m.name + "_" );
       if( isSet( m ) ) unreadable = " - has collection";
       if( m.type.type->isCounted() ) unreadable = "";
       if( !type.compares.empty() && m.name != type.compares ) continue;
@@ -152,6 +154,7 @@ emitValue( const Type & type ) {
             { "accessors", accessors },
             { "storage", storage },
             { "rows", rows },
+            { "fields", joined( fields, ", " ) },
             { "calls", calls },
             { "named", named.empty() ? "" : named + "\n" },
             { "namedDefinitions", namedDefinitions },
@@ -211,6 +214,10 @@ $order$
    static const Zek::AttributeRow zekAttributes_[];
 
 $storage$
+
+ public:
+   /// What there is of it in streams.
+   using ZekFields = Zek::Fields< $fields$ >;
 };
 
 IPSTATE_EXPORT Zek::String stringValue( const $Self$ & value );

@@ -101,8 +101,19 @@ class IPSTATE_EXPORT Ip6Addr {
    std::string toString() const;
    static bool fromText( std::string_view text, Ip6Addr & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, Ip6Addr & out );
+   static constexpr uint8_t wireSize = 16;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      out.u64( high() );
+      out.u64( low() );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, Ip6Addr & out ) {
+      uint64_t high, low;
+      if( !in.u64( high, "an IPv6 address" ) || !in.u64( low, "an IPv6 address" ) ) return false;
+      out = Ip6Addr( high, low );
+      return true;
+   }
 
  private:
    using Bytes = std::array< uint8_t, 16 >;
@@ -161,8 +172,16 @@ class IPSTATE_EXPORT Ip6AddrWithMask {
    std::string toString() const;
    static bool fromText( std::string_view text, Ip6AddrWithMask & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, Ip6AddrWithMask & out );
+   static constexpr uint8_t wireSize = Ip6Addr::wireSize + 1;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      addr_.encodeTo( out );
+      out.u8( len_ );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, Ip6AddrWithMask & out ) {
+      return decodeWithMask< Ip6Addr >( in, out );
+   }
 
  private:
    [[noreturn]] static void throwBadLength();

@@ -78,8 +78,15 @@ class IPSTATE_EXPORT IpAddr {
    std::string toString() const;
    static bool fromText( std::string_view text, IpAddr & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, IpAddr & out );
+   static constexpr uint8_t wireSize = 4;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      out.u32( value_ );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, IpAddr & out ) {
+      return in.u32( out.value_, "an IPv4 address" );
+   }
 
  private:
    static constexpr uint32_t swapped( uint32_t word ) {
@@ -87,6 +94,18 @@ class IPSTATE_EXPORT IpAddr {
    }
    uint32_t value_ = 0;
 };
+
+/// Reads an address of either family and its prefix length.
+template< class Addr, class In, class WithMask >
+bool
+decodeWithMask( In & in, WithMask & out ) {
+   Addr addr;
+   uint8_t len;
+   if( !Addr::decodeFrom( in, addr ) || !in.u8( len, "a prefix length" ) ) return false;
+   if( len > Addr::bits ) return in.fail( "a prefix length of the family" );
+   out = WithMask( addr, len );
+   return true;
+}
 
 /// An address and a prefix length; the address keeps its host bits. Orders by address, then
 /// length. Text: "10.0.0.1/24".
@@ -125,8 +144,16 @@ class IPSTATE_EXPORT IpAddrWithMask {
    std::string toString() const;
    static bool fromText( std::string_view text, IpAddrWithMask & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, IpAddrWithMask & out );
+   static constexpr uint8_t wireSize = IpAddr::wireSize + 1;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      addr_.encodeTo( out );
+      out.u8( len_ );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, IpAddrWithMask & out ) {
+      return decodeWithMask< IpAddr >( in, out );
+   }
 
  private:
    [[noreturn]] static void throwBadLength();

@@ -55,8 +55,18 @@ class IPSTATE_EXPORT PrefixOf {
    std::string toString() const { return prefix_.toString(); }
    static bool fromText( std::string_view text, PrefixOf & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, PrefixOf & out );
+   static constexpr uint8_t wireSize = WithMask::wireSize;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      prefix_.encodeTo( out );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, PrefixOf & out ) {
+      WithMask addr;
+      if( !WithMask::decodeFrom( in, addr ) ) return false;
+      out = PrefixOf( addr );
+      return true;
+   }
 
  private:
    WithMask prefix_;

@@ -54,8 +54,15 @@ class IPSTATE_EXPORT RouteDistinguisher {
    std::string toString() const;
    static bool fromText( std::string_view text, RouteDistinguisher & out );
    /// As in streams.
-   void encodeTo( Zek::Wire::Encoder & out ) const;
-   static bool decodeFrom( Zek::Wire::Decoder & in, RouteDistinguisher & out );
+   static constexpr uint8_t wireSize = 8;
+   template< class Out >
+   void encodeTo( Out & out ) const {
+      out.u64( value_ );
+   }
+   template< class In >
+   static bool decodeFrom( In & in, RouteDistinguisher & out ) {
+      return in.u64( out.value_, "a route distinguisher" );
+   }
 
  private:
    uint64_t value_ = 0;

@@ -59,16 +59,37 @@ class Peer {
    std::string control( uint16_t message, const Body & body = {} ) {
       return send( 0, message, Kind::value, body );
    }
-   /// Declares a type as it is here; its number counts up from 1.
-   std::string declare( const char * name ) {
+   struct Declared {
+      uint16_t id;
+      uint32_t signature;
+      uint8_t size;
+   };
+   /// Declares a type as it is here, but for its attributes, where `attributes` has any; its number
+   /// counts up from 1.
+   std::string declare( const char * name, std::vector< Declared > attributes = {} ) {
       ++types;
+      const auto * type = Zek::typeNode( name );
+      if( type && !Plan::covers( *type ) ) type = nullptr;
+      if( type && attributes.empty() ) {
+         const Plan plan( *type );
+         for( const auto * rows : { &plan.plain, &plan.collections } ) {
+            for( const auto * row : *rows ) attributes.push_back( declared( *row ) );
+         }
+      }
       return control( typeControl, [&]( auto & out ) {
          out.u32( types );
          out.text( name );
-         const auto * type = Zek::typeNode( name );
-         out.u64( type && Plan::covers( *type ) ? Plan( *type ).fingerprint : 0 );
-         out.u32( 0 );
+         out.u64( type ? Plan( *type ).fingerprint : 0 );
+         out.u32( static_cast< uint32_t >( attributes.size() ) );
+         for( const Declared & a : attributes ) {
+            out.u16( a.id );
+            out.u32( a.signature );
+            out.u8( a.size );
+         }
       } );
+   }
+   static Declared declared( const Zek::AttributeRow & row ) {
+      return { row.id, Plan::signature( row ), Plan::sizeInState( row ) };
    }
    std::string root( uint32_t mount = 1, uint32_t flow = 1, const char * name = "all" ) {
       return control( rootControl, [&]( auto & out ) {
@@ -388,6 +409,64 @@ TEST( Hostile, whatIsNotKnownIsPassedOver ) {
    // A count that is a lie makes no table large.
    EXPECT_EQ( w.send( 3, 260, Kind::beginWhole, []( auto & out ) { out.u32( ~0u ); } ), "" );
    EXPECT_EQ( w.world.text(), before );
+}
+
+TEST( Hostile, aStateIsReadAsItsTypeWasDeclared ) {
+   const auto & type = *Zek::typeNode( "Ip::IpIntfConfig" );
+   auto attribute = [&]( const char * name ) { return Peer::declared( *type.attribute( name ) ); };
+   const auto mss = attribute( "maxMssEgress" ), source = attribute( "configSource" ),
+              secondary = attribute( "secondaryWithMask" );
+   auto lying = [&]( Peer::Declared a, uint8_t size ) { return a.size = size, a; };
+   const std::string text( "\0\0\0\2me", 6 );
+   const std::string at = "'all/config/ipIntfConfig[e1]', attribute 0, offset ";
+   struct Case {
+      std::vector< Peer::Declared > attributes;
+      std::string state;
+      std::string expected;
+      uint16_t mss;
+   };
+   const Case cases[] = {
+      { { mss, source, secondary }, "\1\1" + text + '\1', "", 257 },
+      { { source, secondary, mss }, text + "\1\1\1", "", 257 },
+      // Unknown ones are passed over, whatever they are.
+      { { { 900, 1, 3 }, { 901, 1, 0 }, { 902, 1, 255 }, mss },
+        "xyz" + text + text + "\1\1",
+        "",
+        257 },
+      // Another size is another attribute.
+      { { lying( mss, 4 ), lying( source, 0 ), mss }, "xyzz" + text + "\1\1", "", 257 },
+      { { mss, mss }, "\1\1\1\2", "", 258 },
+      // What is malformed changes nothing.
+      { { mss, source }, "\1\1", at + "23: expected the length of a value", 0 },
+      { { mss, source },
+        "\1\1" + text.substr( 0, 5 ),
+        at + "27: expected a value of that length",
+        0 },
+      { { mss, { 900, 1, 200 } }, "\1\1xyz", at + "23: expected a value of that length", 0 },
+      { { mss }, "\1\1\1", at + "23: expected the end of the record", 0 },
+      { { mss, secondary }, "\1\1\2", at + "23: expected 0 or 1", 0 },
+      { { mss, lying( attribute( "addrSource" ), 4 ) },
+        std::string( "\1\1\0\0\0\x9", 6 ),
+        at + "27: expected an enumerator's number",
+        0 },
+   };
+   for( const Case & c : cases ) {
+      Peer peer;
+      for( const char * name : { "Zek::Dir", "Ip::Config" } ) peer.declare( name );
+      peer.declare( "Ip::IpIntfConfig", c.attributes );
+      peer.root();
+      peer.instance( 1, Zek::entityAttr, 2, 2, "config" );
+      peer.instance( 2, idOf( "Ip::Config", "ipIntfConfig" ), 3, 3, "e1" );
+      EXPECT_EQ( peer.send( 3, 0, Kind::state,
+                            [&]( auto & out ) { out.bytes( c.state.data(), c.state.size() ); } ),
+                 c.expected );
+      auto config = Zek::ptrCast< Ip::Config >( peer.world.tree()->entityAt( "all/config" ) );
+      EXPECT_EQ( config->ipIntfConfig( Velon::IntfId( "e1" ) )->maxMssEgress(), c.mss );
+   }
+   Peer peer;
+   EXPECT_EQ( peer.declare( "No::Such", std::vector< Peer::Declared >( 1025 ) ),
+              "flow 0, attribute 1, offset 49: "
+              "expected as many attributes as were counted, up to the quota" );
 }
 
 TEST( Hostile, aFlowThatIsTakenAgainLeavesTheFirstAlone ) {

@@ -178,6 +178,10 @@ class IPSTATE_EXPORT Pair {
 
    uint32_t left_{ 7 };
    Sample::Tag right_{};
+
+ public:
+   /// What there is of it in streams.
+   using ZekFields = Zek::Fields< &Pair::left_, &Pair::right_ >;
 };
 
 IPSTATE_EXPORT Zek::String stringValue( const Pair & value );
@@ -242,6 +246,10 @@ class IPSTATE_EXPORT Group {
    uint32_t id_{};
    Zek::ValueSet< Sample::Colour > member_;
    uint8_t size_{};
+
+ public:
+   /// What there is of it in streams.
+   using ZekFields = Zek::Fields< &Group::id_, &Group::member_, &Group::size_ >;
 };
 
 IPSTATE_EXPORT Zek::String stringValue( const Group & value );
@@ -289,6 +297,10 @@ class IPSTATE_EXPORT Cursor {
 
    Zek::Ptr< Sample::Plain > record_{};
    Sample::Tag at_{};
+
+ public:
+   /// What there is of it in streams.
+   using ZekFields = Zek::Fields< &Cursor::record_, &Cursor::at_ >;
 };
 
 IPSTATE_EXPORT Zek::String stringValue( const Cursor & value );
