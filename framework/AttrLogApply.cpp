@@ -118,12 +118,12 @@ class In::Taker final : public StateTaker {
    Taker( In & in, const Flow & flow ) : in_( in ), flow_( flow ), plan_( flow.sa->plan() ) {}
    /// What is said of collections: none is empty that is not so here.
    bool rest( Wire::Decoder & body ) override {
-      for( const AttributeRow * row : plan_.collections ) {
-         uint8_t isEmpty;
-         if( !body.u8( isEmpty ) || isEmpty > 1 ) return false;
-         if( isEmpty && row->collection->count( flow_.entity ) ) return false;
-      }
-      return !body.left();
+      if( body.left() != plan_.collections.size() ) return false;
+      const uint8_t * isEmpty = body.at();
+      return std::all_of( plan_.collections.begin(), plan_.collections.end(), [&]( auto * row ) {
+         const uint8_t said = *isEmpty++;
+         return said == 0 || ( said == 1 && !row->collection->count( flow_.entity ) );
+      } );
    }
    void refused( uint16_t attribute ) override {
       in_.guarded( [] { throw; } );
@@ -320,12 +320,13 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    std::vector< Item > & items = stateItems_;
    items.clear();
    // All of it is read before any of it is applied. What is not agreed on is passed over.
-   for( const auto & [row, sizeInState] : type.state ) {
-      const uint8_t *bytes = body.at(), *value;
-      uint32_t size = sizeInState;
-      if( !Wire::isFixed( sizeInState ) && !body.u32( size, "the length of a value" ) ) return;
-      if( sizeInState == Wire::varies ) bytes = body.at();
-      if( !body.bytes( value, size, "a value of that length" ) ) return;
+   for( const WireType::InState & attribute : type.state ) {
+      const AttributeRow * row = attribute.row;
+      const uint8_t *bytes = body.at(), *rest;
+      uint32_t size = attribute.size;
+      if( !Wire::isFixed( attribute.size ) && !body.u32( size, "the length of a value" ) ) return;
+      if( attribute.size == Wire::varies ) bytes = body.at();
+      if( !body.bytes( rest, size, "a value of that length" ) ) return;
       if( !row ) continue;
       size = static_cast< uint32_t >( body.at() - bytes );
       const size_t offset = body.offset() - size;

@@ -99,12 +99,14 @@ Sa::serializeState() {
    } else {
       for( const AttributeRow * row : plan_.plain ) encodeInState( *row, body );
    }
+   uint8_t * isEmpty = out.buffer_.room( plan_.collections.size() );
    for( const AttributeRow * row : plan_.collections ) {
       const bool isDirty = flow_->zekIsDirty( row->id );
-      const bool isEmpty = isDirty && row->collection->count( entity_ ) == 0;
-      body.u8( isEmpty );
-      if( isDirty && !isEmpty ) flow_->wholeIs( *row ); // no longer empty
+      *isEmpty = isDirty && row->collection->count( entity_ ) == 0;
+      if( isDirty && !*isEmpty ) flow_->wholeIs( *row ); // no longer empty
+      ++isEmpty;
    }
+   out.buffer_.written( plan_.collections.size() );
    out.end();
    flow_->stateDirty_ = false;
    const uint64_t said = std::exchange( flow_->dirty_, 0 );

@@ -35,20 +35,27 @@ class StateWriter {
       std::memcpy( at_, text.data(), text.size() );
       at_ += text.size();
    }
-   /// Its length, then the value as it encodes itself.
+   /// The value behind its length.
    template< class V >
    void counted( const V & value ) {
+      const size_t begin = size();
+      number( uint32_t( 0 ) );
+      encodeField( value, *this );
+      const uint32_t count =
+         Wire::networkOrder( static_cast< uint32_t >( size() - begin - sizeof count ) );
+      std::memcpy( out_.at( begin ), &count, sizeof count );
+   }
+   template< class Write >
+   void byEncoder( Write write ) {
       finish();
-      {
-         Wire::Encoder out( out_ );
-         const Wire::Counted counted( out );
-         encodeField( value, out );
-      }
+      Wire::Encoder encoder( out_ );
+      write( encoder );
       start( 0 );
    }
    void finish() { out_.written( static_cast< size_t >( at_ - begin_ ) ); }
 
  private:
+   size_t size() const { return out_.size() + static_cast< size_t >( at_ - begin_ ); }
    void start( size_t text ) { at_ = begin_ = out_.room( spare_ + text ); }
 
    Wire::Buffer & out_;
@@ -56,6 +63,18 @@ class StateWriter {
    uint8_t * begin_;
    uint8_t * at_;
 };
+
+/// The bytes of any value, without those of texts and of what is left to an Encoder.
+template< class V >
+constexpr size_t
+roomOf() {
+   if constexpr( requires { typename V::ZekFields; } ) {
+      return V::ZekFields::sum(
+         []< class F >( std::type_identity< F > ) { return roomOf< F >(); } );
+   } else {
+      return Wire::isFixed( wireSize< V >() ) ? wireSize< V >() : sizeof( uint32_t );
+   }
+}
 
 /// A plain attribute: its field, its number, and its mutator, null where that does no more than to
 /// store what differs and to tell of it.
@@ -66,8 +85,8 @@ struct Attribute {
    static constexpr uint16_t id = number;
    static constexpr uint8_t size = wireSize< Value >();
    static constexpr bool isFixed = Wire::isFixed( size );
-   /// Without the bytes of texts.
-   static constexpr size_t room = isFixed ? size : sizeof( uint32_t );
+   static constexpr bool onlyStores = Write == nullptr;
+   static constexpr size_t room = roomOf< Value >() + sizeof( uint32_t ); // and for its length
 
    static const Value & of( const Object & object ) { return object.*Field; }
    static void encode( const Object & object, StateWriter & out ) {
@@ -79,7 +98,7 @@ struct Attribute {
    }
 
    static void write( Object & object, Value & value ) {
-      if constexpr( Write == nullptr ) {
+      if constexpr( onlyStores ) {
          object.*Field = std::move( value );
       } else {
          ( object.*Write )( value );
@@ -94,43 +113,48 @@ class Said {
    using Object = typename A::Object;
    using Value = typename A::Value;
 
-   explicit Said( Object & object ) : object_( object ) {}
    /// False where it is no such value.
-   bool decode( Wire::FixedReader & in ) requires( A::isFixed ) {
+   bool decode( Wire::FixedReader & in, const Object & object ) requires( A::isFixed ) {
+      if constexpr( A::onlyStores ) return decodeField( in, value_ );
+      const Value & here = A::of( object );
       if constexpr( WireNumber< Value > ) {
          // What there is already needs no check.
-         const auto here = wireNumber( A::of( object_ ) );
-         if( Wire::numberAt< std::remove_cv_t< decltype( here ) > >( in.at() ) == here ) {
-            in.skip( sizeof here );
+         const auto number = wireNumber( here );
+         if( Wire::numberAt< std::remove_const_t< decltype( number ) > >( in.at() ) == number ) {
+            in.skip( sizeof number );
             return true;
          }
       }
       if( !decodeField( in, value_ ) ) return false;
-      differs_ = !( value_ == A::of( object_ ) );
+      differs_ = !( value_ == here );
       return true;
    }
-   bool decode( Wire::Decoder & in ) requires( A::size == Wire::countsItself ) {
+   bool decode( Wire::Decoder & in,
+                const Object & object ) requires( A::size == Wire::countsItself ) {
       Wire::Decoder again( in );
       std::string_view text;
       if( !in.text( text ) ) return false;
-      differs_ = A::of( object_ ).view() != text;
+      differs_ = A::of( object ).view() != text;
       return !differs_ || decodeField( again, value_ );
    }
-   bool decode( Wire::Decoder & in ) requires( A::size == Wire::varies ) {
+   bool decode( Wire::Decoder & in, const Object & object ) requires( A::size == Wire::varies ) {
+      const Value & here = A::of( object );
       std::string_view bytes;
       if( !in.text( bytes ) ) return false;
+      Wire::Decoder same( bytes.data(), bytes.size() );
+      if( saysField( same, here ) && !same.left() ) return true;
       Wire::Decoder value( bytes.data(), bytes.size() );
-      value_ = A::of( object_ ); // texts that are the same need no memory
+      value_ = here; // texts that are the same need no memory
       if( !decodeField( value, value_ ) || value.left() ) return false;
-      differs_ = !( value_ == A::of( object_ ) );
+      differs_ = !( value_ == here );
       return true;
    }
-   void apply() {
-      if( differs_ ) A::write( object_, value_ );
+   void apply( Object & object ) {
+      // To store what is there already costs less than to compare.
+      if( ( A::isFixed && A::onlyStores ) || differs_ ) A::write( object, value_ );
    }
 
  private:
-   Object & object_;
    Value value_{};
    bool differs_ = false;
 };
@@ -158,28 +182,28 @@ struct StateOf {
       if constexpr( Each::isFixed == fixed ) Each::encode( object, writer );
    }
    template< bool fixed, class Each, class In >
-   static bool decode( Said< Each > & said, In & in ) {
-      if constexpr( Each::isFixed == fixed ) return said.decode( in );
+   static bool decode( Said< Each > & said, In & in, const Object & object ) {
+      if constexpr( Each::isFixed == fixed ) return said.decode( in, object );
       return true;
    }
    template< size_t... I >
    static bool take( Wire::Decoder & in, Object & object, StateTaker & taker,
                      std::index_sequence< I... > ) {
       if( in.left() < fixedBytes ) return false;
-      std::tuple< Said< A >... > said{ Said< A >( object )... };
+      std::tuple< Said< A >... > said;
       Wire::FixedReader fixed( in.at() );
       in.skip( fixedBytes );
-      if( !( decode< true >( std::get< I >( said ), fixed ) && ... ) ||
-          !( decode< false >( std::get< I >( said ), in ) && ... ) || !taker.rest( in ) ) {
+      if( !( decode< true >( std::get< I >( said ), fixed, object ) && ... ) ||
+          !( decode< false >( std::get< I >( said ), in, object ) && ... ) || !taker.rest( in ) ) {
          return false;
       }
-      ( apply( std::get< I >( said ), taker ), ... );
+      ( apply( std::get< I >( said ), object, taker ), ... );
       return true;
    }
    template< class Each >
-   static void apply( Said< Each > & said, StateTaker & taker ) {
+   static void apply( Said< Each > & said, Object & object, StateTaker & taker ) {
       try {
-         said.apply();
+         said.apply( object );
       } catch( ... ) {
          taker.refused( Each::id );
       }

@@ -73,7 +73,7 @@ wireSize() {
 
 /// A pointer within a value, and a type by hand that does not say how, have no bytes: they stay as
 /// they are at the other end. To an Encoder, or to one that does the same where it knows how many
-/// bytes will come.
+/// bytes will come, and else has an Encoder do it.
 template< class T, class Out >
 void
 encodeField( const T & value, Out & out ) {
@@ -81,11 +81,24 @@ encodeField( const T & value, Out & out ) {
       out.number( wireNumber( value ) );
    } else if constexpr( WireText< T > ) {
       out.text( value.view() );
-   } else if constexpr( requires { value.encodeTo( out ); } ) {
-      value.encodeTo( out );
    } else if constexpr( requires { typename T::ZekFields; } ) {
       T::ZekFields::encode( value, out );
+   } else if constexpr( std::is_same_v< Out, Wire::Encoder > || wireSize< T >() != Wire::varies ) {
+      if constexpr( requires { value.encodeTo( out ); } ) value.encodeTo( out );
+   } else {
+      out.byEncoder( [&]( Wire::Encoder & encoder ) { encodeField( value, encoder ); } );
    }
+}
+
+/// True for an enumerator's number.
+template< class T >
+bool
+isEnumerator( int32_t number ) {
+   // Mostly they count from zero.
+   const auto rows = TypeOf< T >::descriptor.enumerators;
+   const auto index = static_cast< size_t >( number );
+   return ( index < rows.size() && rows[index].value == number ) ||
+          Wire::isEnumerator( TypeOf< T >::descriptor, number );
 }
 
 /// From a Decoder or a FixedReader.
@@ -96,7 +109,7 @@ decodeField( In & in, T & value ) {
       uint32_t number = 0;
       if( !in.u32( number ) ) return false;
       auto signedNumber = static_cast< int32_t >( number );
-      if( !Wire::isEnumerator( TypeOf< T >::descriptor, signedNumber ) ) {
+      if( !isEnumerator< T >( signedNumber ) ) {
          return in.fail( "an enumerator's number" );
       }
       value = static_cast< T >( signedNumber );
@@ -131,6 +144,22 @@ decodeField( In & in, T & value ) {
    }
 }
 
+/// Whether this value is read next; where that takes no more than to compare numbers and texts.
+template< class T >
+bool
+saysField( Wire::Decoder & in, const T & value ) {
+   if constexpr( WireNumber< T > ) {
+      decltype( wireNumber( value ) ) number = 0;
+      return in.number( number, "a number" ) && number == wireNumber( value );
+   } else if constexpr( WireText< T > ) {
+      std::string_view text;
+      return in.text( text ) && text == value.view();
+   } else if constexpr( requires { typename T::ZekFields; } ) {
+      return T::ZekFields::says( in, value );
+   }
+   return false;
+}
+
 /// The fields of a generated value type, by their member pointers.
 template< auto... Field >
 struct Fields {
@@ -144,8 +173,22 @@ struct Fields {
    static bool decode( In & in, Value & value ) {
       return ( decodeField( in, value.*Field ) && ... );
    }
+   template< class Value >
+   static bool says( Wire::Decoder & in, const Value & value ) {
+      return ( saysField( in, value.*Field ) && ... );
+   }
+
+   /// What `each` says of the fields' types, added up.
+   template< class Each >
+   static constexpr size_t sum( Each each ) {
+      return sumOf( each, Field... );
+   }
 
  private:
+   template< class Each, class Value, class... F >
+   static constexpr size_t sumOf( Each each, F Value::*... ) {
+      return ( each( std::type_identity< F >() ) + ... );
+   }
    template< class Value, class... F >
    static constexpr uint8_t sizeOf( F Value::*... ) {
       constexpr size_t sum = ( size_t( Zek::wireSize< F >() ) + ... );

@@ -53,13 +53,7 @@ Decoder::failAt( const char * expected, size_t offset ) {
 
 bool
 isEnumerator( const TypeDescriptor & type, int64_t value ) {
-   // Mostly they count from zero.
-   auto rows = type.enumerators;
-   if( value >= 0 && static_cast< size_t >( value ) < rows.size() &&
-       rows[static_cast< size_t >( value )].value == value ) {
-      return true;
-   }
-   for( const EnumeratorRow & row : rows ) {
+   for( const EnumeratorRow & row : type.enumerators ) {
       if( row.value == value ) return true;
    }
    return false;
