@@ -274,8 +274,12 @@ Sa::serializeCollection( uint16_t attrId ) {
             return false;
          }
          const PtrInterface * next = withMemberKey( row, member, [&]( const void * key ) {
-            // Copied first: writing the member may announce others, but changes no collection.
+            // Both first: writing the member may announce others, but changes no collection.
             c->resync->bookmark = AnyKey( *row.keyType->values, key );
+            const PtrInterface * following = ops.after( entity_, key );
+            if( following && row.keyType->values->prefetch ) {
+               withMemberKey( row, following, row.keyType->values->prefetch );
+            }
             // Changed behind the mark, and now part of the whole.
             auto at = c->keys.find( key );
             const bool removal = at != c->keys.end() && at->second;
@@ -288,7 +292,7 @@ Sa::serializeCollection( uint16_t attrId ) {
             } else {
                sendMember( row, key, false );
             }
-            return ops.after( entity_, key );
+            return following;
          } );
          member = next;
       }

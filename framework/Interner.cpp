@@ -160,6 +160,11 @@ Interner::view( uint32_t index ) {
    return index == 0 ? std::string_view( "" ) : nodeAt( index )->view();
 }
 
+void
+Interner::prefetch( uint32_t index ) {
+   if( index ) __builtin_prefetch( nodeAt( index ) );
+}
+
 size_t
 Interner::texts() {
    return textCount.load( std::memory_order_relaxed );

@@ -48,6 +48,8 @@ class IPSTATE_EXPORT Interner {
 
    /// The text of a handle, valid for the life of the process. A zero byte follows its last one.
    static std::string_view view( uint32_t index );
+   /// Fetches the text of a handle into the cache.
+   static void prefetch( uint32_t index );
 
    /// Texts interned so far, the empty one not counted, and the bytes reserved for them.
    static size_t texts();

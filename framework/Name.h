@@ -45,6 +45,8 @@ class IPSTATE_EXPORT Name {
    /// Valid for the life of the process; a zero byte follows the last one.
    std::string_view view() const { return Interner::view( text_.index ); }
    const char * charPtr() const { return view().data(); }
+   /// Fetches the text into the cache.
+   void prefetch() const { Interner::prefetch( text_.index ); }
    size_t size() const { return view().size(); }
    constexpr bool empty() const { return text_.index == 0; }
    constexpr explicit operator bool() const { return text_.index != 0; }

@@ -98,6 +98,9 @@ struct ValueOps {
    uint8_t wireSize;
    /// Of numbers: their bytes in streams, the first one lowest. Null for all others.
    uint64_t ( *wireBytes )( const void * );
+   /// Fetches into the cache what else must be read to encode the value; null where that is all
+   /// in it.
+   void ( *prefetch )( const void * );
 };
 
 /// One enumerator: name and number.

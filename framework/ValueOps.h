@@ -41,6 +41,12 @@ concept WireNumber = std::is_enum_v< T > || std::is_arithmetic_v< T >;
 template< class T >
 concept WireText = std::is_same_v< T, String > || std::is_same_v< T, Name > || HasBareText< T >;
 
+/// Has more to be read than stands in the value itself.
+template< class T >
+concept Prefetched = requires( const T & value ) {
+   value.prefetch();
+};
+
 template< WireNumber T >
 constexpr auto
 wireNumber( T value ) {
@@ -232,6 +238,9 @@ struct ValueThunks {
       }
       return 0;
    }
+   static void prefetch( const void * p ) {
+      if constexpr( Prefetched< T > ) at( p ).prefetch();
+   }
 };
 
 /// The operations of T as a value.
@@ -253,6 +262,7 @@ inline constexpr ValueOps valueOps = {
    HasBareText< T >,
    wireSize< T >(),
    WireNumber< T > ? &ValueThunks< T >::wireBytes : nullptr,
+   Prefetched< T > ? &ValueThunks< T >::prefetch : nullptr,
 };
 
 } // namespace Zek

@@ -34,6 +34,8 @@ class IPSTATE_EXPORT IntfId {
    /// Valid for the life of the process; a zero byte follows the last one.
    std::string_view view() const { return name_.view(); }
    const char * charPtr() const { return name_.charPtr(); }
+   /// Fetches the text into the cache.
+   void prefetch() const { name_.prefetch(); }
    constexpr bool empty() const { return name_.empty(); }
    constexpr explicit operator bool() const { return !name_.empty(); }
 
