@@ -173,13 +173,9 @@ In::instanceRecord( const FrameHeader & header, Wire::Decoder & body ) {
       return;
    }
    std::string_view key;
+   isProvisional_ = false;
    const bool complete = applyInstance( *sa, *row, header.kind, name, *wire, body, key );
-   if( body.failed() ) return;
-   if( complete ) {
-      dropHeld( header.flow, header.attribute, key );
-   } else {
-      hold( header, key, awaited_, start, size );
-   }
+   if( !body.failed() ) settle( header, key, complete, start, size );
 }
 
 void
@@ -216,6 +212,7 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
    size_t size = body.left();
    std::string_view key;
    bool complete = true;
+   isProvisional_ = false;
    if( !row->collection ) {
       if( header.kind != Kind::value ) {
          body.fail( "an attribute's value" );
@@ -225,12 +222,7 @@ In::entityRecord( Flow & flow, const FrameHeader & header, Wire::Decoder & body 
    } else {
       complete = applyMember( *sa, *row, header.kind, body, key );
    }
-   if( body.failed() ) return;
-   if( complete ) {
-      dropHeld( header.flow, header.attribute, key );
-   } else {
-      hold( header, key, awaited_, start, size );
-   }
+   if( !body.failed() ) settle( header, key, complete, start, size );
 }
 
 In::Reference
@@ -258,6 +250,9 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
    if( tag == pathReference || tag == readersFlowReference ) {
       if( tag == pathReference ) {
          target = EntityUriPath::resolve( adapter_.root(), body );
+         const Sa * sa = target ? adapter_.adaptorOf( *target ) : nullptr;
+         const bool isCopy = sa && sa->flags() & ( Sa::readOnly | Sa::toOwner );
+         isProvisional_ |= isCopy && !sa->flowIn_;
       } else if( Sa * sa = ownFlow( body ) ) {
          target = sa->entity();
       }
@@ -353,7 +348,9 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          item.value = value;
       } else {
          Entity * target;
+         isProvisional_ = false;
          Reference reference = readReference( in, *row->type, target );
+         item.isProvisional = isProvisional_;
          if( !in.failed() && reference != Reference::absent && in.left() ) {
             in.fail( "the end of the value" );
          }
@@ -387,15 +384,14 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          }
          continue;
       }
-      if( !item.value && !settledWithout( sa, *item.row, nullptr ) ) {
-         FrameHeader header{};
-         header.flow = sa.flowIn_;
-         header.attribute = item.row->id;
-         header.kind = Kind::value;
-         hold( header, {}, item.awaited, item.bytes, item.size );
-         continue;
-      }
-      dropHeld( sa.flowIn_, item.row->id, {} );
+      FrameHeader header{};
+      header.flow = sa.flowIn_;
+      header.attribute = item.row->id;
+      header.kind = Kind::value;
+      awaited_ = item.awaited;
+      isProvisional_ = item.isProvisional;
+      settle( header, {}, item.value || settledWithout( sa, *item.row, nullptr ), item.bytes,
+              item.size );
       if( !item.value ) continue;
       // Most of a new instance's attributes are what its constructor made them.
       const AttributeRow & row = *item.row;
@@ -630,6 +626,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       body.fail( "the end of the record" );
       return true;
    }
+   const bool isProvisional = std::exchange( isProvisional_, false );
    if( inDirectory && isTooDeep( *sa.entity_ ) ) {
       ++refused_;
       lastRefusal_ = "'" + EntityUriPath( *sa.entity_ ).text() + "' is as deep as may be";
@@ -642,6 +639,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
       // Perhaps by another mount, which may do more.
       Sa * known = sa.memberAdaptor( row, member );
       if( known->is( Sa::toOwner ) ) known->boundToOwner();
+      isProvisional_ = isProvisional;
       return true;
    }
    flowIs( flow, wire );
@@ -701,6 +699,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
    if( child ) bind( flow.id, *child );
    if( again ) child->boundToOwner( true );
    if( sa.is( Sa::fromPeer ) ) answer( sa, row, key );
+   isProvisional_ = isProvisional;
    return true;
 }
 
@@ -801,6 +800,17 @@ In::sweepAll() {
 
 // -- What waits for what it refers to ---------------------------------------------------------
 
+/// A record that was read waits, or takes the place of one that did.
+void
+In::settle( const FrameHeader & header, std::string_view key, bool complete, const uint8_t * body,
+            size_t size ) {
+   if( !complete || isProvisional_ ) {
+      hold( header, key, complete ? Awaited{} : awaited_, body, size );
+   } else {
+      dropHeld( header.flow, header.attribute, key );
+   }
+}
+
 void
 In::hold( const FrameHeader & header, std::string_view key, Awaited awaited, const uint8_t * body,
           size_t size ) {
@@ -873,6 +883,7 @@ In::overtaken( Sa & sa, const AttributeRow & row, const void * key ) {
 
 void
 In::retryHeld() {
+   bound_ = 0;
    auto waiting = std::move( held_ );
    held_.clear();
    heldBytes_ = 0;
@@ -887,31 +898,38 @@ In::retryHeld() {
       header.attribute = attribute;
       header.kind = held.kind;
       Wire::Decoder body( held.body.data(), held.body.size() );
-      if( held.kind == Kind::instantiate || held.kind == Kind::adopt ) {
-         // Asked for again with all that was passed over meanwhile.
-         FlowName name;
-         if( argumentsThere( *flow.sa, attribute, body, name ) ) {
-            again( id, attribute, key, name.id );
-         } else {
-            held.awaited = awaited_;
-            heldBytes_ += held.body.size();
-            held_[place] = std::move( held );
-         }
-         continue;
+      if( held.kind != Kind::instantiate && held.kind != Kind::adopt ) {
+         entityRecord( flow, header, body );
+      } else if( !retryInstance( *flow.sa, place, body ) ) {
+         held.awaited = isProvisional_ ? Awaited{} : awaited_;
+         heldBytes_ += held.body.size();
+         held_[place] = std::move( held );
       }
-      entityRecord( flow, header, body );
    }
 }
 
+/// False while the instance waits on for its arguments. With them it is asked for again, and so all
+/// that was passed over meanwhile; unless it has turned out to be what stands here.
 bool
-In::argumentsThere( Sa & sa, uint16_t attribute, Wire::Decoder & body, FlowName & flow ) {
+In::retryInstance( Sa & sa, const HeldPlace & place, Wire::Decoder & body ) {
+   const auto & [parent, attribute, keyBytes] = place;
    Scratch scratch;
    const ValueOps & keyOps = *sa.plan_.row( attribute )->keyType->values;
+   void * key = scratch.make( keyOps );
+   FlowName flow;
    if( !flowName( body, flow ) ) return false;
    const WireType * wire = wireType( body );
-   std::vector< const void * > arguments;
-   return wire && keyOps.decode( body, scratch.make( keyOps ) ) &&
-          readArguments( adapter_.plan( *wire->type ), body, scratch, arguments );
+   if( !wire || !keyOps.decode( body, key ) ) return false;
+   Plan & plan = adapter_.plan( *wire->type );
+   std::vector< const void * > arguments{ key };
+   isProvisional_ = false;
+   if( !readArguments( plan, body, scratch, arguments ) || isProvisional_ ) return false;
+   if( Sa * bound = flow.id ? flows_[flow.id].sa : nullptr ) {
+      if( isSame( *bound->entity_, plan, arguments ) ) return true;
+      unbind( *bound );
+   }
+   again( parent, attribute, keyBytes, flow.id );
+   return true;
 }
 
 void

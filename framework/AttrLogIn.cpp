@@ -116,8 +116,8 @@ In::receive( const void * bytes, size_t count ) {
       }
       applied_ += header.length;
    }
-   if( boundSomething_ && !held_.empty() ) retryHeld();
-   boundSomething_ = false;
+   // While a dump goes on, no oftener than pays.
+   if( bound_ && ( !openDumps_ || bound_ >= held_.size() ) ) retryHeld();
    receiving.reset();
    // Else it goes ahead of what is written next.
    if( adapter_.peerWrites_ && adapter_.out_.hasSufficientBuffer() ) acknowledge();
@@ -231,7 +231,10 @@ In::control( uint16_t message, Wire::Decoder & body ) {
          body.fail( "the end of a dump that began" );
          return;
       }
-      if( --openDumps_ == 0 ) sweepAll();
+      if( --openDumps_ == 0 ) {
+         retryHeld(); // and so mention what waited
+         sweepAll();
+      }
       adapter_.owner_.onDump( id, true );
       return;
    }
@@ -362,7 +365,7 @@ In::bind( uint32_t id, Sa & sa ) {
    unbind( sa );
    flows_[id].saIs( &sa );
    sa.flowIn_ = id;
-   boundSomething_ = true;
+   ++bound_;
    if( sa.is( Sa::toOwner ) ) sa.boundToOwner();
 }
 

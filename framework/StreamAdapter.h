@@ -141,6 +141,7 @@ class IPSTATE_EXPORT In {
       const uint8_t * bytes;
       uint32_t size;
       Awaited awaited = {};
+      bool isProvisional = false;
    };
    /// A flow as an instance names it: its number, and that of its next record.
    struct FlowName {
@@ -177,8 +178,8 @@ class IPSTATE_EXPORT In {
    /// null stands.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
-   bool argumentsThere( Entity::ZekNboAttrLogSa & sa, uint16_t attribute, Wire::Decoder & body,
-                        FlowName & flow );
+   bool retryInstance( Entity::ZekNboAttrLogSa & sa, const HeldPlace & place,
+                       Wire::Decoder & body );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
    bool isAnswered( const Entity * member, const Plan & plan,
@@ -208,6 +209,8 @@ class IPSTATE_EXPORT In {
    void remove( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    bool settledWithout( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void overtaken( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void settle( const FrameHeader & header, std::string_view key, bool complete,
+                const uint8_t * body, size_t size );
    void hold( const FrameHeader & header, std::string_view key, Awaited awaited,
               const uint8_t * body, size_t size );
    void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
@@ -237,7 +240,7 @@ class IPSTATE_EXPORT In {
    size_t applied_ = 0; // bytes of buffer_, while it is receiving
    bool receiving_ = false;
    bool closed_ = false;
-   bool boundSomething_ = false;
+   size_t bound_ = 0;              // flows, since what waits was tried last
    Handling * handling_ = nullptr; // the innermost
    bool answered_ = false;         // the last change was changed again by a reaction to it
    uint32_t controlSequence_ = firstSequence;
@@ -250,6 +253,9 @@ class IPSTATE_EXPORT In {
    std::vector< Flow > flows_;
    std::map< HeldPlace, Held > held_;
    Awaited awaited_; // by the last reference that was absent
+   /// The last record refers by path to what is left from an earlier connection: another may come
+   /// in its place. So it counts, and waits too.
+   bool isProvisional_ = false;
    size_t heldBytes_ = 0;
    std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;

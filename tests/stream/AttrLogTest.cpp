@@ -359,6 +359,35 @@ TEST( AttrLog, theSequenceStartsAgainWithEverything ) {
    }
 }
 
+TEST( AttrLog, aReferenceAheadOfItsTargetsDumpMeansWhatThatBrings ) {
+   Joined world;
+   const Velon::IntfId id( "Ethernet1" );
+   auto all = world.source->dirIs( "all" );
+   auto l3 = L3::Intf::Input::statusDirFactory( "l3" );
+   auto input = Ip::Input::statusFactory( "input" );
+   auto status = Ip::statusFactory( "status" );
+   all->entityIs( l3 );
+   all->entityIs( input );
+   all->entityIs( status );
+   auto up = l3->intfStatusIs( id );
+   status->ipIntfStatusIs( input->ipIntfStatusIs( id, nullptr ) );
+   // The reader knows the target from before; the dump that replaces it comes last.
+   world.mount( "all/status", "Ip::Status" );
+   world.mount( "all/input", "Ip::Input::Status" );
+   world.mount( "all/l3", "L3::Intf::Input::StatusDir" );
+   world.connect();
+   world.server.disconnected();
+   world.client.disconnected();
+   status->ipIntfStatusDel( id );
+   input->ipIntfStatusDel( id );
+   status->ipIntfStatusIs( input->ipIntfStatusIs( id, up ) );
+   world.connect();
+   auto copyOf = [&]( const char * path ) { return world.copy->entityAt( path ); };
+   auto replica = Zek::ptrCast< Ip::Input::Status >( copyOf( "all/input" ) )->ipIntfStatus( id );
+   ASSERT_TRUE( replica && replica->l3Status() );
+   EXPECT_EQ( Zek::ptrCast< Ip::Status >( copyOf( "all/status" ) )->ipIntfStatus( id ), replica );
+}
+
 TEST( AttrLog, mountsAreRefusedInWords ) {
    Joined world;
    world.source->dirIs( "ip" );

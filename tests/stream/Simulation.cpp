@@ -98,6 +98,7 @@ class World {
 
    void step( uint32_t what );
    void change( uint32_t tree, Entity & top );
+   void fill( Random & random, Entity & top, int changes );
    void changed( uint32_t tree, const Change & change );
    Change changeCopy( Link & link, Entity & top );
    void cross();
@@ -155,7 +156,7 @@ World::World( const Schedule & schedule, Situations & situations )
    if( random_.oneIn( 2 ) ) {
       for( const char * name : { "L3::Intf::StatusDir", "Ip::Input::Status" } ) {
          Entity::Ptr made = all->entityIs( name, Name( name ) );
-         for( int n = 0; n < 12; ++n ) mutate( random_, *made, false );
+         fill( random_, *made, 12 );
       }
    }
    for( uint32_t i = 1; i < trees; ++i ) {
@@ -177,6 +178,15 @@ World::World( const Schedule & schedule, Situations & situations )
       if( which < 2 ) mount( "all/" + child, child );
       // What members of the others refer to, from a mount of its own.
       if( !which ) mount( "all/L3::Intf::StatusDir", "L3::Intf::StatusDir" );
+      // And what refers to members of the child, ahead of it.
+      Random more( mix( schedule.seed, i ) );
+      if( !which && child == "Ip::Input::Status" && more.oneIn( 2 ) ) {
+         const char * type = "Ip::Status";
+         link.mounts.emplace( link.mounts.begin(), String( std::string( "all/" ) + type ),
+                              String( type ), "r", Kelmo::MountFilter( false ) );
+         Entity::Ptr status = all->entityIs( type, Name( type ) );
+         fill( more, *status, 12 );
+      }
       if( which == 1 && random_.oneIn( 2 ) ) std::swap( link.mounts.front(), link.mounts.back() );
       if( random_.oneIn( 2 ) ) link.capacity = 1 + random_.below( 3000 );
       std::string how = "tree " + std::to_string( i ) + " of " + std::to_string( from ) +
@@ -260,6 +270,15 @@ World::change( uint32_t tree, Entity & top ) {
 }
 
 /// Looks at what a change left in the flows.
+/// Before anyone follows.
+void
+World::fill( Random & random, Entity & top, int changes ) {
+   for( ; changes; --changes ) {
+      const Change made = mutate( random, top, false );
+      if( made.refused ) untold_.insert( placeOf( *made.entity, *made.row, nullptr ) );
+   }
+}
+
 void
 World::changed( uint32_t tree, const Change & change ) {
    log( change.text );
@@ -455,9 +474,7 @@ World::restart( uint32_t tree ) {
    if( tree == 0 ) {
       reached( same ? Situation::restartedSame : Situation::restartedOther );
       fresh->dirIs( "all" );
-      if( !same ) {
-         for( int i = 0; i < 20; ++i ) mutate( random_, *fresh->entity( "all" ), false );
-      }
+      if( !same ) fill( random_, *fresh->entity( "all" ), 20 );
    }
    for( auto & link : links_ ) {
       if( link->source != tree && link->copy != tree ) continue;
