@@ -118,11 +118,12 @@ struct Quota {
    uint32_t recordBytes = 16 << 20;
    uint32_t flows = 1 << 24;
    uint32_t types = 1024;
-   uint32_t attributes = 1024;  // of a type
-   uint32_t reserved = 1 << 20; // members that tables are made large enough for beforehand
-   uint32_t held = 1 << 20;     // references and instances that wait for their target
-   size_t heldBytes = 64 << 20; // of theirs
-   uint32_t depth = 64;         // of directories in directories, the root included
+   uint32_t attributes = 1024;   // of a type
+   uint32_t reserved = 1 << 20;  // members that tables are made large enough for beforehand
+   uint32_t held = 1 << 20;      // references and instances that wait for their target
+   size_t heldBytes = 64 << 20;  // of theirs
+   size_t nameBytes = 256 << 20; // of names that are new, each of which is kept for good
+   uint32_t depth = 64;          // of directories in directories, the root included
 };
 
 /// How the attributes of a type are streamed; made once per type and adapter.

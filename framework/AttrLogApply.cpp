@@ -935,11 +935,28 @@ In::retryInstance( Sa & sa, const HeldPlace & place, Wire::Decoder & body ) {
 void
 In::again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow ) {
    if( flow ) flows_[flow].asked = true;
-   Wire::Encoder body = adapter_.out_.control( againControl );
-   body.u32( parent );
-   body.u16( attribute );
-   body.bytes( key.data(), key.size() );
-   adapter_.out_.controlEnd();
+   if( wanted_.size() >= quota.held || key.size() > quota.heldBytes - wantedBytes_ ) {
+      FrameHeader header{};
+      header.flow = parent;
+      header.attribute = attribute;
+      malformed( header, "fewer members that are wanted again", 0 );
+   }
+   if( wanted_.emplace( parent, attribute, key ).second ) wantedBytes_ += key.size();
+   askAgain();
+}
+
+void
+In::askAgain() {
+   while( !wanted_.empty() && adapter_.out_.hasSufficientBuffer() ) {
+      const auto place = wanted_.extract( wanted_.begin() );
+      const auto & [parent, attribute, key] = place.value();
+      wantedBytes_ -= key.size();
+      Wire::Encoder body = adapter_.out_.control( againControl );
+      body.u32( parent );
+      body.u16( attribute );
+      body.bytes( key.data(), key.size() );
+      adapter_.out_.controlEnd();
+   }
 }
 
 } // namespace NboAttrLog

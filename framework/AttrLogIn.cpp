@@ -1,6 +1,7 @@
 #include "framework/AttrLogIn.h"
 
 #include "framework/Generic.h"
+#include "framework/Interner.h"
 
 #include <algorithm>
 #include <cstring>
@@ -29,7 +30,8 @@ In::reset() {
    types_.clear();
    flows_.clear();
    held_.clear();
-   heldBytes_ = 0;
+   wanted_.clear();
+   heldBytes_ = wantedBytes_ = nameBytes_ = 0;
    wholes_.clear();
    sweeps_.clear();
    roots_.clear();
@@ -81,6 +83,7 @@ In::receive( const void * bytes, size_t count ) {
       }
    };
    std::optional< Receiving > receiving( std::in_place, *this );
+   const size_t names = Interner::bytes();
    size_t ahead = 0;
    for( int i = 0; i < framesAhead; ++i ) fetchAhead( ahead );
    while( buffer_.size() - applied_ >= FrameHeader::size ) {
@@ -116,6 +119,8 @@ In::receive( const void * bytes, size_t count ) {
       }
       applied_ += header.length;
    }
+   nameBytes_ += Interner::bytes() - names;
+   if( nameBytes_ > quota.nameBytes ) malformed( FrameHeader{}, "fewer names", 0 );
    // While a dump goes on, no oftener than pays.
    if( bound_ && ( !openDumps_ || bound_ >= held_.size() ) ) retryHeld();
    receiving.reset();

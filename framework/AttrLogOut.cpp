@@ -72,6 +72,7 @@ Out::unqueue( FlowOut & flow ) {
 bool
 Out::drain() {
    if( hasSufficientBuffer() ) acknowledgeFirst();
+   adapter_.in_.askAgain();
    if( !adapter_.writeExports() ) return false;
    while( queueHead_ && hasSufficientBuffer() ) {
       FlowOut & flow = *queueHead_;
@@ -83,7 +84,7 @@ Out::drain() {
 
 bool
 Out::isClean() const {
-   return !queueHead_ && !adapter_.exportsWait() &&
+   return !queueHead_ && adapter_.in_.wanted_.empty() && !adapter_.exportsWait() &&
           !( adapter_.peerWrites_ && adapter_.in_.owesAcknowledgement() );
 }
 

@@ -172,13 +172,7 @@ Interner::texts() {
 
 size_t
 Interner::bytes() {
-   size_t sum = 0;
-   for( unsigned c = 0; c < chunkCount; ++c ) {
-      if( chunks[c].load( std::memory_order_relaxed ) ) {
-         sum += ( chunkEnd( c ) - chunkBegin( c ) ) * unit;
-      }
-   }
-   return sum;
+   return nextUnit.load( std::memory_order_relaxed ) * unit;
 }
 
 } // namespace Zek

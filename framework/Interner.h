@@ -51,7 +51,7 @@ class IPSTATE_EXPORT Interner {
    /// Fetches the text of a handle into the cache.
    static void prefetch( uint32_t index );
 
-   /// Texts interned so far, the empty one not counted, and the bytes reserved for them.
+   /// Texts interned so far, the empty one not counted, and the bytes that they take.
    static size_t texts();
    static size_t bytes();
 };

@@ -14,6 +14,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -217,6 +218,7 @@ class IPSTATE_EXPORT In {
    void dropHeld( uint32_t flow, uint16_t first, uint16_t last );
    void retryHeld();
    void again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow );
+   void askAgain();
    void sendAgain( Wire::Decoder & body );
    /// Tells the peer, where it may write, how much has been read.
    void acknowledge();
@@ -257,6 +259,9 @@ class IPSTATE_EXPORT In {
    /// in its place. So it counts, and waits too.
    bool isProvisional_ = false;
    size_t heldBytes_ = 0;
+   std::set< HeldPlace > wanted_;   // to be asked for again when there is room
+   size_t wantedBytes_ = 0;         // of their keys
+   size_t nameBytes_ = 0;           // of names that are new since the connection was made
    std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;
    std::vector< Sweep > sweeps_;

@@ -524,6 +524,45 @@ TEST( Hostile, whatWaitsGoesWithItsFlow ) {
    }
 }
 
+TEST( Hostile, whatIsWantedAgainWaitsForRoom ) {
+   Peer peer;
+   for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
+      peer.declare( type );
+   }
+   peer.root();
+   peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+   const Body absent = path( 1, { { Zek::entityAttr, "absent" } } );
+   for( uint32_t flow = 3; flow < 253; ++flow ) {
+      const std::string key = "e" + std::to_string( flow );
+      EXPECT_EQ( peer.instance( 2, 259, flow, 3, key, absent ), "" );
+      EXPECT_EQ( peer.instance( 2, 259, flow, 3, key, []( auto & out ) { out.u8( 0 ); } ), "" );
+   }
+   Kelmo::Session & session = peer.world.session();
+   size_t written = session.output().size();
+   EXPECT_LE( written, 4200u );
+   EXPECT_FALSE( session.isAtRest() );
+   while( !session.output().empty() ) {
+      session.carried( session.output().size() );
+      session.drain();
+      written += session.output().size();
+   }
+   EXPECT_GT( written, 250u * 35 );
+   EXPECT_TRUE( peer.in().held() == 0 && session.adapter().nboAttrLogOut().isClean() );
+}
+
+TEST( Hostile, namesAreNotMadeWithoutEnd ) {
+   Peer peer;
+   peer.declare( "Zek::Dir" );
+   peer.root();
+   peer.in().quota.nameBytes = 1 << 20;
+   std::string said;
+   for( uint32_t flow = 2; flow < 600 && said.empty(); ++flow ) {
+      said = peer.instance( 1, Zek::entityAttr, flow, 1,
+                            std::string( 4096, 'n' ) + std::to_string( flow ) );
+   }
+   EXPECT_EQ( said, "flow 0, attribute 0, offset 0: expected fewer names" );
+}
+
 TEST( Hostile, directoriesAreAsDeepAsMayBe ) {
    Interface w;
    for( uint32_t flow = 4; flow < 100; ++flow ) {
