@@ -61,13 +61,15 @@ constexpr int framesAhead = 8;
 
 void
 In::receive( const void * bytes, size_t count ) {
+   if( count ) std::memcpy( room( count ), bytes, count );
+   arrived( count );
+}
+
+void
+In::arrived( size_t count ) {
    if( closed_ ) throw StreamException( "the stream was closed by a malformed record" );
-   if( receiving_ ) {
-      // From a callback of a mutator: the loop that called it goes on with them.
-      late_.append( bytes, count );
-      return;
-   }
-   buffer_.append( bytes, count );
+   incoming().written( count );
+   if( receiving_ ) return;
    struct Receiving {
       In & in;
       explicit Receiving( In & receiver ) : in( receiver ) {

@@ -62,6 +62,9 @@ class IPSTATE_EXPORT In {
    /// Takes bytes and applies every record that is complete. Throws StreamException; nothing
    /// more is taken then.
    void receive( const void * bytes, size_t count );
+   /// The same without a copy: where up to `bytes` may be put, and then that so many were.
+   uint8_t * room( size_t bytes ) { return incoming().room( bytes ); }
+   void arrived( size_t count );
 
    uint64_t records() const { return records_; }
    /// Records that a mutator refused, and the text of the last refusal.
@@ -235,6 +238,10 @@ class IPSTATE_EXPORT In {
    template< class Change >
    bool change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
                 const void * value, bool instance, Change change );
+
+   /// While a record is applied, bytes can come from a callback of a mutator only: the loop that
+   /// called it goes on with them.
+   Wire::Buffer & incoming() { return receiving_ ? late_ : buffer_; }
 
    StreamAdapter & adapter_;
    Wire::Buffer buffer_;

@@ -161,6 +161,12 @@ Session::receive( const void * bytes, size_t count ) {
 }
 
 void
+Session::arrived( size_t count ) {
+   adapter_.nboAttrLogIn().arrived( count );
+   drain();
+}
+
+void
 Session::carried( size_t bytes ) {
    adapter_.nboAttrLogOut().consume( bytes );
    drain();

@@ -20,7 +20,7 @@
 
 namespace Kelmo {
 
-/// What a session tells its owner. Called from receive() and from mutators of the tree.
+/// What a session tells its owner. Called from receive(), arrived() and from mutators of the tree.
 class IPSTATE_EXPORT SessionOwner {
  public:
    virtual ~SessionOwner();
@@ -56,6 +56,9 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
 
    /// Bytes that came. Throws StreamException when they are no stream: disconnect then.
    void receive( const void * bytes, size_t count );
+   /// The same without a copy: where up to `bytes` may be put, and then that so many were.
+   uint8_t * room( size_t bytes ) { return adapter_.nboAttrLogIn().room( bytes ); }
+   void arrived( size_t count );
    /// Bytes to carry, and what was carried. Taking some away lets more be written.
    const Zek::Wire::Buffer & output() const { return out().buffer(); }
    void carried( size_t bytes );

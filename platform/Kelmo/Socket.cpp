@@ -94,9 +94,8 @@ Connection::Connection( Session & session, Descriptor socket, int epoll, void * 
 
 bool
 Connection::read() {
-   char part[partBytes];
    for( int parts = 0; parts < mostParts; ++parts ) {
-      ssize_t count = recv( socket_.fd(), part, sizeof part, 0 );
+      ssize_t count = recv( socket_.fd(), session_.room( partBytes ), partBytes, 0 );
       if( count < 0 ) {
          if( errno == EINTR ) continue;
          if( errno == EAGAIN || errno == EWOULDBLOCK ) break;
@@ -105,8 +104,8 @@ Connection::read() {
       }
       if( count == 0 ) return false;
       everRead_ = true;
-      session_.receive( part, static_cast< size_t >( count ) );
-      if( static_cast< size_t >( count ) < sizeof part ) break;
+      session_.arrived( static_cast< size_t >( count ) );
+      if( static_cast< size_t >( count ) < partBytes ) break;
       if( session_.output().size() > mostWaiting_ ) break;
    }
    return true;
