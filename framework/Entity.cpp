@@ -370,7 +370,7 @@ constexpr ParameterRow dirParameters[] = { Rows::argument< Name >( "name" ) };
 constexpr GenericIf entityGenericIf( Entity::zekTypeDescriptor_ );
 constexpr GenericIf dirGenericIf( Dir::zekTypeDescriptor_ );
 
-class DirRelay final : public Relay< Entity::NotifieeConst > {
+class DirRelay final : public Relay< Dir > {
  public:
    using Relay::Relay;
    void onEntity( const String & key ) override { changed( entityAttr, &key ); }
@@ -409,7 +409,7 @@ constinit const TypeDescriptor Dir::zekTypeDescriptor_ = {
    .enumerators = {},
    .constructorParameters = dirParameters,
    .create = &Rows::createBy< &dirFactory >,
-   .relay = &makeRelay< DirRelay, Dir >,
+   .relay = &makeRelay< DirRelay >,
    .allocations = &Dir::allocTrackTypeInfo_,
    .genericIf = &dirGenericIf,
 };

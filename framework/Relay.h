@@ -12,17 +12,15 @@
 
 namespace Zek {
 
-template< class N >
-class Relay : public N {
+/// `T`: the type whose callbacks it has, which is that of the object or a base of it.
+template< class T >
+class Relay : public T::NotifieeConst {
  public:
-   /// `type`: the one whose callbacks N has, which is that of the object or a base of it.
-   Relay( const TypeDescriptor & type, AttributeSink & sink ) : type_( type ), sink_( sink ) {
-      sink.onRelay( head_ );
-   }
+   explicit Relay( AttributeSink & sink ) : sink_( sink ) { sink.onRelay( head_ ); }
 
    AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline constinit AllocTrackTypeInfo allocTrackTypeInfo_{
-      "Zek::Relay", sizeof( N ) + 16 + sizeof( NboAttrLog::FlowHead )
+      "Zek::Relay", sizeof( typename T::NotifieeConst ) + 8 + sizeof( NboAttrLog::FlowHead )
    };
 
    AttributeSink * zekSink() const override { return &sink_; }
@@ -33,7 +31,7 @@ class Relay : public N {
    ~Relay() override = default;
 
    void changed( uint16_t attributeId ) {
-      const AttributeRow & row = this->row( attributeId );
+      const AttributeRow & row = Relay::row( attributeId );
       if( head_.open && head_.writeAtOnce( *this->template notifierPtr< Notifier >(), row ) ) {
          return;
       }
@@ -44,22 +42,22 @@ class Relay : public N {
    }
 
  private:
-   const AttributeRow & row( uint16_t attributeId ) const {
-      if( attributeId < firstTypedAttr ) return *type_.attribute( attributeId );
-      const AttributeRow * own = type_.attributes.data();
+   static const AttributeRow & row( uint16_t attributeId ) {
+      const TypeDescriptor & type = T::zekTypeDescriptor_;
+      if( attributeId < firstTypedAttr ) return *type.attribute( attributeId );
+      const AttributeRow * own = type.attributes.data();
       return own[attributeId - own->id];
    }
 
-   const TypeDescriptor & type_;
    AttributeSink & sink_;
    NboAttrLog::FlowHead head_;
 };
 
-/// Makes a relay of type R, attached to `object` (a T) and registered.
-template< class R, class T >
+/// Makes a relay of type R, attached to `object` and registered.
+template< class R >
 Ptr< PtrInterface >
 makeRelay( const PtrInterface & object, AttributeSink & sink ) {
-   auto relay = allocate< R >( T::zekTypeDescriptor_, sink );
+   auto relay = allocate< R >( sink );
    relay->notifierIs( &object );
    relay->isRegisteredNotifieeIs( true );
    return relay;

@@ -859,7 +859,7 @@ $Self$::Notifiee::notifier() const {
 )",
                                       h );
       h["relay"] = fill( R"(// Forwards every change by number.
-class $Relay$ final : public Zek::Relay< $Self$::NotifieeConst > {
+class $Relay$ final : public Zek::Relay< $Self$ > {
  public:
    using Relay::Relay;
 $entityRelay$
@@ -870,7 +870,7 @@ $relayLines$
                          h );
       // A nested class has its place in the header; any other is this file's own.
       if( !isStreamed( type ) ) h["relay"] = "namespace {\n\n" + h["relay"] + "} // namespace\n\n";
-      h["relayThunk"] = fill( "&Zek::makeRelay< $Relay$, $Self$ >", h );
+      h["relayThunk"] = fill( "&Zek::makeRelay< $Relay$ >", h );
    } else if( extends ) {
       h["relayThunk"] = "nullptr"; // the base's, found through the descriptor
    }
