@@ -378,10 +378,8 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
    for( const Item & item : items ) {
       if( !sa.entity_ ) return; // a reaction removed it
       if( item.row->collection ) {
-         if( item.row->collection->count( entity.ptr() ) ) {
-            beginWhole( sa, *item.row, 0 );
-            endWhole( sa, *item.row );
-         }
+         beginWhole( sa, *item.row, 0 );
+         endWhole( sa, *item.row );
          continue;
       }
       FrameHeader header{};
@@ -708,6 +706,7 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
 void
 In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
    std::erase_if( wholes_, [&]( auto & w ) { return w.sa.ptr() == &sa && w.row == &row; } );
+   dropHeld( sa.flowIn_, row.id, row.id ); // told again, or absent
    if( row.collection->count( sa.entity_ ) == 0 && !sa.is( Sa::fromPeer ) ) {
       // Nothing can be left over. They come in the order of the table, which would be one long run
       // in a table that grows.

@@ -284,6 +284,7 @@ World::changed( uint32_t tree, const Change & change ) {
    log( change.text );
    if( !change.row ) return;
    if( change.otherwise ) reached( Situation::madeOtherwise );
+   scribbled_ |= change.readOnly;
    if( change.refused ) {
       reached( Situation::rejectedValue );
       untold_.insert( placeOf( *change.entity, *change.row, nullptr ) );

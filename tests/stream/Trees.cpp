@@ -203,6 +203,9 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
    } catch( const RangeException & e ) {
       change.refused = true;
       refusal = e.what();
+   } catch( const ReadOnlyException & e ) {
+      change.readOnly = true;
+      refusal = e.what();
    } catch( const std::exception & e ) {
       refusal = e.what();
    }

@@ -26,6 +26,7 @@ struct Change {
    const Zek::AttributeRow * row = nullptr;
    Zek::AnyKey key;        // of a member
    bool refused = false;   // out of range: what was stored was told to nobody
+   bool readOnly = false;  // stored, told to nobody, and there until the next dump
    bool otherwise = false; // a member was made again with other constructor arguments
    std::string text;       // when asked for
 };
