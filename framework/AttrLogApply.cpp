@@ -120,10 +120,11 @@ class In::Taker final : public StateTaker {
    bool rest( Wire::Decoder & body ) override {
       if( body.left() != plan_.collections.size() ) return false;
       const uint8_t * isEmpty = body.at();
-      return std::all_of( plan_.collections.begin(), plan_.collections.end(), [&]( auto * row ) {
+      for( const AttributeRow * row : plan_.collections ) {
          const uint8_t said = *isEmpty++;
-         return said == 0 || ( said == 1 && !row->collection->count( flow_.entity ) );
-      } );
+         if( said > 1 || ( said && row->collection->count( flow_.entity ) ) ) return false;
+      }
+      return true;
    }
    void refused( uint16_t attribute ) override {
       in_.guarded( [] { throw; } );

@@ -113,6 +113,9 @@ class Said {
    using Object = typename A::Object;
    using Value = typename A::Value;
 
+   /// Spelled out, and numbers without a value at first: nothing is cleared that is written anyway.
+   Said() {}
+
    /// False where it is no such value.
    bool decode( Wire::FixedReader & in, const Object & object ) requires( A::isFixed ) {
       if constexpr( A::onlyStores ) return decodeField( in, value_ );
@@ -131,11 +134,13 @@ class Said {
    }
    bool decode( Wire::Decoder & in,
                 const Object & object ) requires( A::size == Wire::countsItself ) {
-      Wire::Decoder again( in );
+      const uint8_t * start = in.at();
       std::string_view text;
       if( !in.text( text ) ) return false;
       differs_ = A::of( object ).view() != text;
-      return !differs_ || decodeField( again, value_ );
+      if( !differs_ ) return true;
+      Wire::Decoder again( start, static_cast< size_t >( in.at() - start ) );
+      return decodeField( again, value_ );
    }
    bool decode( Wire::Decoder & in, const Object & object ) requires( A::size == Wire::varies ) {
       const Value & here = A::of( object );
@@ -155,7 +160,7 @@ class Said {
    }
 
  private:
-   Value value_{};
+   Value value_;
    bool differs_ = false;
 };
 
