@@ -7,10 +7,16 @@
 
 #include <cstddef>
 #include <exception>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace Zek::NboAttrLog {
+
+inline std::string_view
+bytesBetween( const uint8_t * begin, const uint8_t * end ) {
+   return { reinterpret_cast< const char * >( begin ), static_cast< size_t >( end - begin ) };
+}
 
 /// While it lives, the adaptor knows which change arrived from the log.
 class In::Handles {
