@@ -26,8 +26,11 @@ In::hold( const FrameHeader & header, std::string_view key, Awaited awaited, con
    if( held_.size() >= quota.held || size > quota.heldBytes - heldBytes_ ) {
       malformed( header, "fewer references that wait", 0 );
    }
+   const bool isInstance = header.kind == Kind::instantiate || header.kind == Kind::adopt;
+   const uint32_t names = isInstance ? Wire::numberAt< uint32_t >( body ) : 0;
+   const uint32_t incarnation = names ? flows_[names].incarnation : 0;
    held_[{ header.flow, header.attribute, std::string( key ) }] = {
-      header.kind, awaited, std::vector< uint8_t >( body, body + size )
+      header.kind, awaited, incarnation, std::vector< uint8_t >( body, body + size )
    };
    heldBytes_ += size;
 }
@@ -105,10 +108,10 @@ In::retryHeld() {
       header.flow = id;
       header.attribute = attribute;
       header.kind = held.kind;
-      Wire::Decoder body( held.body.data(), held.body.size() );
       if( held.kind != Kind::instantiate && held.kind != Kind::adopt ) {
+         Wire::Decoder body( held.body.data(), held.body.size() );
          entityRecord( flow, header, body );
-      } else if( !retryInstance( *flow.sa, place, body ) ) {
+      } else if( !retryInstance( *flow.sa, place, held ) ) {
          held.awaited = isProvisional_ ? Awaited{} : awaited_;
          heldBytes_ += held.body.size();
          held_[place] = std::move( held );
@@ -117,15 +120,18 @@ In::retryHeld() {
 }
 
 /// False while the instance waits on for its arguments. With them it is asked for again, and so all
-/// that was passed over meanwhile; unless it has turned out to be what stands here.
+/// that was passed over meanwhile; unless it has turned out to be what stands here, or is gone:
+/// then another has its flow's number.
 bool
-In::retryInstance( Sa & sa, const HeldPlace & place, Wire::Decoder & body ) {
+In::retryInstance( Sa & sa, const HeldPlace & place, const Held & held ) {
    const auto & [parent, attribute, keyBytes] = place;
    Scratch scratch;
    const ValueOps & keyOps = *sa.plan_.row( attribute )->keyType->values;
    void * key = scratch.make( keyOps );
+   Wire::Decoder body( held.body.data(), held.body.size() );
    FlowName flow;
    if( !flowName( body, flow ) ) return false;
+   if( flow.id && flows_[flow.id].incarnation != held.incarnation ) return true;
    const WireType * wire = wireType( body );
    if( !wire || !keyOps.decode( body, key ) ) return false;
    Plan & plan = adapter_.plan( *wire->type );

@@ -126,6 +126,7 @@ class IPSTATE_EXPORT In {
    struct Held {
       Kind kind;
       Awaited awaited;
+      uint32_t incarnation; // of the flow that an instance names
       std::vector< uint8_t > body;
    };
    struct Whole {
@@ -182,8 +183,7 @@ class IPSTATE_EXPORT In {
    /// null stands.
    bool readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                        std::vector< const void * > & arguments );
-   bool retryInstance( Entity::ZekNboAttrLogSa & sa, const HeldPlace & place,
-                       Wire::Decoder & body );
+   bool retryInstance( Entity::ZekNboAttrLogSa & sa, const HeldPlace & place, const Held & held );
    bool isSame( const Entity & entity, const Plan & plan,
                 const std::vector< const void * > & arguments ) const;
    bool isAnswered( const Entity * member, const Plan & plan,
