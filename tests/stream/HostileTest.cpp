@@ -147,6 +147,17 @@ struct Interface : Peer {
    }
 };
 
+/// A root of flow 1 and a status of flow 2, whose interfaces are of type 3.
+struct Statuses : Peer {
+   Statuses() {
+      for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
+         declare( type );
+      }
+      root();
+      instance( 1, Zek::entityAttr, 2, 2, "status" );
+   }
+};
+
 } // namespace
 
 TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
@@ -376,12 +387,7 @@ TEST( Hostile, setsAndKeyedValuesAreChecked ) {
    for( const auto & [key, second, expected] :
         { std::tuple( "aaab", "b", "a value with the key it stands under" ),
           std::tuple( "aaaa", "a", "keys in ascending order" ), std::tuple( "aaaa", "b", "" ) } ) {
-      Peer peer;
-      for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
-         peer.declare( type );
-      }
-      peer.root();
-      peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+      Statuses peer;
       peer.instance( 2, 259, 3, 3, "e1", []( auto & out ) { out.u8( 0 ); } );
       const std::string said = peer.send( 3, idOf( "Ip::IpIntfStatus", "mcaddr" ), Kind::value,
                                           [key = key, second = second]( auto & out ) {
@@ -495,12 +501,7 @@ TEST( Hostile, aPathThatLeadsNowhereWaits ) {
 }
 
 TEST( Hostile, whatWaitsGoesWithItsFlow ) {
-   Peer peer;
-   for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
-      peer.declare( type );
-   }
-   peer.root();
-   peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+   Statuses peer;
    const Body absent = path( 1, { { Zek::entityAttr, "absent" } } );
    peer.instance( 2, 259, 3, 3, "e1", absent );
    EXPECT_EQ( peer.in().held(), 1u );
@@ -509,14 +510,9 @@ TEST( Hostile, whatWaitsGoesWithItsFlow ) {
 
    // In number and size what waits is bounded.
    for( bool bytes : { false, true } ) {
-      Peer other;
+      Statuses other;
       Quota & quota = other.in().quota;
       bytes ? quota.heldBytes = 100 : quota.held = 1;
-      for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
-         other.declare( type );
-      }
-      other.root();
-      other.instance( 1, Zek::entityAttr, 2, 2, "status" );
       EXPECT_EQ( other.instance( 2, 259, 3, 3, "e1", absent ), "" );
       EXPECT_EQ( other.instance( 2, 259, 4, 3, bytes ? std::string( 100, 'x' ) : "e2", absent ),
                  "'all/status', attribute ipIntfStatus, offset 0: "
@@ -525,12 +521,7 @@ TEST( Hostile, whatWaitsGoesWithItsFlow ) {
 }
 
 TEST( Hostile, whatIsWantedAgainWaitsForRoom ) {
-   Peer peer;
-   for( const char * type : { "Zek::Dir", "Ip::Input::Status", "Ip::IpIntfStatus" } ) {
-      peer.declare( type );
-   }
-   peer.root();
-   peer.instance( 1, Zek::entityAttr, 2, 2, "status" );
+   Statuses peer;
    const Body absent = path( 1, { { Zek::entityAttr, "absent" } } );
    for( uint32_t flow = 3; flow < 253; ++flow ) {
       const std::string key = "e" + std::to_string( flow );
