@@ -99,7 +99,7 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// any step is missing. The empty path is this entity.
    Zek::Ptr< Entity > entityAt( std::string_view path ) const;
 
-   /// Streams the changes of this entity to other processes (framework/AttrLog.h).
+   /// Streams the changes of this entity to other processes (framework/attrlog/AttrLog.h).
    class ZekNboAttrLogSa;
    /// The adaptor that streams this entity to `out`, made if there is none: one per entity and
    /// stream. Null for a type without attribute log. `flags`: of ZekNboAttrLogSa::Flag, added

@@ -247,8 +247,8 @@ struct TypeDescriptor {
    /// Its companion, which serves requests by attribute number; null for builtins and values
    /// written by hand, which have no attributes.
    const GenericIf * genericIf = nullptr;
-   /// Makes the adaptor that streams an entity's changes (framework/AttrLog.h). Null for a type
-   /// that is not streamed, and in a derived type: its base has one.
+   /// Makes the adaptor that streams an entity's changes (framework/attrlog/AttrLog.h). Null for a
+   /// type that is not streamed, and in a derived type: its base has one.
    Ptr< PtrInterface > ( *attrLogSa )( Entity & entity, StreamAdapter & adapter,
                                        NboAttrLog::Plan & plan, uint32_t flags ) = nullptr;
    /// Null where one of its plain attributes is a pointer, and in a derived type.

@@ -1,5 +1,5 @@
 // What makes a type's changes travel: its adaptor, with the names that are its own. All of them are
-// thin: the work is done over the rows (framework/AttrLog.h).
+// thin: the work is done over the rows (framework/attrlog/AttrLog.h).
 
 #include "typelang/Emission.h"
 #include "typelang/Text.h"
@@ -81,7 +81,7 @@ attrLog( const Type & type ) {
             { "dirty", dirty } };
    out.forward =
       fill( "   /// Streams its changes to other processes.\n   class ZekNboAttrLogSa;\n\n", h );
-   out.declaration = fill( R"(/// Streams $full$ (framework/AttrLog.h).
+   out.declaration = fill( R"(/// Streams $full$ (framework/attrlog/AttrLog.h).
 class IPSTATE_EXPORT $Self$::ZekNboAttrLogSa final : public Zek::Entity::ZekNboAttrLogSa {
  public:
    /// Forwards every change by number.

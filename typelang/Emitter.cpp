@@ -117,7 +117,7 @@ attrLogHeader( const Schema & schema, const std::vector< Emission > & emissions 
                      "; changes made here are lost.\n//\n// The adaptors that stream its types.\n\n"
                      "#pragma once\n\n#include \"" +
                      headerOf( schema ) +
-                     "\"\n#include \"framework/AttrLog.h\"\n\n#include <memory>\n\n";
+                     "\"\n#include \"framework/attrlog/AttrLog.h\"\n\n#include <memory>\n\n";
    Scopes scopes( out );
    for( const Emission & emission : emissions ) {
       if( emission.attrLog.empty() ) continue;

@@ -8,7 +8,7 @@
 #pragma once
 
 #include "framework/Export.h"
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 #include "platform/Kelmo/Mount.h"
 
 #include <cstdint>

@@ -25,27 +25,28 @@ struct Room {
    int row;
 };
 
-constexpr int libraryEnd = 11;
-constexpr int programsEnd = 12;
+constexpr int libraryEnd = 12;
+constexpr int programsEnd = 13;
 
 // A room may use itself and the rooms of smaller rows, never a neighbour on its own row.
 constexpr Room rooms[] = {
    { "typelang/", 0 }, // uses nothing, used by tests only
    { "platform/Vistrel/", 1 },
    { "framework/", 2 },
-   { "platform/Velon/", 3 },
-   { "L3/", 4 },
-   { "Urpf/", 4 },
-   { "Ip/", 5 },
-   { "Ip6/", 5 },
-   { "IpGen/", 6 },
-   { "Ip/SrcIntf", 7 },
-   { "IpGen/SrcGenIntf", 7 },
-   { "VirtualIp/", 8 },
-   { "VrfTypes/", 8 },
-   { "platform/Kelmo/", 9 },
-   { "platform/Cell/", 9 },
-   { "Ira/", 10 },
+   { "framework/attrlog/", 3 },
+   { "platform/Velon/", 4 },
+   { "L3/", 5 },
+   { "Urpf/", 5 },
+   { "Ip/", 6 },
+   { "Ip6/", 6 },
+   { "IpGen/", 7 },
+   { "Ip/SrcIntf", 8 },
+   { "IpGen/SrcGenIntf", 8 },
+   { "VirtualIp/", 9 },
+   { "VrfTypes/", 9 },
+   { "platform/Kelmo/", 10 },
+   { "platform/Cell/", 10 },
+   { "Ira/", 11 },
    { "agents/ipstated/", libraryEnd },
    { "tools/ipstatectl/", libraryEnd },
    { "examples/", libraryEnd },

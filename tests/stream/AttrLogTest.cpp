@@ -1,6 +1,6 @@
 #include "Ip/IpAttrLog.h"
 #include "Ira/IraTypes.h"
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 #include "platform/Kelmo/Session.h"
 
 #include <gtest/gtest.h>

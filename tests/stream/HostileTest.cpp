@@ -1,7 +1,7 @@
 // Peers that send anything: a stream cut anywhere, bytes that were changed, records that lie.
 
 #include "Ip/Ip.h"
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 #include "tests/stream/FuzzWorld.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "framework/AttrLog.h"
+#include "framework/attrlog/AttrLog.h"
 
 #include <array>
 #include <cstdint>

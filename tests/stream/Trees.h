@@ -3,7 +3,7 @@
 #pragma once
 
 #include "framework/Entity.h"
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 #include "tests/stream/RandomValues.h"
 
 #include <string>

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 
 #include <cstring>
 #include <utility>

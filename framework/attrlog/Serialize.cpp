@@ -1,4 +1,4 @@
-#include "framework/AttrLogOut.h"
+#include "framework/attrlog/OutFrame.h"
 
 #include <optional>
 #include <utility>

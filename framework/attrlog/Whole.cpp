@@ -1,6 +1,6 @@
 // Collections that are told as a whole: what is not mentioned goes.
 
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 #include <algorithm>
 

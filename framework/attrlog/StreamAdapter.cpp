@@ -1,6 +1,6 @@
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 #include <algorithm>
 #include <utility>

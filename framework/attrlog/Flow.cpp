@@ -1,7 +1,7 @@
-#include "framework/AttrLog.h"
+#include "framework/attrlog/AttrLog.h"
 
 #include "framework/Assert.h"
-#include "framework/StreamAdapter.h"
+#include "framework/attrlog/StreamAdapter.h"
 
 #include <algorithm>
 #include <utility>

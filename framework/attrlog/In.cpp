@@ -1,4 +1,4 @@
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 #include "framework/Generic.h"
 #include "framework/Interner.h"

@@ -1,8 +1,8 @@
-#include "framework/AttrLog.h"
+#include "framework/attrlog/AttrLog.h"
 
 #include "framework/Exception.h"
-#include "framework/StreamAdapter.h"
 #include "framework/ValueOps.h"
+#include "framework/attrlog/StreamAdapter.h"
 
 #include <algorithm>
 #include <cstring>

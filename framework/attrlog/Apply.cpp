@@ -1,6 +1,6 @@
 // Records of entities: attributes, whole states, members.
 
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // Instances that arrive: made, taken for what is here already, or put off.
 
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 #include "framework/Generic.h"
 

@@ -1,6 +1,6 @@
 // What waits for what it refers to.
 
-#include "framework/AttrLogIn.h"
+#include "framework/attrlog/InParts.h"
 
 namespace Zek {
 

@@ -8,8 +8,8 @@
 
 #pragma once
 
-#include "framework/AttrLog.h"
 #include "framework/Exception.h"
+#include "framework/attrlog/AttrLog.h"
 
 #include <deque>
 #include <map>

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "framework/StreamAdapter.h"
 #include "framework/ValueOps.h"
+#include "framework/attrlog/StreamAdapter.h"
 
 #include <cstddef>
 #include <exception>
