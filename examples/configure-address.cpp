@@ -1,5 +1,5 @@
 // Configures the address of an interface through a running ipstated, and waits until the kernel has
-// it:
+// it; or takes the interface out of the configuration, and waits until what that had there is gone:
 //
 //    ipstated --apply --serve /run/ipstated.socket &
 //    configure-address /run/ipstated.socket eth0 10.0.0.1/24
@@ -14,23 +14,25 @@
 #include <iostream>
 #include <optional>
 #include <poll.h>
+#include <set>
 
 using Clock = Kelmo::SocketMountGroup::Clock;
 
 struct Configuration final : Kelmo::MountGroupOwner {
-   /// Says it in the configuration records; "none" takes the interface out of them.
+   /// Says it in the configuration records.
    void onSynchronised() override {
       const auto config = get< Ip::Config >( "ip/config" );
       const auto config6 = get< Ip6::Config >( "ip6/config" );
       if( !fault.empty() || !config || !config6 ) return;
       if( !before ) before = error();
       if( !wanted ) {
+         noteConfigured( config->ipIntfConfig( intf ), config6->intf( intf ) );
          config->ipIntfConfigDel( intf );
          config6->intfDel( intf );
-      } else if( wanted.af() == Velon::AddressFamily::ipv4 ) {
-         config->ipIntfConfigIs( intf )->addrWithMaskIs( wanted.v4AddrWithMask() );
+      } else if( wanted->af() == Velon::AddressFamily::ipv4 ) {
+         config->ipIntfConfigIs( intf )->addrWithMaskIs( wanted->v4AddrWithMask() );
       } else {
-         config6->intfIs( intf )->addrIs( Ip6::AddressInfo( wanted.v6AddrWithMask() ) );
+         config6->intfIs( intf )->addrIs( Ip6::AddressInfo( wanted->v6AddrWithMask() ) );
       }
    }
    void onRefused( const Kelmo::Mount & mount, const std::string & reason ) override {
@@ -43,7 +45,7 @@ struct Configuration final : Kelmo::MountGroupOwner {
    bool agrees() {
       // What was wrong before may concern other addresses, or pass.
       if( const std::string now = error(); !now.empty() ) {
-         const bool isOurs = now.find( wanted.toString() + ": " ) != std::string::npos;
+         const bool isOurs = wanted && now.find( wanted->toString() + ": " ) != std::string::npos;
          ( isOurs || ( before && before->empty() ) ? fault : lost ) = now;
       }
       const auto status = get< Ip::Status >( "ip/status" );
@@ -51,12 +53,35 @@ struct Configuration final : Kelmo::MountGroupOwner {
       if( !status || !status6 ) return false;
       const auto has4 = status->ipIntfStatus( intf );
       const auto has6 = status6->intf( intf );
-      if( !wanted ) return !has4 || !has4->activeAddrWithMask();
-      if( wanted.af() == Velon::AddressFamily::ipv4 ) {
-         return has4 && ( has4->activeAddrWithMask() == wanted.v4AddrWithMask() ||
-                          has4->activeSecondaryWithMaskHas( wanted.v4AddrWithMask() ) );
+      const auto has = [&]( const Velon::IpGenAddrWithMask & address ) {
+         if( address.af() == Velon::AddressFamily::ipv4 ) {
+            return has4 && ( has4->activeAddrWithMask() == address.v4AddrWithMask() ||
+                             has4->activeSecondaryWithMaskHas( address.v4AddrWithMask() ) );
+         }
+         return has6 && has6->addrHas( address.v6AddrWithMask() );
+      };
+      return wanted ? has( *wanted ) : std::none_of( configured.begin(), configured.end(), has );
+   }
+   /// What an interface that leaves the configuration had there is to go; what it has from others
+   /// stays.
+   void noteConfigured( const Ip::IpIntfConfig::PtrConst & config,
+                        const Ip6::IntfConfig::PtrConst & config6 ) {
+      if( config ) {
+         configured.insert( config->addrWithMask() );
+         configured.insert( config->virtualAddrWithMask() );
+         for( auto i = config->secondaryWithMaskIteratorConst(); i; ++i ) {
+            configured.insert( i.key() );
+         }
+         for( auto i = config->virtualSecondaryWithMaskIteratorConst(); i; ++i ) {
+            configured.insert( i.key() );
+         }
       }
-      return has6 && has6->addrHas( wanted.v6AddrWithMask() );
+      if( config6 ) {
+         configured.insert( config6->linkLocalAddrWithMask() );
+         for( auto i = config6->addrIteratorConst(); i; ++i ) configured.insert( i.key() );
+      }
+      configured.erase( Velon::IpAddrWithMask() );
+      configured.erase( Velon::Ip6AddrWithMask() );
    }
    std::string error() {
       const auto errors = get< Ip::IpConfigError >( "ip/configError" );
@@ -68,8 +93,9 @@ struct Configuration final : Kelmo::MountGroupOwner {
    }
 
    Velon::IntfId intf;
-   Velon::IpGenAddrWithMask wanted;     // empty: none
-   std::optional< std::string > before; // what was wrong when we came
+   std::optional< Velon::IpGenAddrWithMask > wanted; // without: none
+   std::set< Velon::IpGenAddrWithMask > configured;  // until it was to have none
+   std::optional< std::string > before;              // what was wrong when we came
    std::string fault;
    std::string lost = "no answer from the kernel";
    Zek::Dir::Ptr root = Zek::dirFactory();
@@ -83,17 +109,28 @@ main( int argc, char ** argv ) {
    }
    Configuration configuration;
    configuration.intf = Velon::IntfId( argv[2] );
-   if( std::string_view( argv[3] ) != "none" ) {
+   const bool none = std::string_view( argv[3] ) == "none";
+   if( !none ) {
+      Velon::IpGenAddrWithMask address;
       try {
-         configuration.wanted = Velon::IpGenAddrWithMask( argv[3] );
-      } catch( const Zek::RangeException & ) {
-         std::cerr << "'" << argv[3] << "' is no address with a prefix length, as 10.0.0.1/24 and "
-                   << "2001:db8::1/64 are\n";
+         address = Velon::IpGenAddrWithMask( argv[3] );
+      } catch( const Zek::RangeException & ) {}
+      if( !address.v4Addr() && !address.v6Addr() ) { // 0.0.0.0 stands for none in the records
+         std::cerr << "'" << argv[3]
+                   << "' is no address of an interface with its prefix length, as "
+                   << "10.0.0.1/24 and 2001:db8::1/64 are\n";
          return 2;
       }
+      configuration.wanted = address;
    }
-   auto group =
-      Zek::allocate< Kelmo::SocketMountGroup >( configuration.root, argv[1], configuration );
+   Zek::Ptr< Kelmo::SocketMountGroup > group;
+   try {
+      group =
+         Zek::allocate< Kelmo::SocketMountGroup >( configuration.root, argv[1], configuration );
+   } catch( const Zek::RangeException & refused ) {
+      std::cerr << "configure-address: " << refused.what() << "\n";
+      return 2;
+   }
    const auto mount = [&]( const char * path, const char * type, const char * mode ) {
       group->doMount( Kelmo::Mount( path, type, mode, Kelmo::MountFilter( false ) ) );
    };
@@ -106,7 +143,8 @@ main( int argc, char ** argv ) {
       group->timePassed( Clock::now() );
       group->flush();
       if( group->isSynchronised() && configuration.agrees() ) {
-         std::cout << argv[2] << " has " << argv[3] << std::endl;
+         std::cout << argv[2] << ( none ? ": nothing configured" : " has " )
+                   << ( none ? "" : argv[3] ) << std::endl;
          return 0;
       }
       pollfd wait{ group->fd(), POLLIN, 0 };

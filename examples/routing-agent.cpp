@@ -92,7 +92,13 @@ main( int argc, char ** argv ) {
    }
    Agent agent;
    agent.source = Velon::IntfId( argv[2] );
-   auto group = Zek::allocate< Kelmo::SocketMountGroup >( agent.root, argv[1], agent );
+   Zek::Ptr< Kelmo::SocketMountGroup > group;
+   try {
+      group = Zek::allocate< Kelmo::SocketMountGroup >( agent.root, argv[1], agent );
+   } catch( const Zek::RangeException & refused ) { // no path of a socket
+      std::cerr << "routing-agent: " << refused.what() << "\n";
+      return 2;
+   }
    Ira::IraIpStatusMounter::doMountEntities( group, true, true );
    for( ;; ) {
       const auto wakeUp = group->timePassed( Clock::now() ); // connects, and connects again

@@ -10,13 +10,12 @@
 #include <cmath>
 #include <set>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace Ipstated {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // -- What is shown ----------------------------------------------------------------------------
 
@@ -115,95 +114,174 @@ appendRecord( const Zek::Entity & record, const std::string & name, int columns,
 
 // -- JSON -------------------------------------------------------------------------------------
 
-/// The text if it is UTF-8, else with its odd bytes escaped.
-std::string
-utf8( const std::string & text ) {
-   try {
-      (void)Json( text ).dump();
-      return text;
-   } catch( const Json::type_error & ) {
-      return printable( text );
+/// JSON as text, two columns a level, members in the order in which they come.
+class JsonText {
+ public:
+   void open( char bracket ) {
+      begin();
+      out_ += bracket;
+      first_ = true;
+      ++depth_;
    }
-}
+   void close( char bracket ) {
+      --depth_;
+      if( !first_ ) newLine();
+      first_ = false;
+      out_ += bracket;
+   }
+   void key( std::string_view name ) {
+      begin();
+      appendQuoted( name );
+      out_ += ": ";
+      named_ = true;
+   }
+   /// Of something else than UTF-8, the odd bytes are escaped.
+   void string( std::string_view text ) {
+      begin();
+      appendQuoted( text );
+   }
+   /// What is written in JSON as it is.
+   void plain( std::string_view text ) {
+      begin();
+      out_ += text;
+   }
+   std::string take() { return std::move( out_ ); }
+
+ private:
+   void newLine() { out_.append( 1, '\n' ).append( 2 * depth_, ' ' ); }
+   /// What comes before a value: of a member its name has come already.
+   void begin() {
+      if( std::exchange( named_, false ) || depth_ == 0 ) return;
+      if( !std::exchange( first_, false ) ) out_ += ',';
+      newLine();
+   }
+   void appendQuoted( std::string_view text ) {
+      const bool simple = std::all_of( text.begin(), text.end(), []( char each ) {
+         return each >= 0x20 && each < 0x7f && each != '"' && each != '\\';
+      } );
+      if( simple ) {
+         out_.append( 1, '"' ).append( text ).append( 1, '"' );
+         return;
+      }
+      try {
+         out_ += nlohmann::json( text ).dump();
+      } catch( const nlohmann::json::type_error & ) {
+         out_ += nlohmann::json( printable( text ) ).dump();
+      }
+   }
+
+   std::string out_;
+   size_t depth_ = 0;
+   bool first_ = true;
+   bool named_ = false;
+};
 
 /// The bytes that a text form stands for: some are quoted.
-std::string
-unquoted( const std::string & text ) {
+void
+writeText( JsonText & json, const std::string & text ) {
    Zek::String bytes;
-   return utf8( Zek::readText( text, bytes ) ? std::string( bytes.view() ) : text );
+   json.string( Zek::readText( text, bytes ) ? bytes.view() : std::string_view( text ) );
 }
 
-template< class... Numbers >
+void
+writeKey( JsonText & json, const std::string & text ) {
+   Zek::String bytes;
+   json.key( Zek::readText( text, bytes ) ? bytes.view() : std::string_view( text ) );
+}
+
 bool
-readNumber( const Zek::GenericValue & value, Json & out ) {
-   return ( ( value.is< Numbers >() && ( out = value.as< Numbers >(), true ) ) || ... );
+isNumber( const Zek::GenericValue & value ) {
+   if( value.is< double >() ) {
+      return std::isfinite( value.as< double >() ); // else no number of JSON's
+   }
+   return value.is< bool >() || value.is< uint8_t >() || value.is< uint16_t >() ||
+          value.is< uint32_t >() || value.is< uint64_t >() || value.is< int8_t >() ||
+          value.is< int16_t >() || value.is< int32_t >() || value.is< int64_t >();
 }
 
-Json
-jsonOf( const Zek::GenericValue & value ) {
-   Json json;
+void
+writeValue( JsonText & json, const Zek::GenericValue & value ) {
    if( value.isPointer() ) {
-      return value.object() ? Json( utf8( reference( *value.object() ) ) ) : json;
+      value.object() ? json.string( reference( *value.object() ) ) : json.plain( "null" );
+      return;
    }
-   if( value.is< double >() && !std::isfinite( value.as< double >() ) ) {
-      return value.text(); // no number of JSON's
-   }
-   if( readNumber< bool, uint8_t, uint16_t, uint32_t, uint64_t, int8_t, int16_t, int32_t, int64_t,
-                   double >( value, json ) ) {
-      return json;
+   if( isNumber( value ) ) {
+      json.plain( value.is< double >() ? nlohmann::json( value.as< double >() ).dump()
+                                       : value.text() );
+      return;
    }
    const Zek::TypeDescriptor & type = *value.type();
    if( type.kind != Zek::TypeKind::value || type.attributes.empty() ) {
-      return unquoted( value.text() );
+      writeText( json, value.text() );
+      return;
    }
+   json.open( '{' );
    for( const Zek::AttributeRow * field : rowsOf( type ) ) {
       if( !field->address ) {
          continue;
       }
+      json.key( field->name );
       if( field->kind == Zek::AttributeKind::collection ) {
-         Json & members = json[field->name] = Json::array();
+         json.open( '[' );
          for( auto i = type.genericIf->genericIfIterator( value, field->id ); i; ++i ) {
-            members.push_back( jsonOf( i.key() ) );
+            writeValue( json, i.key() );
          }
+         json.close( ']' );
       } else {
-         json[field->name] = jsonOf( read( value, *field ) );
+         writeValue( json, read( value, *field ) );
       }
    }
-   return json;
+   json.close( '}' );
 }
 
-Json
-jsonOf( const Zek::Entity & record ) {
+void writeRecord( JsonText & json, const Zek::Entity & record );
+
+void
+writeMember( JsonText & json, const Zek::AttributeRow & row, const Member & member ) {
+   const void * value = valueOf( row, *member.object );
+   if( row.has( Zek::ownsMembers ) ) {
+      writeKey( json, member.key );
+      writeRecord( json, dynamic_cast< const Zek::Entity & >( *member.object ) );
+   } else if( row.has( Zek::refersToMembers ) ) {
+      writeKey( json, member.key );
+      json.string( reference( *member.object ) );
+   } else if( value ) {
+      writeKey( json, member.key );
+      writeValue( json, Zek::GenericValue( *row.type, value ) );
+   } else {
+      writeText( json, member.key );
+   }
+}
+
+void
+writeRecord( JsonText & json, const Zek::Entity & record ) {
    const Zek::TypeDescriptor & type = *record.fwkType();
-   Json json{ { "fullName", utf8( record.fullName().toString() ) }, { "fwkType", type.fullName } };
+   json.open( '{' );
+   json.key( "fullName" );
+   json.string( record.fullName().toString() );
+   json.key( "fwkType" );
+   json.string( type.fullName );
    for( const Zek::AttributeRow * row : rowsOf( type ) ) {
       if( !isShown( *row ) ) {
          continue;
       }
       if( !row->collection ) {
-         json[row->name] = jsonOf( read( record, *row ) );
+         json.key( row->name );
+         writeValue( json, read( record, *row ) );
          continue;
       }
-      Json members = row->has( Zek::isSet ) ? Json::array() : Json::object();
-      for( const Member & member : membersOf( record, *row ) ) {
-         const std::string key = unquoted( member.key );
-         const void * value = valueOf( *row, *member.object );
-         if( row->has( Zek::ownsMembers ) ) {
-            members[key] = jsonOf( dynamic_cast< const Zek::Entity & >( *member.object ) );
-         } else if( row->has( Zek::refersToMembers ) ) {
-            members[key] = utf8( reference( *member.object ) );
-         } else if( value ) {
-            members[key] = jsonOf( Zek::GenericValue( *row->type, value ) );
-         } else {
-            members.push_back( key );
-         }
+      const std::vector< Member > members = membersOf( record, *row );
+      if( row->id == Zek::entityAttr && members.empty() ) {
+         continue; // most records have no children of the framework's own
       }
-      // Most records have no children of the framework's own.
-      if( row->id != Zek::entityAttr || !members.empty() ) {
-         json[row->name] = std::move( members );
+      json.key( row->name );
+      json.open( row->has( Zek::isSet ) ? '[' : '{' );
+      for( const Member & member : members ) {
+         writeMember( json, *row, member );
       }
+      json.close( row->has( Zek::isSet ) ? ']' : '}' );
    }
-   return json;
+   json.close( '}' );
 }
 
 // -- Paths ------------------------------------------------------------------------------------
@@ -247,7 +325,9 @@ dumpText( const Zek::Entity & record ) {
 
 std::string
 dumpJson( const Zek::Entity & record ) {
-   return jsonOf( record ).dump( 2 ) + "\n";
+   JsonText json;
+   writeRecord( json, record );
+   return json.take() + "\n";
 }
 
 Zek::Entity::PtrConst

@@ -537,7 +537,16 @@ KernelFeed::beginTry( Time now ) {
    unclean_ = false;
    lookAgain_ = false;
    staged_ = KernelState();
-   readAllConfig( staged_ );
+   staged_.all4 = state_.all4;
+   staged_.all6 = state_.all6;
+   if( const int error = readAllConfig( staged_ ) ) {
+      problem( std::string( "reading what holds for all interfaces: " ) + strerror( error ) );
+      unclean_ = true;
+      if( !everSynchronized_ ) {
+         abandonFull( now );
+         return;
+      }
+   }
    phases_ = { Dump::links,      Dump::config4, Dump::config6, Dump::addresses4,
                Dump::addresses6, Dump::groups4, Dump::groups6 };
    phase_ = 0;
@@ -551,7 +560,7 @@ KernelFeed::beginPoll( Time now ) {
    unclean_ = false;
    nextPoll_ = Time::max();
    Ip6Config all6 = state_.all6;
-   readAllConfig( state_ );
+   (void)readAllConfig( state_ ); // what cannot be read stays until the next poll
    if( !( all6 == state_.all6 ) ) {
       refreshAllAndTell();
    }
@@ -566,11 +575,16 @@ KernelFeed::beginPoll( Time now ) {
    requestPhase( now );
 }
 
-void
+/// 0, or the errno of what was not read and stays as it was.
+int
 KernelFeed::readAllConfig( KernelState & state ) {
+   int failed = 0;
    auto number = [&]( KernelText which, int & value ) {
       std::string text;
-      if( source_.readText( which, text ) ) {
+      const int error = source_.readText( which, text );
+      if( error && error != ENOENT ) {
+         failed = error;
+      } else if( !error ) {
          char * end = nullptr;
          long read = strtol( text.c_str(), &end, 10 );
          if( end != text.c_str() && read >= INT32_MIN && read <= INT32_MAX ) {
@@ -582,6 +596,71 @@ KernelFeed::readAllConfig( KernelState & state ) {
    number( KernelText::allAcceptDad, state.all6.acceptDad );
    number( KernelText::allEnhancedDad, enhanced );
    state.all6.enhancedDad = enhanced != 0;
+   return failed;
+}
+
+/// Puts what was known before in the place of what this phase of a full dump did not bring. False
+/// when there is no such thing.
+bool
+KernelFeed::keepKnown( Dump dump ) {
+   if( work_ != Work::full ) {
+      return true; // a poll puts nothing aside
+   }
+   unclean_ = true;
+   if( dump == Dump::links ) {
+      return false;
+   }
+   for( const auto & [index, known] : state_.interfaces() ) {
+      Interface * now = staged_.find( index );
+      if( !now || now->name != known.name ) {
+         continue; // of another interface of that index nothing is known
+      }
+      switch( dump ) {
+      case Dump::config4:
+         now->own4 = known.own4;
+         break;
+      case Dump::config6:
+         now->own6.forwarding = known.own6.forwarding;
+         break;
+      case Dump::addresses4:
+         now->addresses4 = known.addresses4;
+         break;
+      case Dump::addresses6:
+         now->addresses6 = known.addresses6;
+         break;
+      case Dump::groups4:
+         now->groups4 = known.groups4;
+         break;
+      case Dump::groups6:
+         now->groups6 = known.groups6;
+         break;
+      case Dump::links:
+         break;
+      }
+   }
+   return true;
+}
+
+/// The dump under way tells nothing; the events that it held back do.
+void
+KernelFeed::abandonFull( Time now ) {
+   work_ = Work::none;
+   staged_ = KernelState();
+   if( everSynchronized_ && !lost_ ) {
+      applyKept( state_, true );
+   }
+   kept_.clear();
+   keptBytes_ = 0;
+   lost_ = false;
+   retryLater( now );
+}
+
+void
+KernelFeed::applyKept( KernelState & state, bool live ) {
+   Applier applier( *this, state, live );
+   for( const std::vector< char > & event : kept_ ) {
+      decode( event.data(), event.size(), applier );
+   }
 }
 
 void
@@ -604,13 +683,18 @@ KernelFeed::requestPhase( Time now ) {
       bool asText =
          ( dump == Dump::groups4 && groupText4_ ) || ( dump == Dump::groups6 && groupText6_ );
       if( asText ) {
-         if( takeGroupText( dump ) ) {
+         const int error = takeGroupText( dump );
+         if( !error ) {
             takeCollected( false );
+         } else if( error != ENOENT ) {
+            problem( std::string( "dump of " ) + dumpName( dump ) + ": " + strerror( error ) );
+            keepKnown( dump );
          }
          ++phase_;
          continue;
       }
       interrupted_ = false;
+      cutShort_ = false;
       lastReply_ = now;
       ++sequence_;
       int error = source_.request( dump, sequence_ );
@@ -618,9 +702,12 @@ KernelFeed::requestPhase( Time now ) {
          return;
       }
       problem( std::string( "dump of " ) + dumpName( dump ) + ": " + strerror( error ) );
-      unclean_ = true;
       source_.abandonRequest();
       tries_ = 0;
+      if( !keepKnown( dump ) ) {
+         abandonFull( now );
+         return;
+      }
       ++phase_;
    }
 }
@@ -631,6 +718,7 @@ KernelFeed::onReply( const Received & reply, Time now ) {
       // The rest of this dump cannot be had any more.
       source_.abandonRequest();
       interrupted_ = true;
+      cutShort_ = true;
       onPhaseDone( now, 0 );
       return;
    }
@@ -655,7 +743,8 @@ KernelFeed::onPhaseDone( Time now, int error ) {
       }
       if( !unknown ) {
          problem( std::string( "dump of " ) + dumpName( dump ) + ": " + strerror( error ) );
-         interrupted_ = true; // cut short
+         interrupted_ = true;
+         cutShort_ = true;
       }
    }
    if( interrupted_ ) {
@@ -669,18 +758,23 @@ KernelFeed::onPhaseDone( Time now, int error ) {
    }
    unclean_ = unclean_ || interrupted_;
    tries_ = 0;
+   if( cutShort_ && !keepKnown( dump ) ) {
+      abandonFull( now );
+      return;
+   }
    ++phase_;
    requestPhase( now );
 }
 
-bool
+/// 0, or the errno.
+int
 KernelFeed::takeGroupText( Dump dump ) {
    std::string text;
    bool good = true;
    if( dump == Dump::groups4 ) {
       std::vector< std::pair< int, RawIp4 > > groups;
-      if( !source_.readText( KernelText::igmp, text ) ) {
-         return false;
+      if( const int error = source_.readText( KernelText::igmp, text ) ) {
+         return error;
       }
       good = readIgmp( text, groups );
       for( const auto & [index, group] : groups ) {
@@ -688,8 +782,8 @@ KernelFeed::takeGroupText( Dump dump ) {
       }
    } else {
       std::vector< std::pair< int, RawIp6 > > groups;
-      if( !source_.readText( KernelText::igmp6, text ) ) {
-         return false;
+      if( const int error = source_.readText( KernelText::igmp6, text ) ) {
+         return error;
       }
       good = readIgmp6( text, groups );
       for( const auto & [index, group] : groups ) {
@@ -700,7 +794,7 @@ KernelFeed::takeGroupText( Dump dump ) {
       problem( std::string( "the kernel's text of " ) + dumpName( dump ) +
                " has a line of unknown shape" );
    }
-   return true;
+   return 0;
 }
 
 namespace {
@@ -832,10 +926,7 @@ KernelFeed::finishFull( Time now ) {
       problem( "events are lost faster than they are read" );
       unclean_ = true;
    }
-   Applier applier( *this, staged_, false );
-   for( const std::vector< char > & event : kept_ ) {
-      decode( event.data(), event.size(), applier );
-   }
+   applyKept( staged_, false );
    kept_.clear();
    keptBytes_ = 0;
    staged_.refreshAll();

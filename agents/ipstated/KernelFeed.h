@@ -14,6 +14,9 @@
 //   which may lack entries or tell some twice. Under churn every dump is marked. It is repeated a
 //   few times, the sightings of all tries are taken together, and the next full dump is planned
 //   for a quieter time.
+// - What cannot be read, for want of descriptors, of memory or of an answer. It is not told: the
+//   last known stays, and the full dump is repeated later. Without the links, or the values for
+//   all interfaces before they were ever known, the whole dump counts as not made.
 //
 // Differences are told by interface name, for that is how others know an interface: one that was
 // deleted and made again unseen, under the same name but another index, is told as the few values
@@ -158,6 +161,9 @@ class KernelFeed {
    void beginPoll( Time now );
    void requestNext( Time now );
    void requestPhase( Time now );
+   bool keepKnown( Dump dump );
+   void abandonFull( Time now );
+   void applyKept( KernelState & state, bool live );
    void onReply( const Received & reply, Time now );
    void onPhaseDone( Time now, int error );
    void finishFull( Time now );
@@ -165,8 +171,8 @@ class KernelFeed {
    void retryLater( Time now );
    void problem( const std::string & text );
    void takeCollected( bool repeated );
-   bool takeGroupText( Dump dump );
-   void readAllConfig( KernelState & state );
+   int takeGroupText( Dump dump );
+   int readAllConfig( KernelState & state );
 
    // Telling.
    void tellDifferences( const KernelState & before );
@@ -190,6 +196,7 @@ class KernelFeed {
    int tries_ = 0; ///< of the phase
    int restarts_ = 0;
    bool interrupted_ = false; ///< a message of the phase said so
+   bool cutShort_ = false;    ///< the phase ended before its end
    bool unclean_ = false;     ///< the work's result may lack something
    bool lost_ = false;        ///< events were lost since the full dump began
    bool fullWanted_ = false;

@@ -765,7 +765,9 @@ NetlinkSource::NetlinkSource( const Options & options ) {
       if( epoll_ctl( poll_, EPOLL_CTL_ADD, events_->fd(), &wanted ) ) {
          throwErrno( "netlink: cannot watch a socket" );
       }
-      openRequests();
+      if( ( errno = openRequests() ) ) {
+         throwErrno( "netlink: cannot open a socket" );
+      }
    } catch( ... ) {
       close( poll_ );
       throw;
@@ -778,17 +780,25 @@ NetlinkSource::~NetlinkSource() {
    close( poll_ );
 }
 
-void
+/// A fresh socket for requests, or the errno and none: when descriptors have run out, the next
+/// request tries again.
+int
 NetlinkSource::openRequests() {
    requests_.reset(); // closing takes it out of the epoll set
-   requests_ = std::make_unique< Socket >();
-   requests_->optionIs( NETLINK_EXT_ACK, 1 );
-   requests_->optionIs( NETLINK_CAP_ACK, 1 );
-   requests_->optionIs( NETLINK_GET_STRICT_CHK, 1 );
-   epoll_event wanted{};
-   wanted.events = EPOLLIN;
-   if( epoll_ctl( poll_, EPOLL_CTL_ADD, requests_->fd(), &wanted ) ) {
-      throwErrno( "netlink: cannot watch a socket" );
+   try {
+      auto made = std::make_unique< Socket >();
+      made->optionIs( NETLINK_EXT_ACK, 1 );
+      made->optionIs( NETLINK_CAP_ACK, 1 );
+      made->optionIs( NETLINK_GET_STRICT_CHK, 1 );
+      epoll_event wanted{};
+      wanted.events = EPOLLIN;
+      if( epoll_ctl( poll_, EPOLL_CTL_ADD, made->fd(), &wanted ) ) {
+         return errno;
+      }
+      requests_ = std::move( made );
+      return 0;
+   } catch( const std::system_error & refused ) {
+      return refused.code().value();
    }
 }
 
@@ -799,6 +809,11 @@ NetlinkSource::fd() const {
 
 int
 NetlinkSource::request( Dump dump, uint32_t sequence ) {
+   if( !requests_ ) {
+      if( const int error = openRequests() ) {
+         return error;
+      }
+   }
    alignas( nlmsghdr ) std::array< char, 128 > bytes{};
    nlmsghdr * message = mnl_nlmsg_put_header( bytes.data() );
    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
@@ -837,12 +852,12 @@ NetlinkSource::request( Dump dump, uint32_t sequence ) {
 
 void
 NetlinkSource::abandonRequest() {
-   openRequests();
+   (void)openRequests();
 }
 
 Received
 NetlinkSource::receiveReply() {
-   return requests_->receive();
+   return requests_ ? requests_->receive() : Received{};
 }
 
 Received
@@ -855,7 +870,7 @@ NetlinkSource::hasGroupEvents( Dump dump ) const {
    return dump == Dump::groups4 ? groupEvents4_ : dump == Dump::groups6 && groupEvents6_;
 }
 
-bool
+int
 NetlinkSource::readText( KernelText which, std::string & text ) {
    // "thread-self" names this thread's network namespace, "self" that of the process's first
    // thread. The sysctl paths always answer for the reader's own namespace.
@@ -877,7 +892,7 @@ NetlinkSource::readText( KernelText which, std::string & text ) {
    text.clear();
    int file = open( path, O_RDONLY | O_CLOEXEC );
    if( file < 0 ) {
-      return false;
+      return errno;
    }
    std::array< char, 16 * 1024 > part;
    ssize_t length;
@@ -886,13 +901,14 @@ NetlinkSource::readText( KernelText which, std::string & text ) {
          if( errno == EINTR ) {
             continue;
          }
+         const int error = errno;
          close( file );
-         return false;
+         return error;
       }
       text.append( part.data(), size_t( length ) );
    }
    close( file );
-   return true;
+   return 0;
 }
 
 } // namespace Ipstated

@@ -159,8 +159,8 @@ class MessageSource {
    /// Whether joining and leaving groups of that dump (groups4 or groups6) is told by events.
    virtual bool hasGroupEvents( Dump dump ) const = 0;
 
-   /// False when the kernel does not offer the text.
-   virtual bool readText( KernelText which, std::string & text ) = 0;
+   /// 0, or the errno; ENOENT when the kernel does not offer the text.
+   virtual int readText( KernelText which, std::string & text ) = 0;
 };
 
 /// The kernel of the network namespace in which it is made; use it from the thread that made it,
@@ -186,11 +186,11 @@ class NetlinkSource : public MessageSource {
    Received receiveReply() override;
    Received receiveEvent() override;
    bool hasGroupEvents( Dump dump ) const override;
-   bool readText( KernelText which, std::string & text ) override;
+   int readText( KernelText which, std::string & text ) override;
 
  private:
    class Socket;
-   void openRequests();
+   int openRequests();
 
    int poll_ = -1; ///< an epoll descriptor over both sockets
    std::unique_ptr< Socket > events_;

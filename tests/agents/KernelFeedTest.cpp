@@ -418,6 +418,50 @@ TEST_F( KernelFeedTest, DumpWithoutReplyIsAskedForAgain ) {
    EXPECT_EQ( listener.problems.back(), "dump of links: no reply" );
 }
 
+TEST_F( KernelFeedTest, WhatCannotBeReadIsNotToldAndReadAgain ) {
+   source.texts = { { KernelText::allAcceptDad, "2\n" }, { KernelText::allEnhancedDad, "1\n" } };
+   // Without what holds for all, no value of an interface is known: nothing is told at first.
+   source.textError = EMFILE;
+   dumpIs( Dump::links, { newLink( { 2, "eth0" } ) } );
+   begin();
+   EXPECT_EQ( listener.heard(), Lines{} );
+   EXPECT_FALSE( feed.everSynchronized() );
+   source.textError = 0;
+   dumpIs( Dump::addresses4, { newAddress( 2, "10.0.0.1/24" ) } );
+   dumpIs( Dump::addresses6, { address6( RTM_NEWADDR, 2, "2001:db8::1/64" ) } );
+   dumpIs( Dump::config4,
+           { config( AF_INET, ConfigMessage::forAll, 0, 1 ), config( AF_INET, 2, 1, 0, 0 ) } );
+   dumpIs( Dump::config6, { config( AF_INET6, 2, 1 ) } );
+   dumpIs( Dump::groups4, { group4( RTM_GETMULTICAST, 2, "224.0.0.1" ) } );
+   pass( std::chrono::milliseconds( 500 ) );
+   EXPECT_EQ( listener.heard(), Lines{ "+ eth0 vrf default 10.0.0.1/24 2001:db8::1/64" } );
+   EXPECT_EQ( feed.state().find( 2 )->config6.acceptDad, 2 );
+
+   auto good = source.dumps;
+   for( Dump failing : { Dump::links, Dump::config4, Dump::config6, Dump::addresses4,
+                         Dump::addresses6, Dump::groups4, Dump::groups6 } ) {
+      SCOPED_TRACE( dumpName( failing ) );
+      source.dumps = good;
+      // Some of it comes before the end.
+      source.dumps[failing] = { Reply{ {}, false, ENOBUFS } };
+      source.textError = EMFILE;
+      bool told = false;
+      source.onRequest = [&]( Dump ) {
+         if( !std::exchange( told, true ) ) source.event( newAddress( 2, "10.0.9.1/24" ) );
+      };
+      feed.start( now );
+      settle();
+      EXPECT_EQ( listener.heard(), Lines{ "eth0 +10.0.9.1/24" } );
+      EXPECT_FALSE( feed.synchronized() );
+      source.onRequest = nullptr;
+      source.dumps = good;
+      source.textError = 0;
+      pass( *feed.deadline() - now );
+      EXPECT_EQ( listener.heard(), Lines{ "eth0 -10.0.9.1/24" } );
+      EXPECT_TRUE( feed.synchronized() );
+   }
+}
+
 // ---- reading ----
 
 /// Says what decode() made of some bytes.

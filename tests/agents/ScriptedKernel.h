@@ -9,6 +9,7 @@
 #include "agents/ipstated/KernelFeed.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -258,7 +259,8 @@ class Source : public MessageSource {
    /// Runs when a dump is requested, before its answer is made.
    std::function< void( Dump ) > onRequest;
 
-   std::map< KernelText, std::string > texts;
+   std::map< KernelText, std::string > texts; ///< others are not offered
+   int textError = 0;                         ///< with which every text is refused
    bool groupEvents = true;
    std::vector< Dump > requested;
 
@@ -339,13 +341,13 @@ class Source : public MessageSource {
 
    bool hasGroupEvents( Dump ) const override { return groupEvents; }
 
-   bool readText( KernelText which, std::string & text ) override {
+   int readText( KernelText which, std::string & text ) override {
       auto found = texts.find( which );
-      if( found == texts.end() ) {
-         return false;
+      if( textError || found == texts.end() ) {
+         return textError ? textError : ENOENT;
       }
       text = found->second;
-      return true;
+      return 0;
    }
 
  private:

@@ -114,12 +114,36 @@ TEST_F( ServeTest, ConfigurationOfAnotherProcessReachesTheKernel ) {
    EXPECT_EQ( configure( "v0 2001:db8::1/64" ), "v0 has 2001:db8::1/64\n" );
    EXPECT_EQ( configure( "v0 10.0.9.1/24" ), "v0 has 10.0.9.1/24\n" );
    EXPECT_NE( configure( "none7 10.0.0.1/24" ).find( "none7: " ), std::string::npos );
-   EXPECT_EQ( configure( "v0 none" ), "v0 has none\n" );
+   // Where the configuration has nothing, there is nothing to wait for: this one stays.
+   ip( { "addr add 10.0.7.1/24 dev v1" } );
+   for( const char * intf : { "v0", "v1", "lo" } ) {
+      EXPECT_EQ( configure( std::string( intf ) + " none" ),
+                 std::string( intf ) + ": nothing configured\n" );
+   }
+   EXPECT_EQ( system( "ip address show dev v0 | grep -q 'inet 10\\.'" ) >> 8, 1 );
+   EXPECT_EQ( system( "ip address show dev v1 | grep -q 'inet 10\\.0\\.7\\.1/'" ), 0 );
+   for( const char * address : { "0.0.0.0/0", "::/0", "''", "10.0.0.1" } ) {
+      EXPECT_NE( configure( std::string( "v0 " ) + address ).find( "is no address" ),
+                 std::string::npos );
+   }
    Program readers( "--serve " + socket + ".2" );
    EXPECT_NE( Program( socket + ".2 v0 10.0.0.1/24", "2>&1", "examples/configure-address" )
                  .allOutput()
                  .find( "is not exported for writing" ),
               std::string::npos );
+}
+
+TEST( ExamplesTest, SayWhatCannotBeASocket ) {
+   for( const std::string & path : { std::string( "''" ), std::string( 200, 'x' ) } ) {
+      for( const char * name : { "configure-address v0 none", "routing-agent v0" } ) {
+         const std::string program =
+            std::string( name ).substr( 0, std::string( name ).find( ' ' ) );
+         Program refused( path + ( name + program.size() ), "", "examples/" + program );
+         EXPECT_EQ( refused.status(), 2 );
+         EXPECT_NE( refused.allErrors().find( "cannot be a socket: expected a path of 1 to" ),
+                    std::string::npos );
+      }
+   }
 }
 
 TEST( ProgramTest, SaysWhyItCannotServe ) {
