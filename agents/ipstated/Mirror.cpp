@@ -81,7 +81,7 @@ Mirror::onInterface( const Interface & interface ) {
    writeConfig6( records, interface );
    writePrimary4( *records.ip, interface );
    for( const Ip4Address & address : interface.addresses4 ) {
-      writeAddress4( *records.ip, interface, keyOf( address ) );
+      writeAddress4( *records.ip, keyOf( address ), true );
    }
    for( const Ip6Address & address : interface.addresses6 ) {
       writeAddress6( *records.ip6, address, Difference::added );
@@ -200,10 +200,12 @@ Mirror::writeConfig6( const Records & records, const Interface & interface ) {
 // -- Addresses and groups ---------------------------------------------------------------------
 
 void
-Mirror::onAddress4( const Interface & interface, const Ip4Address & address, Difference ) {
+Mirror::onAddress4( const Interface & interface, const Ip4Address & address,
+                    Difference difference ) {
    Ip::IpIntfStatus::Ptr status = ipInput_->ipIntfStatus( intfIdOf( interface ) );
+   const Velon::IpAddrWithMask key = keyOf( address );
    writePrimary4( *status, interface );
-   writeAddress4( *status, interface, keyOf( address ) );
+   writeAddress4( *status, key, difference != Difference::removed || holds( interface, key ) );
 }
 
 void
@@ -229,9 +231,9 @@ Mirror::writePrimary4( Ip::IpIntfStatus & status, const Interface & interface ) 
 }
 
 void
-Mirror::writeAddress4( Ip::IpIntfStatus & status, const Interface & interface,
-                       const Velon::IpAddrWithMask & address ) {
-   if( address != status.activeAddrWithMask() && holds( interface, address ) ) {
+Mirror::writeAddress4( Ip::IpIntfStatus & status, const Velon::IpAddrWithMask & address,
+                       bool there ) {
+   if( there && address != status.activeAddrWithMask() ) {
       status.activeSecondaryWithMaskIs( address, true );
    } else {
       status.activeSecondaryWithMaskDel( address );

@@ -91,8 +91,8 @@ class Mirror : public KernelObserver {
    void writeConfig4( const Records & records, const Interface & interface );
    static void writeConfig6( const Records & records, const Interface & interface );
    static void writePrimary4( Ip::IpIntfStatus & status, const Interface & interface );
-   static void writeAddress4( Ip::IpIntfStatus & status, const Interface & interface,
-                              const Velon::IpAddrWithMask & address );
+   static void writeAddress4( Ip::IpIntfStatus & status, const Velon::IpAddrWithMask & address,
+                              bool there );
    static void writeAddress6( Ip6::IntfStatus & status, const Ip6Address & address,
                               Difference difference );
    void vrfIsLeft( const L3::VrfName & vrf, Velon::IntfId intfId );

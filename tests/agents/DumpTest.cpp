@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <string>
 
@@ -75,6 +76,27 @@ TEST( Dump, WritesNumbersThatJsonLacksAsTexts ) {
    const auto json = nlohmann::json::parse( dumpJson( *status ) );
    EXPECT_EQ( json["startTime"], 1.5 );
    EXPECT_EQ( json["loadPluginsTime"], "-inf" );
+}
+
+TEST( Dump, TakesTimeInProportionToTheMembers ) {
+   auto status = Ip::Input::statusFactory( "status" );
+   auto record = status->ipIntfStatusIs( Velon::IntfId( "eth0" ), {} );
+   uint32_t address = 0x0a000000;
+   // The shortest of three: other work on the machine only adds.
+   auto timeWith = [&]( uint32_t members ) {
+      while( address < 0x0a000000 + members ) {
+         record->activeSecondaryWithMaskIs( { Velon::IpAddr( ++address ), 24 }, true );
+      }
+      auto shortest = std::chrono::steady_clock::duration::max();
+      for( int i = 0; i < 3; ++i ) {
+         const auto begin = std::chrono::steady_clock::now();
+         EXPECT_GT( dumpJson( *status ).size(), 20 * members );
+         shortest = std::min( shortest, std::chrono::steady_clock::now() - begin );
+      }
+      return shortest;
+   };
+   const auto few = timeWith( 2000 );
+   EXPECT_LT( timeWith( 32000 ), 64 * few ); // 16 times as many; by the square 256 times as long
 }
 
 } // namespace
