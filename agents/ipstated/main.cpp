@@ -218,8 +218,7 @@ run( const Options & options ) {
       }
       if( options.dumped ) {
          try {
-            const Zek::Entity::PtrConst record = recordAt( *mirror.root(), *options.dumped );
-            output.write( options.json ? dumpJson( *record ) : dumpText( *record ) );
+            output.write( dump( *mirror.root(), *options.dumped, options.json ) );
          } catch( ... ) {
             fault = std::current_exception();
          }
@@ -360,10 +359,10 @@ main( int argc, char ** argv ) {
    bool wantsDump = false;
    auto types = app.add_flag( "--types", options.types, "Show the names of all record types" );
    auto dump = app.add_flag( "--dump", wantsDump,
-                             "Show the record of the full name PATH and what is below "
-                             "it; all records without PATH" );
+                             "Show what stands at PATH and what is below it; all "
+                             "records without PATH" );
    app.add_flag( "--json", options.json, "Show it as JSON" )->needs( dump );
-   app.add_option( "PATH", dumped, "Full name of a record, as ip/status" )
+   app.add_option( "PATH", dumped, "Path of a record or attribute, as ip/status" )
       ->needs( dump )
       ->type_name( "" );
    for( const char * other :

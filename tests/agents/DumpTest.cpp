@@ -1,8 +1,8 @@
 // Records whose strings look like something else, as text and as JSON.
 
-#include "agents/ipstated/Dump.h"
 #include "Ip/Ip.h"
 #include "VrfTypes/VrfTypes.h"
+#include "tools/print/Tree.h"
 
 #include <nlohmann/json.hpp>
 
@@ -13,7 +13,7 @@
 #include <map>
 #include <string>
 
-namespace Ipstated {
+namespace Print {
 namespace {
 
 /// Texts, and what stands for them in JSON: of what is no UTF-8 the odd bytes are escaped.
@@ -45,7 +45,7 @@ TEST( Dump, WritesAwkwardStringsAsTheyAre ) {
       record->urpfIs( Urpf::UrpfConfig( Urpf::loose, text ) );
       protocols->vrfConfigIs( Zek::Name( text ) )->agentIs( Zek::Name( text ), text, text );
    }
-   const auto json = nlohmann::json::parse( dumpJson( *root ) )["entity"];
+   const auto json = nlohmann::json::parse( jsonOf( *root ) );
    const auto & records = json["con\"fig"]["ipIntfConfig"];
    const auto & entries = json["\\x01\\xff"]["vrfConfig"];
    EXPECT_EQ( records.size(), awkward.size() );
@@ -73,7 +73,7 @@ TEST( Dump, WritesAwkwardStringsAsTheyAre ) {
 TEST( Dump, WritesNumbersThatJsonLacksAsTexts ) {
    auto status = VrfTypes::vrfProtocolLaunchStatusFactory( "launch" );
    status->startTimeIs( 1.5 );
-   const auto json = nlohmann::json::parse( dumpJson( *status ) );
+   const auto json = nlohmann::json::parse( jsonOf( *status ) );
    EXPECT_EQ( json["startTime"], 1.5 );
    EXPECT_EQ( json["loadPluginsTime"], "-inf" );
 }
@@ -90,7 +90,7 @@ TEST( Dump, TakesTimeInProportionToTheMembers ) {
       auto shortest = std::chrono::steady_clock::duration::max();
       for( int i = 0; i < 3; ++i ) {
          const auto begin = std::chrono::steady_clock::now();
-         EXPECT_GT( dumpJson( *status ).size(), 20 * members );
+         EXPECT_GT( jsonOf( *status ).size(), 20 * members );
          shortest = std::min( shortest, std::chrono::steady_clock::now() - begin );
       }
       return shortest;
@@ -100,4 +100,4 @@ TEST( Dump, TakesTimeInProportionToTheMembers ) {
 }
 
 } // namespace
-} // namespace Ipstated
+} // namespace Print

@@ -137,32 +137,38 @@ TEST_F( DumpTest, ShowsJsonWhateverTheNames ) {
    EXPECT_EQ( text, dump( "--json" ) );
    const auto root = nlohmann::json::parse( text ); // refuses bad UTF-8
    EXPECT_EQ( root["fwkType"], "Zek::Dir" );
-   const auto & status = root["entity"]["ip"]["entity"]["status"];
+   const auto & status = root["ip"]["status"];
    const std::string path = "cell/1/ip/input/status-1/ipIntfStatus[\u00fc]";
-   EXPECT_EQ( status["ipIntfStatus"]["\u00fc"], path );
+   // A path is ASCII, whatever the names.
+   EXPECT_EQ( status["ipIntfStatus"]["\u00fc"],
+              "cell/1/ip/input/status-1/ipIntfStatus[\"\\xc3\\xbc\"]" );
    EXPECT_EQ( nlohmann::json::parse( dump( "--json '" + path + "'" ) )["intfId"], "\u00fc" );
-   const auto & inputs = root["entity"]["cell"]["entity"]["1"]["entity"];
-   const auto & record =
-      inputs["ip"]["entity"]["input"]["entity"]["status-1"]["ipIntfStatus"]["a]\\xff\\xc3"];
+   const auto & inputs = root["cell"]["1"];
+   const auto & record = inputs["ip"]["input"]["status-1"]["ipIntfStatus"]["a]\\xff\\xc3"];
    EXPECT_EQ( record["activeAddrWithMask"], "10.0.0.1/24" );
    EXPECT_EQ( record["maxMssEgress"], 0 );
    EXPECT_EQ( record["attachedRoutes"], true );
    EXPECT_EQ( record["urpf"], ( nlohmann::json{ { "mode", "disable" }, { "acl", "" } } ) );
-   const auto & group =
-      inputs["ip"]["entity"]["input"]["entity"]["status-1"]["ipIntfStatus"]["v0"]["mcaddr"];
+   const auto & group = inputs["ip"]["input"]["status-1"]["ipIntfStatus"]["v0"]["mcaddr"];
    EXPECT_EQ( group["224.0.0.1"],
               ( nlohmann::json{ { "address", "224.0.0.1" },
                                 { "application", nlohmann::json::array() } } ) );
 }
 
-TEST_F( DumpTest, NamesTheNearestRecordOfAnUnknownPath ) {
-   for( const auto & [path, nearest] :
-        { std::pair( "ip/state", "'ip'" ), std::pair( "nowhere", "the root" ),
-          std::pair( "ip/status/a/b", "'ip/status'" ) } ) {
+TEST_F( DumpTest, TakesThePathsOfTheToolAndNamesTheNearest ) {
+   ip( { "addr add 10.0.0.1/24 dev v0" } );
+   EXPECT_EQ( dump( "'ip/status/ipIntfStatus[v0].activeAddrWithMask'" ), "10.0.0.1/24\n" );
+   EXPECT_EQ( dump( "'ip/status/ipIntfStatus[*].urpf.mode'" ), "disable\ndisable\ndisable\n" );
+   for( const auto & [path, problem] :
+        { std::pair( "ip/state", "no 'state' in 'ip' (Zek::Dir); the nearest is 'status'" ),
+          std::pair( "nowhere", "no 'nowhere' in the root (Zek::Dir)" ),
+          std::pair( "ip/status/a/b", "no 'a' in 'ip/status' (Ip::Status)" ),
+          std::pair( "'ip/status/ipIntfStatus[v2]'",
+                     "no 'ipIntfStatus[v2]' in 'ip/status'; the nearest is 'v0'" ),
+          std::pair( "ip//status", "path 'ip//status': expected a name at offset 3" ) } ) {
       Program program( std::string( "--dump " ) + path );
       EXPECT_EQ( program.status(), 1 );
-      EXPECT_EQ( program.allErrors(), std::string( "ipstated: no record '" ) + path +
-                                         "'; the nearest above it is " + nearest + "\n" );
+      EXPECT_EQ( program.allErrors(), "ipstated: " + std::string( problem ) + "\n" );
       EXPECT_EQ( program.allOutput(), "" );
    }
 }

@@ -25,8 +25,8 @@ struct Room {
    int row;
 };
 
-constexpr int libraryEnd = 12;
-constexpr int programsEnd = 13;
+constexpr int libraryEnd = 13;
+constexpr int programsEnd = 15;
 
 // A room may use itself and the rooms of smaller rows, never a neighbour on its own row.
 constexpr Room rooms[] = {
@@ -34,22 +34,24 @@ constexpr Room rooms[] = {
    { "platform/Vistrel/", 1 },
    { "framework/", 2 },
    { "framework/attrlog/", 3 },
-   { "platform/Velon/", 4 },
-   { "L3/", 5 },
-   { "Urpf/", 5 },
-   { "Ip/", 6 },
-   { "Ip6/", 6 },
-   { "IpGen/", 7 },
-   { "Ip/SrcIntf", 8 },
-   { "IpGen/SrcGenIntf", 8 },
-   { "VirtualIp/", 9 },
-   { "VrfTypes/", 9 },
-   { "platform/Kelmo/", 10 },
-   { "platform/Cell/", 10 },
-   { "Ira/", 11 },
-   { "agents/ipstated/", libraryEnd },
-   { "tools/ipstatectl/", libraryEnd },
-   { "examples/", libraryEnd },
+   { "framework/inspect/", 4 },
+   { "platform/Velon/", 5 },
+   { "L3/", 6 },
+   { "Urpf/", 6 },
+   { "Ip/", 7 },
+   { "Ip6/", 7 },
+   { "IpGen/", 8 },
+   { "Ip/SrcIntf", 9 },
+   { "IpGen/SrcGenIntf", 9 },
+   { "VirtualIp/", 10 },
+   { "VrfTypes/", 10 },
+   { "platform/Kelmo/", 11 },
+   { "platform/Cell/", 11 },
+   { "Ira/", 12 },
+   { "tools/print/", libraryEnd },
+   { "agents/ipstated/", libraryEnd + 1 },
+   { "tools/ipstatectl/", libraryEnd + 1 },
+   { "examples/", libraryEnd + 1 },
    { "tests/", programsEnd },
    { "bench/", programsEnd + 1 }, // may borrow the scripted inputs of the tests
    { "fuzz/", programsEnd + 1 },
