@@ -20,7 +20,7 @@ serveTree( const Zek::Entity::Ptr & root, const std::string & path, const std::s
       if( !found ) {
          Zek::throwRangeException( "'" + printable( group ) + "' is no group of this system" );
       }
-      options.group = found->gr_gid;
+      options.roles = { { found->gr_gid, { "" }, { "" } } };
    }
    options.problem = []( const std::string & text ) {
       fprintf( stderr, "ipstated: %s\n", printable( text ).c_str() );

@@ -31,10 +31,80 @@ constexpr size_t mostWaiting = 1 << 20;
 bool
 covers( const std::vector< std::string > & paths, std::string_view path ) {
    return std::any_of( paths.begin(), paths.end(), [&]( const std::string & above ) {
-      return path.starts_with( above ) &&
-             ( path.size() == above.size() || path[above.size()] == '/' );
+      return above.empty() || ( path.starts_with( above ) &&
+                                ( path.size() == above.size() || path[above.size()] == '/' ) );
    } );
 }
+
+/// The user of this process and root need no role.
+bool
+isOwn( const Peer & peer ) {
+   return peer.isAdmitted( {} );
+}
+
+bool
+isMember( const Peer & peer, const Role & role ) {
+   return std::find( peer.groups.begin(), peer.groups.end(), role.group ) != peer.groups.end();
+}
+
+bool
+isAdmitted( const Peer & peer, const std::vector< Role > & roles ) {
+   return isOwn( peer ) || std::any_of( roles.begin(), roles.end(), [&]( const Role & role ) {
+             return isMember( peer, role );
+          } );
+}
+
+/// "0 or group 7, 8", as what was expected of a peer.
+std::string
+admitted( const std::vector< Role > & roles ) {
+   std::string text = std::to_string( geteuid() );
+   for( const Role & role : roles ) {
+      text += ( &role == roles.data() ? " or group " : ", " ) + std::to_string( role.group );
+   }
+   return text;
+}
+
+/// A lock that nobody else can take, as a file beside the socket that only its owner can open. It
+/// is gone when the lock is. A directory's own lock would be anybody's who may read the directory.
+class Lock {
+ public:
+   explicit Lock( const std::string & path ) : path_( path + ".lock" ) {
+      for( int tries = 0;; ++tries ) {
+         const int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+         Descriptor file( open( path_.c_str(), flags, 0600 ) );
+         struct stat opened, named;
+         if( !file || fstat( file.fd(), &opened ) != 0 ) {
+            const std::string directory = path.substr( 0, path.rfind( '/' ) + 1 );
+            throwSystemError( "cannot listen at '" + path + "': " +
+                              ( errno == ENOENT ? "expected a directory '" + directory + "'"
+                                                : "cannot open '" + path_ + "'" ) );
+         }
+         if( opened.st_uid != geteuid() ) {
+            errno = EPERM;
+            throwSystemError( "cannot listen at '" + path + "': expected '" + path_ +
+                              "' to be this user's" );
+         }
+         const bool locked = flock( file.fd(), LOCK_EX | LOCK_NB ) == 0;
+         // Who had it before has removed the file, maybe after we opened it.
+         if( locked && lstat( path_.c_str(), &named ) == 0 && named.st_ino == opened.st_ino &&
+             named.st_dev == opened.st_dev ) {
+            file_ = std::move( file );
+            return;
+         }
+         if( !locked && ( ( errno != EWOULDBLOCK && errno != EINTR ) || tries >= 100 ) ) {
+            throwSystemError( "cannot listen at '" + path + "': cannot lock '" + path_ + "'" );
+         }
+         if( !locked ) usleep( 2000 );
+      }
+   }
+   ~Lock() { unlink( path_.c_str() ); }
+   Lock( const Lock & ) = delete;
+   Lock & operator=( const Lock & ) = delete;
+
+ private:
+   std::string path_;
+   Descriptor file_;
+};
 
 Descriptor
 openSpare() {
@@ -47,8 +117,9 @@ openSpare() {
 
 class Server::Client final : public SessionOwner {
  public:
-   Client( Server & server, Descriptor socket, std::string name )
+   Client( Server & server, Descriptor socket, Peer peer, std::string name )
       : server_( server ),
+        peer_( std::move( peer ) ),
         name_( std::move( name ) ),
         session_( server.root_, *this ),
         connection_( session_, std::move( socket ), server.fd(), this ) {
@@ -57,6 +128,8 @@ class Server::Client final : public SessionOwner {
    }
 
    bool isGone() const { return gone_; }
+   void leave() { gone_ = true; }
+   const Peer & peer() const { return peer_; }
    size_t waiting() const { return session_.output().size(); }
    void onEvents( uint32_t events ) {
       if( events & ~uint32_t( EPOLLOUT ) ) {
@@ -90,6 +163,11 @@ class Server::Client final : public SessionOwner {
          reason = "'" + path + "' is not exported";
       } else if( mount.mode() == "w" && !covers( options.writable, path ) ) {
          reason = "'" + path + "' is not exported for writing: expected mode r or ri";
+      } else if( !roleAllows( path, mount.mode() == "w" ) ) {
+         reason = "'" + path + "' may not be " + ( mount.mode() == "w" ? "written" : "read" ) +
+                  " by " + peer_.text();
+      } else if( options.refuses ) {
+         reason = options.refuses( mount );
       }
       if( !reason.empty() ) {
          Vistrel::trace( traceHandle, faultLevel, "allows", name_, " is refused: ", reason );
@@ -97,7 +175,16 @@ class Server::Client final : public SessionOwner {
       return reason.empty();
    }
 
+   bool roleAllows( std::string_view path, bool toWrite ) const {
+      const auto & roles = server_.options_.roles;
+      return isOwn( peer_ ) || std::any_of( roles.begin(), roles.end(), [&]( const Role & role ) {
+                return isMember( peer_, role ) && ( covers( role.writable, path ) ||
+                                                    ( !toWrite && covers( role.readable, path ) ) );
+             } );
+   }
+
    Server & server_;
+   Peer peer_;
    std::string name_;
    Session session_;
    Connection connection_;
@@ -111,12 +198,19 @@ Server::Server( const Zek::Entity::Ptr & root, const std::string & path, ServerO
      path_( path ),
      options_( std::move( options ) ),
      epoll_( epoll_create1( EPOLL_CLOEXEC ) ),
-     listener_( socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) ),
+     listener_( options_.listener >= 0
+                   ? options_.listener
+                   : socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) ),
      spare_( openSpare() ) {
    if( !epoll_ || !listener_ || !spare_ ) {
       throwSystemError( "cannot listen at '" + path_ + "'" );
    }
-   listen();
+   if( options_.listener < 0 ) {
+      listen();
+   } else if( fcntl( listener_.fd(), F_SETFL, O_RDWR | O_NONBLOCK ) != 0 ||
+              fcntl( listener_.fd(), F_SETFD, FD_CLOEXEC ) != 0 ) {
+      throwSystemError( "cannot take over the listening socket of '" + path_ + "'" );
+   }
    epoll_event event{};
    event.events = EPOLLIN;
    if( epoll_ctl( epoll_.fd(), EPOLL_CTL_ADD, listener_.fd(), &event ) != 0 ) {
@@ -141,19 +235,7 @@ Server::listen() {
    };
    // Of two that start at the same path, neither takes the other's socket, bound and not yet
    // listened on, for a stale one.
-   const size_t slash = path_.rfind( '/' );
-   const std::string directory = slash == path_.npos ? "." : path_.substr( 0, slash + 1 );
-   Descriptor lock( open( directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC ) );
-   if( !lock ) {
-      throwSystemError( "cannot listen at '" + path_ + "': expected a directory '" + directory +
-                        "'" );
-   }
-   for( int tries = 0; flock( lock.fd(), LOCK_EX | LOCK_NB ) != 0; ++tries ) {
-      if( ( errno != EWOULDBLOCK && errno != EINTR ) || tries == 100 ) {
-         throwSystemError( "cannot listen at '" + path_ + "': cannot lock '" + directory + "'" );
-      }
-      usleep( 2000 );
-   }
+   const Lock lock( path_ );
    int failed = bind();
    if( failed && errno == EADDRINUSE ) {
       removeStale();
@@ -168,19 +250,39 @@ Server::listen() {
       inode_ = made.st_ino;
    }
    // Nobody can connect before listen().
-   auto refuse = [&]( const std::string & what ) {
-      const int error = errno;
+   try {
+      accessIs();
+      if( ::listen( listener_.fd(), SOMAXCONN ) != 0 ) {
+         throwSystemError( "cannot listen at '" + path_ + "'" );
+      }
+   } catch( ... ) {
       unlink( path_.c_str() );
-      errno = error;
-      throwSystemError( what );
-   };
-   if( options_.group && chown( path_.c_str(), uid_t( -1 ), *options_.group ) != 0 ) {
-      refuse( "cannot give '" + path_ + "' to group " + std::to_string( *options_.group ) );
+      throw;
    }
-   if( chmod( path_.c_str(), options_.group ? 0660 : 0600 ) != 0 ||
-       ::listen( listener_.fd(), SOMAXCONN ) != 0 ) {
-      refuse( "cannot listen at '" + path_ + "'" );
+}
+
+/// Lets those open the socket file who have a role.
+void
+Server::accessIs() {
+   const std::vector< Role > & roles = options_.roles;
+   if( roles.size() == 1 && chown( path_.c_str(), uid_t( -1 ), roles[0].group ) != 0 ) {
+      throwSystemError( "cannot give '" + path_ + "' to group " +
+                        std::to_string( roles[0].group ) );
    }
+   const mode_t mode = roles.empty() ? 0600 : roles.size() == 1 ? 0660 : 0666;
+   if( chmod( path_.c_str(), mode ) != 0 ) {
+      throwSystemError( "cannot listen at '" + path_ + "'" );
+   }
+}
+
+void
+Server::rolesIs( std::vector< Role > roles ) {
+   if( options_.roles == roles ) return;
+   options_.roles = std::move( roles );
+   for( const auto & client : clients_ ) {
+      if( !isOwn( client->peer() ) ) client->leave();
+   }
+   if( options_.listener < 0 ) accessIs();
 }
 
 void
@@ -240,16 +342,16 @@ void
 Server::admit( Descriptor socket ) {
    std::string name = "a client";
    try {
-      const Peer peer = Peer::of( socket.fd() );
+      Peer peer = Peer::of( socket.fd() );
       name += ", " + peer.text() + ",";
-      if( !peer.isAdmitted( options_.group ) ) {
-         fault( name + " is turned away: expected uid " + std::to_string( geteuid() ) +
-                ( options_.group ? " or group " + std::to_string( *options_.group ) : "" ) );
+      if( !isAdmitted( peer, options_.roles ) ) {
+         fault( name + " is turned away: expected uid " + admitted( options_.roles ) );
       } else if( clients_.size() >= options_.clients ) {
          fault( name + " is turned away: expected no more than " +
                 std::to_string( options_.clients ) + " clients" );
       } else {
-         clients_.push_back( std::make_unique< Client >( *this, std::move( socket ), name ) );
+         clients_.push_back(
+            std::make_unique< Client >( *this, std::move( socket ), std::move( peer ), name ) );
          Vistrel::trace( traceHandle, clientLevel, "admit", name, " came" );
       }
    } catch( const std::exception & error ) {

@@ -30,16 +30,32 @@
 
 namespace Kelmo {
 
+/// What members of a group may do: connect, and mount paths, each with all below it; "" is all that
+/// is exported. What may be written may be read.
+struct Role {
+   gid_t group;
+   std::vector< std::string > readable{};
+   std::vector< std::string > writable{};
+
+   bool operator==( const Role & ) const = default;
+};
+
 struct ServerOptions {
-   /// A group whose members may connect, beside root and the server's own user. The socket file is
-   /// given to it with mode 0660; else it has mode 0600.
-   std::optional< gid_t > group{};
+   /// Who may connect beside root and the server's own user, who may mount all that is exported.
+   /// The socket file has mode 0600; with one role it is given to its group with 0660, with
+   /// several it has 0666, and credentials alone decide.
+   std::vector< Role > roles{};
    /// Paths that may be mounted, each with all below it; empty: all.
    std::vector< std::string > exported{};
    /// Those that may be mounted with mode "w", likewise; empty: none.
    std::vector< std::string > writable{};
+   /// Says why a mount that is allowed otherwise is not; empty when it is, or may be.
+   std::function< std::string( const Mount & ) > refuses{};
    /// Clients at a time; one more is turned away.
    size_t clients = 256;
+   /// A socket that listens already, as a service manager hands it over; -1: the server makes one.
+   /// It becomes the server's, its file does not.
+   int listener = -1;
    /// Called with the text of every problem; may be empty. Must not destroy the server.
    std::function< void( const std::string & ) > problem{};
 };
@@ -64,6 +80,10 @@ class IPSTATE_EXPORT Server {
    /// Sends what has changed, as far as the clients take it. Call it before waiting.
    void flush();
 
+   /// From now on. Who is connected by membership of a group is disconnected when it is another
+   /// list, and may connect again by the new one.
+   void rolesIs( std::vector< Role > roles );
+
    const std::string & path() const { return path_; }
    /// Clients connected now.
    size_t clients() const { return clients_.size(); }
@@ -77,6 +97,7 @@ class IPSTATE_EXPORT Server {
    class Client;
 
    void listen();
+   void accessIs();
    void removeStale();
    void accept();
    bool turnAway();

@@ -18,6 +18,7 @@
 #include <grp.h>
 #include <optional>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -419,7 +420,7 @@ mayBeOthers() {
 TEST_F( Sockets, AdmitByCredentials ) {
    if( !mayBeOthers() ) GTEST_SKIP();
    constexpr gid_t friends = 54321;
-   serve( { .group = friends } );
+   serve( { .roles = { { friends, { "" } } } } );
    struct stat made;
    ASSERT_EQ( stat( path.c_str(), &made ), 0 );
    EXPECT_EQ( made.st_mode & 07777, 0660u );
@@ -446,6 +447,82 @@ TEST_F( Sockets, AdmitByCredentials ) {
    const std::string & fault = server->lastFault();
    EXPECT_EQ( fault.substr( fault.find( " of uid" ) ),
               " of uid 65534, is turned away: expected uid 0 or group 54321" );
+}
+
+/// A loop of a process of its own that mounts one path; 0 when it is there, 2 when it is refused.
+int
+mountElsewhere( const std::string & path, const char * at, const char * mode ) {
+   Owner owner;
+   Tree copy;
+   auto group = Zek::allocate< Kelmo::SocketMountGroup >( copy.root, path, owner );
+   group->doMount( Kelmo::Mount( at, "Ip::Input::Status", mode, Kelmo::MountFilter( false ) ) );
+   for( auto end = Clock::now() + std::chrono::seconds( 5 ); Clock::now() < end; ) {
+      group->timePassed( Clock::now() );
+      group->flush();
+      if( owner.told.find( "refused" ) != std::string::npos ) return 2;
+      if( copy.root->entityAt( at ) ) return 0;
+      pollfd wait{ group->fd(), POLLIN, 0 };
+      if( poll( &wait, 1, 10 ) > 0 ) group->onReadable();
+   }
+   return 1;
+}
+
+TEST_F( Sockets, LetEachGroupMountWhatItsRoleSays ) {
+   if( !mayBeOthers() ) GTEST_SKIP();
+   constexpr gid_t readers = 54321, writers = 54322;
+   for( const char * at : { "a", "b", "c" } ) source.lay( at );
+   const std::vector< Kelmo::Role > roles{ { readers, { "a" } },
+                                           { writers, { "b/status" }, { "c" } } };
+   serve( { .roles = roles, .writable = { "c" } } );
+   struct stat made;
+   ASSERT_EQ( stat( path.c_str(), &made ), 0 );
+   EXPECT_EQ( made.st_mode & 07777, 0666u );
+   auto outcome = [&]( gid_t also, const char * at, const char * mode ) {
+      // The server is the tested user's: the other trusts it by its group.
+      const pid_t child = forkAs( 65534, also, [&] { return mountElsewhere( path, at, mode ); } );
+      int status = 0;
+      while( waitpid( child, &status, WNOHANG ) == 0 ) {
+         settle();
+         usleep( 1000 );
+      }
+      settle();
+      return WEXITSTATUS( status );
+   };
+   EXPECT_EQ( outcome( readers, "a/status", "r" ), 0 );
+   EXPECT_EQ( outcome( readers, "b/status", "r" ), 2 );
+   EXPECT_EQ( outcome( readers, "c/status", "w" ), 2 );
+   EXPECT_EQ( outcome( writers, "a/status", "r" ), 2 );
+   EXPECT_EQ( outcome( writers, "b/status", "r" ), 0 );
+   EXPECT_EQ( outcome( writers, "c/status", "w" ), 0 );
+   EXPECT_EQ( outcome( writers, "c/status", "r" ), 0 );
+   server->rolesIs( { roles[0] } );
+   EXPECT_EQ( outcome( writers, "c/status", "r" ), 1 ); // cannot even open it
+   EXPECT_EQ( outcome( readers, "a/status", "r" ), 0 );
+   ASSERT_EQ( stat( path.c_str(), &made ), 0 );
+   EXPECT_EQ( made.st_mode & 07777, 0660u );
+   EXPECT_EQ( made.st_gid, readers );
+}
+
+TEST_F( Sockets, StartUnderALockThatOnlyTheirUserCanTake ) {
+   const Kelmo::Descriptor held( open( directory.c_str(), O_RDONLY | O_DIRECTORY ) );
+   ASSERT_EQ( flock( held.fd(), LOCK_EX ), 0 ); // anybody may who can read the directory
+   serve();
+   EXPECT_FALSE( fs::exists( path + ".lock" ) );
+   server.reset();
+   fs::create_symlink( directory + "/elsewhere", path + ".lock" );
+   EXPECT_THROW( serve(), std::system_error );
+   EXPECT_FALSE( fs::exists( directory + "/elsewhere" ) );
+}
+
+TEST_F( Sockets, TakeOverASocketThatListens ) {
+   source.lay();
+   const int fd = listenRaw( path );
+   serve( { .listener = fd } );
+   mount();
+   settle();
+   EXPECT_TRUE( copy.at() );
+   server.reset();
+   EXPECT_TRUE( fs::exists( path ) );
 }
 
 TEST_F( Sockets, TurnToNoServerOfAnother ) {
