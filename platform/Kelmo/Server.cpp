@@ -27,10 +27,12 @@ constexpr int mostAccepted = 16; // in one turn
 /// What a client may leave unread before it is not listened to any more.
 constexpr size_t mostWaiting = 1 << 20;
 
-/// Whether one of the paths is that one, or above it.
+/// Whether one of the paths, however many slashes it has, is that one, or above it.
 bool
 covers( const std::vector< std::string > & paths, std::string_view path ) {
-   return std::any_of( paths.begin(), paths.end(), [&]( const std::string & above ) {
+   return std::any_of( paths.begin(), paths.end(), [&]( const std::string & written ) {
+      const Zek::String normalised = normalisedPath( written );
+      const std::string_view above = normalised.view();
       return above.empty() || ( path.starts_with( above ) &&
                                 ( path.size() == above.size() || path[above.size()] == '/' ) );
    } );
