@@ -143,8 +143,27 @@ stepThunk() -> void ( * )( void *, const void *, void * ) {
    }
 }
 
-template< auto Increment, auto Decrement >
-inline constexpr CounterOps counterOps = { stepThunk< Increment >(), stepThunk< Decrement >() };
+/// A counter wraps, so that a step of either kind leads anywhere.
+template< auto Field, auto Write, auto Increment, auto Decrement >
+void
+reachBy( void * object, const void * value ) {
+   using Object = typename MemberPointer< decltype( Field ) >::Object;
+   using V = typename MemberPointer< decltype( Field ) >::Value;
+   auto & counter = *static_cast< Object * >( object );
+   const V wanted = *static_cast< const V * >( value ), present = counter.*Field;
+   if constexpr( Write != nullptr ) {
+      ( counter.*Write )( wanted );
+   } else if( wanted == present ) {
+   } else if constexpr( Increment != nullptr ) {
+      ( counter.*Increment )( static_cast< V >( wanted - present ) );
+   } else {
+      ( counter.*Decrement )( static_cast< V >( present - wanted ) );
+   }
+}
+
+template< auto Field, auto Write, auto Increment, auto Decrement >
+inline constexpr CounterOps counterOps = { stepThunk< Increment >(), stepThunk< Decrement >(),
+                                           &reachBy< Field, Write, Increment, Decrement > };
 
 // -- Callables --------------------------------------------------------------------------------
 
@@ -285,7 +304,7 @@ counter( const char * name, uint16_t id ) {
    AttributeRow row = parameter< Field >( name, id, isCounter );
    row.kind = AttributeKind::plain;
    if constexpr( Write != nullptr ) row.write = &writeBy< Write >;
-   row.counter = &counterOps< Increment, Decrement >;
+   row.counter = &counterOps< Field, Write, Increment, Decrement >;
    return row;
 }
 

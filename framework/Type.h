@@ -159,6 +159,8 @@ struct ValueSetOps {
 struct CounterOps {
    void ( *increment )( void * object, const void * by, void * result );
    void ( *decrement )( void * object, const void * by, void * result );
+   /// Brings it to the value at `value`, by whichever operations the type has.
+   void ( *reach )( void * object, const void * value );
 };
 
 /// One attribute of a type.
@@ -180,6 +182,12 @@ struct AttributeRow {
    std::span< const ParameterRow > parameters; // of a callable
 
    bool has( AttributeFlag flag ) const { return flags & flag; }
+   /// Whether the object stores a value that can be changed.
+   bool isMutable() const { return address && ( write || counter ); }
+   /// Brings what isMutable() to a value, through the typed mutators.
+   void bring( void * object, const void * value ) const {
+      write ? write( object, value ) : counter->reach( object, value );
+   }
 };
 
 /// What happens to a state on its way to an object; see StateOps.

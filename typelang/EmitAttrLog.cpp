@@ -19,12 +19,17 @@ relayClass( const Type & type ) {
 
 namespace {
 
+bool
+isStoredAttribute( const Member & m ) {
+   return m.kind == MemberKind::attr || m.kind == MemberKind::counter;
+}
+
 /// Operations for all plain attributes at once, where none of them is a pointer.
 std::string
 stateOf( const Type & type ) {
    std::vector< std::string > attributes;
    for( const Member & m : type.members ) {
-      if( m.kind != MemberKind::attr && !( m.kind == MemberKind::counter && m.hasIs ) ) continue;
+      if( !isStoredAttribute( m ) ) continue;
       if( m.type.type->isCounted() ) return {};
       attributes.push_back( fill(
          "      Zek::Rows::Attribute< &$Self$::$x$_, $mutator$, $n$ >",
@@ -47,9 +52,7 @@ attrLog( const Type & type ) {
    std::string serialisers, dirty;
    for( const Member & m : type.members ) {
       const bool isCollection = m.kind == MemberKind::collection;
-      const bool isAttribute =
-         m.kind == MemberKind::attr || ( m.kind == MemberKind::counter && m.hasIs );
-      if( !isCollection && !isAttribute ) continue;
+      if( !isCollection && !isStoredAttribute( m ) ) continue;
       Holes h{ { "X", capitalised( m.name ) }, { "n", std::to_string( m.number ) } };
       serialisers += fill(
          isCollection ? "   bool zekHandle$X$SerializeColl() { return serializeIfDirty( $n$ ); }\n"

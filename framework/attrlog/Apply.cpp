@@ -94,11 +94,13 @@ In::takeValue( const Flow & flow, const AttributeRow & row, Wire::Decoder & body
    } destroyed{ ops, value };
    try {
       if( !ops.decode( body, value ) || body.left() ) return false;
+   } catch( const std::bad_alloc & ) {
+      throw;
    } catch( ... ) {
       return false; // the type refuses it, and will again
    }
    NotifieeList::Muted muted( flow.entity->notifieeList() );
-   if( !guarded( [&] { row.write( flow.entity, value ); } ) ) refusedIs( *flow.sa, row, nullptr );
+   if( !guarded( [&] { row.bring( flow.entity, value ); } ) ) refusedIs( *flow.sa, row, nullptr );
    return true;
 }
 
@@ -132,6 +134,8 @@ In::takeState( const Flow & flow, Wire::Decoder & body ) {
    NotifieeList::Muted muted( flow.entity->notifieeList() );
    try {
       return flow.type->type->state->take( body, flow.entity, taker );
+   } catch( const std::bad_alloc & ) {
+      throw;
    } catch( ... ) {
       return false; // a type refuses its value, and will again
    }
@@ -293,7 +297,7 @@ In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
    }
    if( !mayApply( sa, row, nullptr ) ) return true;
    Entity::Ptr entity( sa.entity_ );
-   if( !change( sa, row, nullptr, value, false, [&] { row.write( entity.ptr(), value ); } ) ) {
+   if( !change( sa, row, nullptr, value, false, [&] { row.bring( entity.ptr(), value ); } ) ) {
       refusedIs( sa, row, nullptr );
    }
    return true;
@@ -386,7 +390,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
       if( row.stored->equal( row.address( entity.ptr() ), item.value ) ) continue;
       if( !mayApply( sa, *item.row, nullptr ) ) continue;
       if( !change( sa, *item.row, nullptr, item.value, false,
-                   [&] { item.row->write( entity.ptr(), item.value ); } ) ) {
+                   [&] { item.row->bring( entity.ptr(), item.value ); } ) ) {
          refusedIs( sa, *item.row, nullptr );
       }
    }

@@ -150,7 +150,14 @@ void
 Sa::detach() {
    if( !entity_ ) return;
    Zek::Ptr< Sa > self( this );
-   eachMemberAdaptor( []( Sa & sa ) { sa.detach(); } );
+   // Those that are missed go with the connection.
+   adapter_.out_.orBreakOff( [&] { eachMemberAdaptor( []( Sa & sa ) { sa.detach(); } ); } );
+   detachAlone();
+}
+
+void
+Sa::detachAlone() {
+   Zek::Ptr< Sa > self( this );
    adapter_.leave( *this );
    for( auto * h = adapter_.in_.handling_; h; h = h->outer ) {
       if( h->sa == this ) h->sa = nullptr;
@@ -165,28 +172,33 @@ Sa::detach() {
 void
 Sa::onEntityLeaves() {
    Zek::Ptr< Sa > self( this );
-   if( Entity * parent = entity_->parent() ) {
-      const AttributeRow * row = parent->fwkType()->attribute( entity_->parentAttrId() );
-      Sa * parentSa = adapter_.adaptorOf( *parent );
-      if( row && parentSa && parentSa->is( sends ) && ( announced_ || is( toOwner ) ) ) {
-         withMemberKey( *row, entity_, [&]( const void * key ) {
-            // A removal that came from the peer is no news to it.
-            const NboAttrLog::Handling * h = parentSa->handling();
-            if( h && h->attrId == row->id && !h->instance && !h->value &&
-                row->keyType->values->equal( h->key, key ) ) {
-               return;
-            }
-            parentSa->markDirty( *row, key, true );
-         } );
-      }
-   }
+   adapter_.out_.orBreakOff( [&] { removalOwed(); } );
    detach();
+}
+
+/// Notes in the parent's flow that what stands under the key goes.
+void
+Sa::removalOwed() {
+   Entity * parent = entity_->parent();
+   if( !parent ) return;
+   const AttributeRow * row = parent->fwkType()->attribute( entity_->parentAttrId() );
+   Sa * parentSa = adapter_.adaptorOf( *parent );
+   if( !row || !parentSa || !parentSa->is( sends ) || !( announced_ || is( toOwner ) ) ) return;
+   withMemberKey( *row, entity_, [&]( const void * key ) {
+      // A removal that came from the peer is no news to it.
+      const NboAttrLog::Handling * h = parentSa->handling();
+      if( h && h->attrId == row->id && !h->instance && !h->value &&
+          row->keyType->values->equal( h->key, key ) ) {
+         return;
+      }
+      parentSa->markDirty( *row, key, true );
+   } );
 }
 
 void
 Sa::onNotificationException() {
-   // Nothing of the adaptor's own is half done when one of its callbacks throws.
-   throw;
+   // Whoever changed the entity has nothing to do with it if there is no memory for this peer.
+   adapter_.out_.orBreakOff( [] { throw; } );
 }
 
 void
@@ -311,7 +323,7 @@ Sa::mayGoOut( const AttributeRow & row, const void * key ) {
 
 void
 Sa::onAttribute( const AttributeRow & row ) {
-   if( !row.address || !row.write ) return;
+   if( !row.isMutable() ) return;
    if( !mayGoOut( row, nullptr ) ) return;
    serializeAttribute( row );
    openIfUsual();
@@ -324,7 +336,7 @@ Sa::openIfUsual() {
    const FlowOut & flow = *flow_;
    if( ( flags_ & ( sends | withContent | readOnly | toOwner ) ) != ( sends | withContent ) )
       return;
-   if( !announced_ || flow.dirty_ || flow.stateDirty_ || flow.restarts_ ) return;
+   if( !announced_ || flow.dirty_.any() || flow.stateDirty_ || flow.restarts_ ) return;
    head_->open = &adapter_.out_;
 }
 

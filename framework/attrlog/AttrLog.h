@@ -23,10 +23,12 @@
 #include "framework/FlowHead.h"
 #include "framework/Relay.h"
 #include "framework/Wire.h"
+#include "framework/attrlog/AttributeBits.h"
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -148,6 +150,11 @@ struct IPSTATE_EXPORT Plan {
       const size_t index = static_cast< size_t >( attrId ) - firstAttrId_;
       return index < rows_.size() ? rows_[index] : nullptr;
    }
+   /// A number of its own for each synchronised attribute, below bits(); for others not below.
+   size_t bit( uint16_t attrId ) const {
+      return attrId == entityAttr ? rows_.size() : static_cast< size_t >( attrId ) - firstAttrId_;
+   }
+   size_t bits() const { return rows_.size() + 1; }
    /// How far the attribute's bytes reach in a state record, as ValueOps::wireSize. Of a
    /// collection it has one byte: 1 where it is empty, 0 where it says nothing.
    static uint8_t sizeInState( const AttributeRow & row );
@@ -228,9 +235,9 @@ class IPSTATE_EXPORT FlowOut {
    /// Names the attribute that is worked on.
    void attrIdIs( uint16_t attrId ) { head_.attrId = attrId; }
    uint16_t attrId() const { return head_.attrId; }
-   bool zekIsDirty( uint16_t attrId ) const { return dirty_ & bit( attrId ); }
+   bool zekIsDirty( uint16_t attrId ) const { return dirty_.has( plan_.bit( attrId ) ); }
    void zekIsDirtyIs( uint16_t attrId, bool dirty ) {
-      dirty_ = dirty ? dirty_ | bit( attrId ) : dirty_ & ~bit( attrId );
+      dirty_.set( plan_.bit( attrId ), dirty );
       if( dirty ) close();
    }
    /// Whether members of any collection are to be sent.
@@ -244,7 +251,7 @@ class IPSTATE_EXPORT FlowOut {
    const DirtyKeys * dirtyKeys( uint16_t attrId ) const;
    /// What is to be sent of a collection, or null.
    const DirtyCollection * dirtyCollection( uint16_t attrId ) const { return collection( attrId ); }
-   bool isDirty() const { return dirty_ != 0 || !collections_.empty(); }
+   bool isDirty() const { return dirty_.any() || !collections_.empty(); }
 
    /// Whether a change of the attribute may go out now, ahead of what is dirty. False while the
    /// collection is being sent as a whole, and where the sequence is at its end.
@@ -269,10 +276,6 @@ class IPSTATE_EXPORT FlowOut {
    friend class Out;
    friend class Zek::Entity::ZekNboAttrLogSa;
 
-   static uint64_t bit( uint16_t attrId ) {
-      // The children directory has the last bit.
-      return uint64_t( 1 ) << ( attrId == entityAttr ? 63 : ( attrId - 258u ) & 63 );
-   }
    bool isAtEnd() const { return head_.sequence >= head_.lastSequence; }
    /// From now on the adaptor looks at each change.
    void close() { head_.open = nullptr; }
@@ -281,12 +284,13 @@ class IPSTATE_EXPORT FlowOut {
    void collectionDone( DirtyCollection & done );
 
    Entity::ZekNboAttrLogSa & sa_;
+   const Plan & plan_;
    FlowHead & head_; // in the adaptor's relay
    uint32_t firstSequence_;
    uint32_t highestSequence_ = 0; // before it started again
    bool restarts_ = false;
    bool stateDirty_ = false; // all plain attributes in one record
-   uint64_t dirty_ = 0;
+   AttributeBits dirty_;     // by plan_.bit()
    std::vector< std::unique_ptr< DirtyCollection > > collections_;
    // The queue of flows with something to send.
    bool queued_ = false;
@@ -403,6 +407,8 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
                         bool state );
    void announceInWhole( const AttributeRow & row, Entity & member );
    NboAttrLog::FlowOut & makeFlow();
+   void detachAlone();
+   void removalOwed();
    template< class Visit >
    void eachMemberAdaptor( Visit visit );
    void unannounce( bool forget );
@@ -430,8 +436,8 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    // Written to a peer that owns the entity and has not said that it has seen it.
    struct Unacked;
    std::unique_ptr< Unacked > unacked_;
-   // The adapter's list.
-   ZekNboAttrLogSa * previousSa_ = nullptr;
+   // The adapter's list: what leads to this one, and the next one.
+   ZekNboAttrLogSa ** linkSa_ = nullptr;
    ZekNboAttrLogSa * nextSa_ = nullptr;
 };
 
@@ -449,10 +455,25 @@ class IPSTATE_EXPORT Out {
 
    /// Bytes that may wait; a record that begins below it is written whole.
    size_t capacity() const { return capacity_; }
-   void capacityIs( size_t bytes ) { capacity_ = room_ = bytes; }
+   void capacityIs( size_t bytes ) {
+      capacity_ = bytes;
+      isHeldIs( false );
+   }
    bool hasSufficientBuffer() const { return buffer_.size() < room_; }
    /// No room for a while: what changes is marked dirty.
-   void isHeldIs( bool held ) { room_ = held ? 0 : capacity_; }
+   void isHeldIs( bool held ) { room_ = held || broken_ ? 0 : capacity_; }
+   /// There was no memory for what goes to this peer: its copy is behind for good, and nothing more
+   /// is written on this connection, which its owner ends.
+   bool isBroken() const { return broken_; }
+   /// Runs what wants memory for this peer's sake, where others are not to hear of it.
+   template< class Work >
+   void orBreakOff( Work work ) {
+      try {
+         work();
+      } catch( const std::bad_alloc & ) {
+         breakOff();
+      }
+   }
 
    /// What waits to be carried away, and what was carried away.
    const Wire::Buffer & buffer() const { return buffer_; }
@@ -500,6 +521,7 @@ class IPSTATE_EXPORT Out {
                      uint8_t flags = 0 );
    void acknowledgeFirst();
    void acknowledge();
+   void breakOff();
    void declare( Plan & plan );
    void queue( FlowOut & flow );
    void unqueue( FlowOut & flow );
@@ -519,6 +541,7 @@ class IPSTATE_EXPORT Out {
    size_t room_ = capacity_;
    size_t frame_ = 0; // offset of the record being written
    bool barrier_ = false;
+   bool broken_ = false;
    uint32_t controlSequence_ = firstSequence;
    uint32_t types_ = 0;
    uint64_t records_ = 0;

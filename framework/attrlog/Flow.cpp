@@ -25,12 +25,6 @@ mixText( uint64_t hash, std::string_view text ) {
 
 constexpr uint64_t hashStart = 0xcbf29ce484222325;
 
-bool
-isSynchronised( const AttributeRow & row ) {
-   if( row.collection ) return true;
-   return row.address && row.write;
-}
-
 } // namespace
 
 uint32_t
@@ -67,7 +61,7 @@ Plan::Plan( const TypeDescriptor & described ) : type( described ) {
    for( const TypeDescriptor * t = &type; t; t = t->base ) line.insert( line.begin(), t );
    for( const TypeDescriptor * t : line ) {
       for( const AttributeRow & row : t->attributes ) {
-         if( !isSynchronised( row ) ) continue;
+         if( !row.collection && !row.isMutable() ) continue;
          attrIdsReqSync.push_back( row.id );
          if( row.id == entityAttr ) {
             children_ = &row;
@@ -118,8 +112,10 @@ Demuxer::createFlowOut( Out &, const EntityUriPath &, Entity::ZekNboAttrLogSa & 
 
 FlowOut::FlowOut( Sa & sa, uint32_t id, uint32_t first, uint32_t last )
    : sa_( sa ),
+     plan_( sa.plan_ ),
      head_( *sa.head_ ),
-     firstSequence_( first ) {
+     firstSequence_( first ),
+     dirty_( plan_.bits() ) {
    head_.id = id;
    head_.sequence = first;
    head_.lastSequence = last;
@@ -213,19 +209,18 @@ FlowOut::zekKeyDirtyDel( uint16_t attrId, const void * key ) {
 
 void
 FlowOut::allDirty() {
-   const Plan & plan = sa_.plan_;
    close();
-   dirty_ = 0;
-   stateDirty_ = !plan.plain.empty() && sa_.is( Sa::withContent );
+   dirty_.clear();
+   stateDirty_ = !plan_.plain.empty() && sa_.is( Sa::withContent );
    if( stateDirty_ ) {
-      for( const AttributeRow * row : plan.plain ) dirty_ |= bit( row->id );
+      for( const AttributeRow * row : plan_.plain ) dirty_.set( plan_.bit( row->id ), true );
    }
-   for( const AttributeRow * row : plan.collections ) {
+   for( const AttributeRow * row : plan_.collections ) {
       if( !sa_.covers( *row ) ) continue;
       if( stateDirty_ && row->collection->count( sa_.entity() ) == 0 ) {
          // The state says that it is empty.
          if( DirtyCollection * c = collection( row->id ) ) collectionDone( *c );
-         dirty_ |= bit( row->id );
+         dirty_.set( plan_.bit( row->id ), true );
       } else {
          wholeIs( *row );
       }
@@ -234,7 +229,7 @@ FlowOut::allDirty() {
 
 void
 FlowOut::allClean() {
-   dirty_ = 0;
+   dirty_.clear();
    stateDirty_ = false;
    collections_.clear();
 }

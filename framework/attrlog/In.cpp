@@ -85,6 +85,21 @@ In::arrived( size_t count ) {
       }
    };
    std::optional< Receiving > receiving( std::in_place, *this );
+   try {
+      applyAll();
+   } catch( const std::bad_alloc & ) {
+      // Of the record that was applied something may be missing here.
+      closed_ = true;
+      throw StreamException( "out of memory at record " + std::to_string( records_ ) );
+   }
+   receiving.reset();
+   // Else it goes ahead of what is written next.
+   if( adapter_.peerWrites_ && adapter_.out_.hasSufficientBuffer() ) acknowledge();
+}
+
+/// Applies every record that is complete.
+void
+In::applyAll() {
    const size_t names = Interner::bytes();
    size_t ahead = 0;
    for( int i = 0; i < framesAhead; ++i ) fetchAhead( ahead );
@@ -125,9 +140,6 @@ In::arrived( size_t count ) {
    if( nameBytes_ > quota.nameBytes ) malformed( FrameHeader{}, "fewer names", 0 );
    // While a dump goes on, no oftener than pays.
    if( bound_ && ( !openDumps_ || bound_ >= held_.size() ) ) retryHeld();
-   receiving.reset();
-   // Else it goes ahead of what is written next.
-   if( adapter_.peerWrites_ && adapter_.out_.hasSufficientBuffer() ) acknowledge();
 }
 
 /// Frames say whom they concern: while one is applied, the entity of one behind it is on its way

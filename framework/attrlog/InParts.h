@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <exception>
+#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -85,13 +86,16 @@ class In::Scratch {
 };
 
 /// Runs what calls mutators. What they and their notifiees throw is counted and traced, and is
-/// no fault of the stream's.
+/// no fault of the stream's; but without memory the record is not applied, and what follows it must
+/// not be.
 template< class Change >
 bool
 In::guarded( Change change ) {
    try {
       change();
       return true;
+   } catch( const std::bad_alloc & ) {
+      throw;
    } catch( const std::exception & e ) {
       lastRefusal_ = e.what();
    } catch( ... ) {

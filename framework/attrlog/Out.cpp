@@ -69,6 +69,13 @@ Out::unqueue( FlowOut & flow ) {
    --queued_;
 }
 
+void
+Out::breakOff() {
+   broken_ = true;
+   room_ = 0;
+   buffer_.clear();
+}
+
 bool
 Out::drain() {
    if( hasSufficientBuffer() ) acknowledgeFirst();
@@ -93,16 +100,18 @@ Out::isClean() const {
 void
 Out::number( FlowOut & flow ) {
    if( flow.head_.id ) return;
-   ++liveFlows_;
    if( free_.empty() ) {
-      flow.head_.id = static_cast< uint32_t >( flows_.size() );
       flows_.push_back( &flow.sa_ );
+      // So that a flow can end without memory.
+      if( free_.capacity() < flows_.size() ) free_.reserve( flows_.capacity() );
+      flow.head_.id = static_cast< uint32_t >( flows_.size() - 1 );
    } else {
       flow.head_.id = free_.back().id;
       flow.head_.sequence = flow.firstSequence_ = free_.back().first;
       free_.pop_back();
       flows_[flow.head_.id] = &flow.sa_;
    }
+   ++liveFlows_;
 }
 
 /// On a new connection: the flow of what is still there begins again.
@@ -118,6 +127,8 @@ Out::unnumber( FlowOut & flow ) {
 void
 Out::reset() {
    buffer_.clear();
+   broken_ = false;
+   capacityIs( capacity_ );
    flows_.assign( 1, nullptr );
    free_.clear();
    liveFlows_ = 0;

@@ -56,9 +56,8 @@ bool
 NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow & row ) {
    Out & out = *open;
    auto & entity = static_cast< const Entity & >( notifier );
-   if( !entity.zekIsLogged() || out.adapter_.in_.handling_ || out.barrier_ || !row.address ||
-       !row.write || !row.stored->encode || !out.hasSufficientBuffer() ||
-       sequence >= lastSequence ) {
+   if( !entity.zekIsLogged() || out.adapter_.in_.handling_ || out.barrier_ || !row.isMutable() ||
+       !row.stored->encode || !out.hasSufficientBuffer() || sequence >= lastSequence ) {
       return false;
    }
    attrId = row.id;
@@ -109,12 +108,13 @@ Sa::serializeState() {
    out.buffer_.written( plan_.collections.size() );
    out.end();
    flow_->stateDirty_ = false;
-   const uint64_t said = std::exchange( flow_->dirty_, 0 );
-   if( !is( toOwner ) ) return;
-   for( const AttributeRow * row : plan_.plain ) wroteToOwner( *row, nullptr );
-   for( const AttributeRow * row : plan_.collections ) {
-      if( said & FlowOut::bit( row->id ) ) wroteToOwner( *row, nullptr );
+   if( is( toOwner ) ) {
+      for( const AttributeRow * row : plan_.plain ) wroteToOwner( *row, nullptr );
+      for( const AttributeRow * row : plan_.collections ) {
+         if( flow_->zekIsDirty( row->id ) ) wroteToOwner( *row, nullptr );
+      }
    }
+   flow_->dirty_.clear();
 }
 
 void
@@ -338,7 +338,7 @@ Sa::serializeDirty() {
    if( flow.isAtEnd() && !flow.restarts_ ) flow.resynchronise();
    if( flow.stateDirty_ && !plan_.plain.empty() ) serializeState();
    for( const AttributeRow * row : plan_.plain ) {
-      if( !flow.dirty_ ) break;
+      if( !flow.dirty_.any() ) break;
       if( !flow.zekIsDirty( row->id ) ) continue;
       if( !out.hasSufficientBuffer() ) return false;
       serializeAttribute( *row );

@@ -22,7 +22,7 @@ StreamAdapter::StreamAdapter( const Entity::Ptr & root, StreamOwner & owner )
 
 StreamAdapter::~StreamAdapter() {
    exports_.clear();
-   while( first_ ) first_->detach();
+   while( first_ ) first_->detachAlone();
 }
 
 Sa *
@@ -62,33 +62,49 @@ StreamAdapter::adaptorIs( Entity & entity, uint32_t flags ) {
 }
 
 void
+StreamAdapter::link( Sa *& first, Sa & sa ) {
+   sa.nextSa_ = first;
+   sa.linkSa_ = &first;
+   if( first ) first->linkSa_ = &sa.nextSa_;
+   first = &sa;
+}
+
+void
+StreamAdapter::unlink( Sa & sa ) {
+   *sa.linkSa_ = sa.nextSa_;
+   if( sa.nextSa_ ) sa.nextSa_->linkSa_ = sa.linkSa_;
+   sa.linkSa_ = nullptr;
+   sa.nextSa_ = nullptr;
+}
+
+void
 StreamAdapter::join( Sa & sa ) {
-   sa.nextSa_ = first_;
-   if( first_ ) first_->previousSa_ = &sa;
-   first_ = &sa;
+   link( first_, sa );
    ++adaptors_;
 }
 
 void
 StreamAdapter::leave( Sa & sa ) {
    in_.unbind( sa );
-   std::vector< uint32_t > gone;
+   bool gone = false;
    for( Export & e : exports_ ) {
       if( e.root != &sa ) continue;
       e.root = nullptr;
       e.rootWaits = false;
-      e.absenceWaits = true;
-      gone.push_back( e.id );
+      e.absenceWaits = e.goneUntold = gone = true;
    }
    sa.flow_ = nullptr;
-   flowDone( sa );
-   ( sa.previousSa_ ? sa.previousSa_->nextSa_ : first_ ) = sa.nextSa_;
-   if( sa.nextSa_ ) sa.nextSa_->previousSa_ = sa.previousSa_;
-   sa.previousSa_ = sa.nextSa_ = nullptr;
+   unlink( sa );
    --adaptors_;
-   if( gone.empty() ) return;
-   writeExports();
-   for( uint32_t id : gone ) owner_.onExportGone( id );
+   // The entity may be dying: nobody is to hear of it if there is no memory.
+   out_.orBreakOff( [&] {
+      flowDone( sa );
+      if( gone ) writeExports();
+   } );
+   if( !gone ) return;
+   for( size_t i = 0; i < exports_.size(); ++i ) {
+      if( std::exchange( exports_[i].goneUntold, false ) ) owner_.onExportGone( exports_[i].id );
+   }
 }
 
 // -- Exports ----------------------------------------------------------------------------------
@@ -211,6 +227,7 @@ StreamAdapter::flowDone( Sa & sa ) {
 /// have been sent with that.
 void
 StreamAdapter::endDumps() {
+   if( out_.isBroken() ) return;
    for( Export & e : exports_ ) {
       if( e.pending || e.dump == Export::Dump::none ) break;
       if( e.dump == Export::Dump::ended ) continue;
@@ -221,7 +238,9 @@ StreamAdapter::endDumps() {
 
 void
 StreamAdapter::reset() {
+   // There may be no memory, which is why the connection is lost.
    exports_.clear();
+   Sa * exportedOnly = nullptr;
    for( Sa * sa = first_; sa; ) {
       Sa * next = sa->nextSa_;
       sa->announced_ = false;
@@ -231,18 +250,19 @@ StreamAdapter::reset() {
       // What the peer has mounted in turn is no part of a copy.
       sa->flags_ &= sa->is( Sa::toOwner ) ? ~uint32_t( Sa::fromPeer ) : uint32_t( Sa::readOnly );
       if( sa->is( Sa::toOwner ) ) {
-         sa->rewriteUnacked();
+         // Else the owner's state counts, as if it had refused them.
+         out_.orBreakOff( [&] { sa->rewriteUnacked(); } );
          if( sa->flow_ ) out_.unqueue( *sa->flow_ );
       } else {
          sa->flow_ = nullptr;
       }
+      if( !( sa->flags_ & ( Sa::readOnly | Sa::toOwner ) ) ) {
+         unlink( *sa );
+         link( exportedOnly, *sa );
+      }
       sa = next;
    }
-   std::vector< Sa::Ptr > exportedOnly;
-   for( Sa * sa = first_; sa; sa = sa->nextSa_ ) {
-      if( !( sa->flags_ & ( Sa::readOnly | Sa::toOwner ) ) ) exportedOnly.emplace_back( sa );
-   }
-   for( const Sa::Ptr & sa : exportedOnly ) sa->detach();
+   while( exportedOnly ) exportedOnly->detachAlone();
    out_.reset();
    for( Sa * sa = first_; sa; sa = sa->nextSa_ ) {
       if( sa->flow_ ) out_.unnumber( *sa->flow_ );

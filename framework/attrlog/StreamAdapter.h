@@ -59,8 +59,8 @@ class IPSTATE_EXPORT In {
    In & operator=( const In & ) = delete;
    ~In();
 
-   /// Takes bytes and applies every record that is complete. Throws StreamException; nothing
-   /// more is taken then.
+   /// Takes bytes and applies every record that is complete. Throws StreamException, also without
+   /// memory; nothing more is taken then.
    void receive( const void * bytes, size_t count );
    /// The same without a copy: where up to `bytes` may be put, and then that so many were.
    uint8_t * room( size_t bytes ) { return incoming().room( bytes ); }
@@ -157,6 +157,7 @@ class IPSTATE_EXPORT In {
    class Scratch;
    class Taker;
 
+   void applyAll();
    /// Where in buffer_ the frame begins whose entity is fetched into the cache.
    void fetchAhead( size_t & ahead ) const;
    bool applyUnheard( const FrameHeader & header, Wire::Decoder body );
@@ -330,6 +331,8 @@ class IPSTATE_EXPORT StreamAdapter {
    friend class Entity::ZekNboAttrLogSa;
 
    NboAttrLog::Plan & plan( const TypeDescriptor & type );
+   static void link( Entity::ZekNboAttrLogSa *& first, Entity::ZekNboAttrLogSa & sa );
+   static void unlink( Entity::ZekNboAttrLogSa & sa );
    void join( Entity::ZekNboAttrLogSa & sa );
    void leave( Entity::ZekNboAttrLogSa & sa );
    void joinDump( Entity::ZekNboAttrLogSa & sa, uint32_t exportId );
@@ -344,6 +347,7 @@ class IPSTATE_EXPORT StreamAdapter {
       // What waits to be said when there is room: however often the root changed meanwhile.
       bool rootWaits = false;
       bool absenceWaits = false; // before it
+      bool goneUntold = false;   // to the connection's owner
    };
    Export * exported( uint32_t exportId );
    Export & exportFor( uint32_t exportId );

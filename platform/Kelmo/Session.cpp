@@ -27,6 +27,7 @@ class Session::DirectoryWatch final : public Entity::NotifieeConst {
  public:
    DirectoryWatch( Session & session, Export & wanted ) : session_( session ), wanted_( wanted ) {}
    void onEntity( const Zek::String & name ) override;
+   void onNotificationException() override;
 
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{
@@ -56,6 +57,11 @@ void
 Session::DirectoryWatch::onEntity( const Zek::String & ) {
    session_.look( wanted_ );
    session_.owner_.onOutput();
+}
+
+void
+Session::DirectoryWatch::onNotificationException() {
+   session_.adapter_.nboAttrLogOut().orBreakOff( [] { throw; } );
 }
 
 Session::Session( const Entity::Ptr & root, SessionOwner & owner )
@@ -174,7 +180,9 @@ Session::carried( size_t bytes ) {
 
 void
 Session::drain() {
-   adapter_.nboAttrLogOut().drain();
+   Out & out = adapter_.nboAttrLogOut();
+   out.orBreakOff( [&] { out.drain(); } );
+   if( isBroken() ) throw Zek::StreamException( "out of memory for what is to be sent" );
    if( !output().empty() ) owner_.onOutput();
 }
 
@@ -208,13 +216,15 @@ Session::onControl( uint16_t message, Zek::Wire::Decoder & body ) {
           !body.u8( structureOnly ) ) {
          return;
       }
-      if( id == 0 || !isMode( mode ) || path.empty() || structureOnly > 1 ||
-          path.size() > longestText || type.size() > longestText ) {
+      const bool fits = path.size() <= longestText && type.size() <= longestText;
+      const Mount asked( Zek::String( fits ? path : "" ), Zek::String( fits ? type : "" ),
+                         Zek::String( isMode( mode ) ? mode : "" ),
+                         MountFilter( structureOnly != 0 ) );
+      if( id == 0 || asked.mode().empty() || asked.path().empty() || structureOnly > 1 ) {
          body.fail( "a mount with number, path, and mode r, ri or w" );
          return;
       }
-      mountAsked( id, Mount( Zek::String( path ), Zek::String( type ), Zek::String( mode ),
-                             MountFilter( structureOnly != 0 ) ) );
+      mountAsked( id, asked );
       return;
    }
    case refusedMessage: {

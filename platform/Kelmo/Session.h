@@ -66,6 +66,9 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    void drain();
 
    bool isSynchronised() const { return synchronised_; }
+   /// There was no memory for what goes to the peer: drain() and what calls it throw a
+   /// StreamException from then on. Disconnect.
+   bool isBroken() const { return out().isBroken(); }
    /// Nothing is to be sent, and nothing waits for what it refers to.
    bool isAtRest() const;
    /// Records received on this connection.

@@ -113,6 +113,7 @@ Connection::read() {
 
 void
 Connection::write() {
+   if( session_.isBroken() ) session_.drain(); // says so
    bool full = false;
    while( !full && !session_.output().empty() ) {
       const Zek::Wire::Buffer & output = session_.output();

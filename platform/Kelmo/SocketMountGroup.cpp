@@ -134,7 +134,7 @@ SocketMountGroup::onReadable() {
 
 void
 SocketMountGroup::flush() {
-   if( connection_ && !session_.output().empty() ) {
+   if( connection_ && ( session_.isBroken() || !session_.output().empty() ) ) {
       guarded( [this] { connection_->write(); } );
    }
 }

@@ -2,9 +2,13 @@
 #include "Ira/IraTypes.h"
 #include "framework/attrlog/StreamAdapter.h"
 #include "platform/Kelmo/Session.h"
+#include "tests/schemas/Shapes.h"
+#include "tests/stream/Memory.h"
+#include "tests/stream/Trees.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -153,6 +157,81 @@ TEST( AttrLog, aFullStreamKeepsTheLastValueAlone ) {
    EXPECT_EQ( frames[2].header.kind, Kind::value );
    EXPECT_FALSE( flow->hasDirtyCollKeys() );
    EXPECT_TRUE( world.sa()->zekHandleSecondaryWithMaskSerializeColl() );
+}
+
+TEST( AttrLog, anyNumberOfAttributesIsDirtyEachForItself ) {
+   for( bool full : { true, false } ) {
+      Joined world;
+      auto wide = Shapes::wideFactory( "wide" );
+      world.source->entityIs( wide );
+      world.mount( "wide", "Shapes::Wide" );
+      world.connect();
+      if( full ) world.out().capacityIs( 0 );
+      const auto & plan = world.server.adapter().adaptorOf( *wide )->plan();
+      ASSERT_GT( plan.plain.size(), 64u );
+      // Each alone, the others being clean again.
+      for( uint32_t pass = 1; pass < 3; ++pass ) {
+         for( const Zek::AttributeRow * row : plan.plain ) {
+            if( row->type->kind != Zek::TypeKind::scalar ) continue;
+            const uint32_t value = pass << 24 | pass; // by its lowest byte for smaller ones
+            row->bring( wide.ptr(), &value );
+            for( auto * other : plan.plain ) {
+               EXPECT_EQ(
+                  world.server.adapter().adaptorOf( *wide )->flowOut()->zekIsDirty( other->id ),
+                  full && other == row );
+            }
+            world.out().capacityIs( 4096 );
+            world.settle();
+            if( full ) world.out().capacityIs( 0 );
+         }
+      }
+      wide->upsInc( 7 ); // counters that go one way alone
+      wide->downsDec( 3 );
+      wide->tagIs( "a" );
+      world.out().capacityIs( 4096 );
+      world.settle();
+      EXPECT_EQ( differences( wide.ptr(), world.copy->entity( "wide" ).ptr(), Depth::all ).size(),
+                 0u );
+      auto copy = Zek::ptrCast< Shapes::Wide >( world.copy->entity( "wide" ) );
+      EXPECT_EQ( copy->ups(), ( 2u << 24 | 2 ) + 7 );
+      EXPECT_EQ( copy->downs(), static_cast< uint8_t >( 2 - 3 ) );
+   }
+}
+
+/// Whatever allocation fails, the writer notices nothing, and the reader has all after another
+/// connection.
+TEST( AttrLog, memoryForOnePeerConcernsThatPeerAlone ) {
+   for( bool lasting : { false, true } ) {
+      bool met = true;
+      for( uint64_t after = 0; met; ++after ) {
+         OneInterface world( "w" );
+         const Velon::IntfId another( "Ethernet2" );
+         world.intf->secondaryWithMaskIs( a1, true );
+         world.config->ipIntfConfigIs( another );
+         world.settle();
+         const bool full = after % 2;
+         if( full ) world.out().capacityIs( 0 );
+         {
+            // Nothing here needs memory for itself.
+            NoMemory none( after, lasting );
+            EXPECT_NO_THROW( world.intf->maxMssEgressIs( 700 ) );
+            EXPECT_NO_THROW( world.intf->secondaryWithMaskDel( a1 ) );
+            EXPECT_NO_THROW( world.config->ipIntfConfigDel( another ) );
+            met = none.met();
+            if( world.server.isBroken() ) {
+               EXPECT_THROW( world.server.drain(), std::exception );
+               EXPECT_TRUE( world.server.output().empty() );
+            }
+            EXPECT_NO_THROW( world.server.disconnected() );
+            EXPECT_NO_THROW( world.client.disconnected() );
+         }
+         if( full ) world.out().capacityIs( 4096 );
+         world.connect();
+         ASSERT_TRUE( world.replica() );
+         EXPECT_EQ( world.replica()->maxMssEgress(), 700 );
+         EXPECT_EQ( world.replica()->secondaryWithMaskCount(), 0u );
+      }
+   }
 }
 
 TEST( AttrLog, aBarrierLetsWhatIsDirtyGoFirst ) {
@@ -386,6 +465,29 @@ TEST( AttrLog, aReferenceAheadOfItsTargetsDumpMeansWhatThatBrings ) {
    auto replica = Zek::ptrCast< Ip::Input::Status >( copyOf( "all/input" ) )->ipIntfStatus( id );
    ASSERT_TRUE( replica && replica->l3Status() );
    EXPECT_EQ( Zek::ptrCast< Ip::Status >( copyOf( "all/status" ) )->ipIntfStatus( id ), replica );
+}
+
+TEST( AttrLog, aPathIsTheSameHoweverManySlashesItHas ) {
+   OneInterface world;
+   world.source->dirIs( "a" )->dirIs( "b" );
+   world.mount( "/a//b/", "Zek::Dir" );
+   EXPECT_THROW( world.mount( "//", "Zek::Dir" ), Zek::RangeException );
+   EXPECT_NO_THROW( world.settle() );
+   EXPECT_TRUE( world.copy->entityAt( "a/b" ) );
+   EXPECT_TRUE( world.replica() );
+   // Of a peer that leaves them there.
+   auto & asking = world.client.adapter().nboAttrLogOut();
+   Zek::Wire::Encoder body = asking.control( 65 );
+   body.u32( 3 );
+   for( const char * text : { "//a/", "Zek::Dir", "r" } ) body.text( text );
+   body.u8( 0 );
+   asking.controlEnd();
+   world.server.receive( asking.buffer().data(), asking.buffer().size() );
+   std::vector< uint16_t > answers;
+   for( auto & frame : framesOf( world.out().buffer().view() ) ) {
+      if( frame.header.flow == 0 ) answers.push_back( frame.header.attribute );
+   }
+   EXPECT_NE( std::ranges::find( answers, Zek::NboAttrLog::rootControl ), answers.end() );
 }
 
 TEST( AttrLog, mountsAreRefusedInWords ) {

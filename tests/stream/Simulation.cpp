@@ -73,7 +73,7 @@ class Witness final : public AttributeSink {
       relay_ = relayOf( entity, *this );
    }
    void onAttribute( const AttributeRow & row ) override {
-      if( row.address && row.write ) ++seen_[placeOf( entity_, row, nullptr )];
+      if( row.isMutable() ) ++seen_[placeOf( entity_, row, nullptr )];
    }
    void onMember( const AttributeRow & row, const void * key ) override {
       ++seen_[placeOf( entity_, row, key )];

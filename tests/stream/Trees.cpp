@@ -194,7 +194,7 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
          AnyKey value = AnyKey::zero( *row.stored );
          randomise( random, row, value.get() );
          if( describe ) row.stored->append( value.get(), change.text );
-         row.write( entity.ptr(), value.get() );
+         row.bring( entity.ptr(), value.get() );
       } else {
          Entity::Ptr target( randomEntity( random, *entity, *row.type ) );
          if( describe ) change.text = "-> " + ( target ? target->fullName().toString() : "null" );
