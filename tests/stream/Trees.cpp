@@ -29,7 +29,7 @@ shapeOf( const Entity & entity ) {
 }
 
 const std::vector< const TypeDescriptor * > &
-rootTypes() {
+allRootTypes() {
    static const auto types = [] {
       std::vector< const TypeDescriptor * > found;
       forEachType(
@@ -42,6 +42,18 @@ rootTypes() {
          &found );
       std::sort( found.begin(), found.end(), []( auto * a, auto * b ) {
          return std::string_view( a->fullName ) < b->fullName;
+      } );
+      return found;
+   }();
+   return types;
+}
+
+const std::vector< const TypeDescriptor * > &
+rootTypes() {
+   static const auto types = [] {
+      auto found = allRootTypes();
+      std::erase_if( found, []( auto * type ) {
+         return std::string_view( type->fullName ).starts_with( "Shapes::" );
       } );
       return found;
    }();
@@ -61,13 +73,16 @@ oneOf( Random & random, const std::vector< T > & all ) {
    return all[random.below( static_cast< uint32_t >( all.size() ) )];
 }
 
-/// A random entity of the type in the tree, or null.
+/// A random entity of the type in the tree, or in another, or null.
 Entity *
-randomEntity( Random & random, const Entity & top, const TypeDescriptor & type ) {
+randomEntity( Random & random, const Entity & top, const TypeDescriptor & type,
+              const Tops & others ) {
    std::vector< Entity * > found;
-   forEachEntity( topOf( top ), [&]( const Entity & e ) {
+   auto add = [&]( const Entity & e ) {
       if( e.fwkType()->isA( type ) ) found.push_back( const_cast< Entity * >( &e ) );
-   } );
+   };
+   forEachEntity( topOf( top ), add );
+   for( const Entity::Ptr & other : others ) forEachEntity( *other, add );
    if( found.empty() || random.oneIn( 6 ) ) return nullptr;
    return oneOf( random, found );
 }
@@ -99,7 +114,7 @@ changeChild( Random & random, Change & change ) {
 }
 
 void
-addInstance( Random & random, Change & change ) {
+addInstance( Random & random, Change & change, const Tops & others ) {
    Entity & entity = *change.entity;
    const TypeDescriptor & type = *change.row->type;
    std::vector< AnyKey > values;
@@ -108,7 +123,7 @@ addInstance( Random & random, Change & change ) {
    for( size_t i = 1; i < type.constructorParameters.size(); ++i ) {
       const ParameterRow & parameter = type.constructorParameters[i];
       if( parameter.isPointer ) {
-         pointers[i] = Entity::Ptr( randomEntity( random, entity, *parameter.type ) );
+         pointers[i] = Entity::Ptr( randomEntity( random, entity, *parameter.type, others ) );
          arguments.push_back( &pointers[i] );
       } else {
          values.push_back( randomKey( random, *parameter.type ) );
@@ -127,7 +142,7 @@ differsInArguments( const PtrInterface * a, const PtrInterface * b ) {
 }
 
 void
-changeMember( Random & random, Change & change ) {
+changeMember( Random & random, Change & change, const Tops & others ) {
    Entity & entity = *change.entity;
    const AttributeRow & row = *change.row;
    const CollectionOps & ops = *row.collection;
@@ -152,14 +167,14 @@ changeMember( Random & random, Change & change ) {
       change.text = "Is";
    }
    if( row.has( refersToMembers ) ) {
-      Entity::Ptr target( randomEntity( random, entity, *row.type ) );
+      Entity::Ptr target( randomEntity( random, entity, *row.type, others ) );
       if( !target ) return;
       change.text += " -> " + target->fullName().toString();
       withMemberKey( row, target.ptr(),
                      [&]( const void * at ) { change.key = AnyKey( *row.keyType->values, at ); } );
       ops.is( &entity, &target, nullptr );
    } else if( row.has( ownsMembers ) ) {
-      addInstance( random, change );
+      addInstance( random, change, others );
       const PtrInterface * after = ops.find( &entity, key ); // null: a reaction removed it
       change.otherwise = before && after && differsInArguments( before.ptr(), after );
    } else if( row.has( isSet ) ) {
@@ -178,7 +193,8 @@ changeMember( Random & random, Change & change ) {
 } // namespace
 
 Change
-mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted, bool describe ) {
+mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted, bool describe,
+        const Tops & others ) {
    Change change;
    change.entity = entity;
    const auto & rows = shapeOf( *entity ).changed;
@@ -189,14 +205,14 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
    std::string refusal;
    try {
       if( row.collection ) {
-         changeMember( random, change );
+         changeMember( random, change, others );
       } else if( row.stored->encode ) {
          AnyKey value = AnyKey::zero( *row.stored );
          randomise( random, row, value.get() );
          if( describe ) row.stored->append( value.get(), change.text );
          row.bring( entity.ptr(), value.get() );
       } else {
-         Entity::Ptr target( randomEntity( random, *entity, *row.type ) );
+         Entity::Ptr target( randomEntity( random, *entity, *row.type, others ) );
          if( describe ) change.text = "-> " + ( target ? target->fullName().toString() : "null" );
          row.write( entity.ptr(), &target );
       }
@@ -205,6 +221,9 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
       refusal = e.what();
    } catch( const ReadOnlyException & e ) {
       change.readOnly = true;
+      refusal = e.what();
+   } catch( const std::bad_alloc & e ) {
+      change.refused = !row.collection; // perhaps, on the way to saying why
       refusal = e.what();
    } catch( const std::exception & e ) {
       refusal = e.what();
@@ -222,12 +241,12 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
 }
 
 Change
-mutate( Random & random, Entity & top, bool describe ) {
+mutate( Random & random, Entity & top, bool describe, const Tops & others ) {
    std::vector< Entity * > all;
    forEachEntity( top, [&]( const Entity & e ) { all.push_back( const_cast< Entity * >( &e ) ); } );
    // The directory itself now and then, so that there is something to change.
    Entity * entity = random.oneIn( 8 ) ? &top : oneOf( random, all );
-   return mutate( random, Entity::Ptr( entity ), nullptr, describe );
+   return mutate( random, Entity::Ptr( entity ), nullptr, describe, others );
 }
 
 Entity *

@@ -31,15 +31,20 @@ struct Change {
    std::string text;       // when asked for
 };
 
-/// Types that can stand in a directory and are made by name alone.
+/// Types of the library that can stand in a directory and are made by name alone.
 const std::vector< const Zek::TypeDescriptor * > & rootTypes();
+/// Those of the tests' own schemas as well.
+const std::vector< const Zek::TypeDescriptor * > & allRootTypes();
+
+/// Entities above what else may be referred to, beside the tree that is changed.
+using Tops = std::vector< Zek::Entity::Ptr >;
 
 /// Changes something in the tree below `top`: an attribute, a member, a child. What a mutator
 /// throws is passed over.
-Change mutate( Random & random, Zek::Entity & top, bool describe );
+Change mutate( Random & random, Zek::Entity & top, bool describe, const Tops & others = {} );
 /// Changes this attribute, or some attribute of the entity.
 Change mutate( Random & random, const Zek::Entity::Ptr & entity, const Zek::AttributeRow * row,
-               bool describe );
+               bool describe, const Tops & others = {} );
 
 /// The entity that stands at the same place in another tree, or null.
 Zek::Entity * twinOf( const Zek::Entity & entity, const Zek::Entity & otherRoot );
