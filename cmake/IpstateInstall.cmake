@@ -7,7 +7,7 @@ set( headers "${CMAKE_INSTALL_INCLUDEDIR}/ipstate" )
 set( package "${CMAKE_INSTALL_LIBDIR}/cmake/ipstate" )
 
 install( TARGETS ipstate EXPORT ipstateTargets )
-foreach( program zekc ipstated )
+foreach( program zekc ipstated ipstate-nats )
    if( TARGET ${program} )
       set( export )
       if( program STREQUAL zekc )
@@ -43,3 +43,8 @@ string( REGEX REPLACE "/$" "" pc_prefix "${pc_prefix}" )
 configure_file( cmake/ipstate.pc.in "${CMAKE_CURRENT_BINARY_DIR}/ipstate.pc" @ONLY )
 install( FILES "${CMAKE_CURRENT_BINARY_DIR}/ipstate.pc"
          DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" )
+
+if( TARGET ipstate-nats )
+   install( FILES tools/ipstate-nats/fleet-users.conf
+            DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" )
+endif()

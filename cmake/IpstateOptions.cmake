@@ -1,6 +1,7 @@
 # Switches of the build and the flags that hold for every target.
 
 option( IPSTATE_PROGRAMS "Build the programs (needs libmnl, CLI11 and nlohmann-json)" ON )
+option( IPSTATE_NATS "Build ipstate-nats (needs libnats)" ON )
 option( IPSTATE_TESTS "Build the tests (needs GoogleTest)" ${PROJECT_IS_TOP_LEVEL} )
 option( IPSTATE_BENCH "Configure the benchmarks, built by the target bench" OFF )
 option( IPSTATE_FUZZ "Build the fuzzers (clang with a sanitizer only)" OFF )

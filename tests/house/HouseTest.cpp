@@ -51,6 +51,7 @@ constexpr Room rooms[] = {
    { "tools/print/", libraryEnd },
    { "agents/ipstated/", libraryEnd + 1 },
    { "tools/ipstatectl/", libraryEnd + 1 },
+   { "tools/ipstate-nats/", libraryEnd + 1 },
    { "examples/", libraryEnd + 1 },
    { "tests/", programsEnd },
    { "bench/", programsEnd + 1 }, // may borrow the scripted inputs of the tests
