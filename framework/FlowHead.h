@@ -27,8 +27,7 @@ struct FlowHead {
    /// look at each change.
    Out * open = nullptr;
    uint32_t id = 0; // 0: none yet
-   uint32_t sequence = 0;
-   uint32_t lastSequence = 0;
+   uint32_t generation = 0;
    uint16_t attrId = 0; // worked on
 };
 

@@ -81,8 +81,8 @@ constexpr auto table = makeTable();
 } // namespace
 
 uint32_t
-checksumByTable( const uint8_t * bytes, size_t count ) {
-   uint32_t crc = ~uint32_t( 0 );
+checksumByTable( const uint8_t * bytes, size_t count, uint32_t before ) {
+   uint32_t crc = ~before;
    for( ; count; --count ) crc = crc >> 8 ^ table[( crc ^ *bytes++ ) & 0xff];
    return ~crc;
 }

@@ -263,7 +263,7 @@ IPSTATE_EXPORT bool isEnumerator( const TypeDescriptor & type, int64_t value );
 
 // -- Checksum ---------------------------------------------------------------------------------
 
-IPSTATE_EXPORT uint32_t checksumByTable( const uint8_t * bytes, size_t count );
+IPSTATE_EXPORT uint32_t checksumByTable( const uint8_t * bytes, size_t count, uint32_t before );
 
 #ifdef __x86_64__
 
@@ -290,8 +290,8 @@ checksumStep( uint64_t crc, U word ) {
 }
 
 inline uint32_t
-checksumByInstruction( const uint8_t * bytes, size_t count ) {
-   uint64_t crc = checksumStart;
+checksumByInstruction( const uint8_t * bytes, size_t count, uint32_t before ) {
+   uint64_t crc = ~before;
    auto take = [&]( auto word ) {
       std::memcpy( &word, bytes, sizeof word );
       bytes += sizeof word;
@@ -312,16 +312,16 @@ checksumByInstruction( const uint8_t * bytes, size_t count ) {
 
 #endif
 
-/// CRC-32C (RFC 3720, 12.1) of the bytes.
+/// CRC-32C (RFC 3720, 12.1) of the bytes; `before`: that of what precedes them.
 inline uint32_t
-checksum( const void * bytes, size_t count ) {
+checksum( const void * bytes, size_t count, uint32_t before = 0 ) {
    auto * at = static_cast< const uint8_t * >( bytes );
 #ifdef __x86_64__
    if( hasChecksumInstruction ) [[likely]] {
-      return checksumByInstruction( at, count );
+      return checksumByInstruction( at, count, before );
    }
 #endif
-   return checksumByTable( at, count );
+   return checksumByTable( at, count, before );
 }
 
 } // namespace Wire

@@ -64,8 +64,8 @@ In::agreedRow( Sa & sa, const WireType & type, uint16_t attribute ) {
 bool
 In::applyUnheard( const FrameHeader & header, Wire::Decoder body ) {
    if( header.flow >= flows_.size() || header.flags || !held_.empty() ) return false;
-   Flow & flow = flows_[header.flow];
-   if( !flow.entity || header.sequence != flow.sequence ) return false;
+   const Flow & flow = flows_[header.flow];
+   if( !flow.entity ) return false;
    NotifieeList & list = flow.entity->notifieeList();
    if( !list.isOnly( flow.notifiee ) ) return false;
    bool taken = false;
@@ -75,7 +75,6 @@ In::applyUnheard( const FrameHeader & header, Wire::Decoder body ) {
    } else if( header.kind == Kind::state ) {
       taken = flow.type->same && flow.type->type->state && takeState( flow, body );
    }
-   flow.sequence += taken;
    return taken;
 }
 
@@ -233,7 +232,7 @@ In::readReference( Wire::Decoder & body, const TypeDescriptor & type, Entity *& 
          return Reference::null;
       }
       if( flows_[id].sa ) target = flows_[id].sa->entity();
-      awaited_ = { id, flows_[id].incarnation };
+      awaited_ = { id, flows_[id].generation };
       if( target && !target->fwkType()->isA( type ) ) {
          body.fail( "a reference to an entity of the attribute's type" );
          return Reference::null;

@@ -108,9 +108,9 @@ Sa::createFlowOut( uint32_t id, uint32_t first, uint32_t last ) {
 FlowOut &
 Sa::makeFlow() {
    if( !flow_ ) {
-      flow_ =
-         NboAttrLog::Demuxer::createFlowOut( adapter_.out_, EntityUriPath( *entity_ ), *this,
-                                             NboAttrLog::firstSequence, NboAttrLog::lastSequence );
+      flow_ = NboAttrLog::Demuxer::createFlowOut( adapter_.out_, EntityUriPath( *entity_ ), *this,
+                                                  NboAttrLog::firstGeneration,
+                                                  NboAttrLog::lastGeneration );
    }
    return *flow_;
 }
@@ -219,7 +219,7 @@ Sa::zekDoZombieReactors( bool zombie ) {
 void
 Sa::allDirtyIs() {
    if( !announced_ || !is( sends ) ) return;
-   flow_->allDirty();
+   flow_->resynchronise();
    adapter_.out_.queue( *flow_ );
 }
 
@@ -336,7 +336,7 @@ Sa::openIfUsual() {
    const FlowOut & flow = *flow_;
    if( ( flags_ & ( sends | withContent | readOnly | toOwner ) ) != ( sends | withContent ) )
       return;
-   if( !announced_ || flow.dirty_.any() || flow.stateDirty_ || flow.restarts_ ) return;
+   if( !announced_ || flow.dirty_.any() || flow.stateDirty_ ) return;
    head_->open = &adapter_.out_;
 }
 
@@ -456,9 +456,9 @@ Sa::boundToOwner( bool again ) {
    out.declare( plan_ );
    Wire::Encoder body = out.control( NboAttrLog::bindControl );
    body.u32( flow.id() );
-   body.u32( flow.sequence() );
+   body.u32( flow.generation() );
    body.u32( flowIn_ );
-   body.u32( adapter_.in_.flows_[flowIn_].sequence );
+   body.u32( adapter_.in_.flows_[flowIn_].generation );
    body.u32( plan_.wireType );
    out.controlEnd();
    announced_ = true;

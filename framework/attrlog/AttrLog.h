@@ -45,8 +45,10 @@ class In;
 class FlowOut;
 class Demuxer;
 
-constexpr uint32_t firstSequence = 0;
-constexpr uint32_t lastSequence = 2147483647;
+/// Generations of a flow number: which of the entities that have it one after the other is meant.
+/// One that is at its last is not given again.
+constexpr uint32_t firstGeneration = 0;
+constexpr uint32_t lastGeneration = 2147483647;
 
 /// First and last byte of a record's body.
 constexpr uint8_t openToken = 0;
@@ -62,9 +64,6 @@ enum class Kind : uint8_t {
    endWhole,    // what was not mentioned since is absent
    state,       // all plain attributes
 };
-
-/// Flag of a record: its sequence number starts anew.
-constexpr uint8_t restartsSequence = 1;
 
 /// Flow 0 carries what belongs to no entity; the attribute number says what.
 enum Control : uint16_t {
@@ -93,26 +92,34 @@ struct FrameHeader {
    /// From as many bytes; nothing is checked.
    static FrameHeader of( const void * bytes ) {
       auto * at = static_cast< const uint8_t * >( bytes );
-      const auto sizes = Wire::numberAt< uint64_t >( at );
-      const auto name = Wire::numberAt< uint64_t >( at + 8 );
+      const auto which = Wire::numberAt< uint64_t >( at );
+      const auto what = Wire::numberAt< uint64_t >( at + 8 );
       FrameHeader header;
-      header.length = static_cast< uint32_t >( sizes >> 32 );
-      header.checksum = static_cast< uint32_t >( sizes );
-      header.flow = static_cast< uint32_t >( name >> 32 );
-      header.attribute = static_cast< uint16_t >( name >> 16 );
-      header.kind = static_cast< Kind >( name >> 8 & 0xff );
-      header.flags = static_cast< uint8_t >( name );
-      header.sequence = Wire::numberAt< uint32_t >( at + 16 );
+      header.length = static_cast< uint32_t >( which >> 32 );
+      header.flow = static_cast< uint32_t >( which );
+      header.attribute = static_cast< uint16_t >( what >> 48 );
+      header.kind = static_cast< Kind >( what >> 40 & 0xff );
+      header.flags = static_cast< uint8_t >( what >> 32 );
+      header.check = static_cast< uint32_t >( what );
+      header.checksum = Wire::numberAt< uint32_t >( at + 16 );
       return header;
    }
+   /// The check of a header: of the record's number in its stream, which is not sent, and of what
+   /// stands before the check. So a length that was damaged waits for nothing, and no record is
+   /// missed or comes twice.
+   static uint32_t checkOf( const uint8_t * header, uint32_t number ) {
+      number = Wire::networkOrder( number );
+      return Wire::checksum( header, checked, Wire::checksum( &number, sizeof number ) );
+   }
+   static constexpr size_t checked = 12; // bytes before the check
 
    uint32_t length;
-   uint32_t checksum; // of all that follows it
    uint32_t flow;
    uint16_t attribute;
    Kind kind;
    uint8_t flags;
-   uint32_t sequence;
+   uint32_t check;
+   uint32_t checksum; // of the body; goes on from the check
 };
 
 /// Bounds of what a peer may send; checked for every record in one place.
@@ -224,13 +231,9 @@ class IPSTATE_EXPORT FlowOut {
    virtual ~FlowOut();
 
    uint32_t id() const { return head_.id; }
-   /// Number of the next record, unless that one restarts the sequence.
-   uint32_t sequence() const { return head_.sequence; }
-   /// Number of the first record. A number that another instance had goes on behind its sequence,
-   /// so that what the peer says of that one is not taken for this one.
-   uint32_t firstSequence() const { return firstSequence_; }
-   /// Moves the end of the sequence to `records` from now.
-   void sequenceEndsAfter( uint32_t records ) { head_.lastSequence = head_.sequence + records; }
+   /// Which of the entities that have had the number this one is: what the peer says of another is
+   /// not taken for this one.
+   uint32_t generation() const { return head_.generation; }
 
    /// Names the attribute that is worked on.
    void attrIdIs( uint16_t attrId ) { head_.attrId = attrId; }
@@ -254,10 +257,10 @@ class IPSTATE_EXPORT FlowOut {
    bool isDirty() const { return dirty_.any() || !collections_.empty(); }
 
    /// Whether a change of the attribute may go out now, ahead of what is dirty. False while the
-   /// collection is being sent as a whole, and where the sequence is at its end.
+   /// collection is being sent as a whole.
    bool prepareImmediateTransmission( uint16_t attrId ) {
       attrIdIs( attrId );
-      if( isAtEnd() || stateDirty_ ) return false;
+      if( stateDirty_ ) return false;
       const DirtyCollection * c = collections_.empty() ? nullptr : collection( attrId );
       return !c || ( !c->whole && !c->resync );
    }
@@ -267,7 +270,7 @@ class IPSTATE_EXPORT FlowOut {
    void wholeIs( const AttributeRow & row );
    /// Forgets where whole collections stand; they start again.
    void freeResyncState();
-   /// Starts the sequence, and everything with it, again.
+   /// Everything is sent again, from the start.
    void resynchronise();
    /// Nothing is to be sent any more.
    void allClean();
@@ -276,7 +279,6 @@ class IPSTATE_EXPORT FlowOut {
    friend class Out;
    friend class Zek::Entity::ZekNboAttrLogSa;
 
-   bool isAtEnd() const { return head_.sequence >= head_.lastSequence; }
    /// From now on the adaptor looks at each change.
    void close() { head_.open = nullptr; }
    DirtyCollection * collection( uint16_t attrId ) const;
@@ -285,10 +287,8 @@ class IPSTATE_EXPORT FlowOut {
 
    Entity::ZekNboAttrLogSa & sa_;
    const Plan & plan_;
-   FlowHead & head_; // in the adaptor's relay
-   uint32_t firstSequence_;
-   uint32_t highestSequence_ = 0; // before it started again
-   bool restarts_ = false;
+   FlowHead & head_;         // in the adaptor's relay
+   uint32_t last_;           // generation of the number
    bool stateDirty_ = false; // all plain attributes in one record
    AttributeBits dirty_;     // by plan_.bit()
    std::vector< std::unique_ptr< DirtyCollection > > collections_;
@@ -509,16 +509,11 @@ class IPSTATE_EXPORT Out {
    friend class Zek::Entity::ZekNboAttrLogSa;
    friend struct FlowHead;
 
-   /// Before a record of the flow: its sequence starts again where that is to be. The flags of the
-   /// record.
-   static uint8_t restartIfNeeded( FlowOut & flow );
-   Wire::Encoder begin( FlowOut & flow, uint16_t attribute, Kind kind );
-   Wire::Encoder begin( FlowHead & head, uint16_t attribute, Kind kind, uint8_t flags = 0 );
-   Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind, uint8_t flags,
-                             uint32_t sequence );
+   Wire::Encoder begin( const FlowOut & flow, uint16_t attribute, Kind kind );
+   Wire::Encoder begin( const FlowHead & head, uint16_t attribute, Kind kind );
+   Wire::Encoder beginFrame( uint32_t flow, uint16_t attribute, Kind kind );
    void end();
-   void writeNumber( FlowHead & flow, uint16_t attribute, uint64_t number, unsigned size,
-                     uint8_t flags = 0 );
+   void writeNumber( const FlowHead & flow, uint16_t attribute, uint64_t number, unsigned size );
    void acknowledgeFirst();
    void acknowledge();
    void breakOff();
@@ -542,14 +537,13 @@ class IPSTATE_EXPORT Out {
    size_t frame_ = 0; // offset of the record being written
    bool barrier_ = false;
    bool broken_ = false;
-   uint32_t controlSequence_ = firstSequence;
    uint32_t types_ = 0;
    uint64_t records_ = 0;
    std::vector< Entity::ZekNboAttrLogSa * > flows_{ nullptr }; // by number
-   /// Numbers of flows that ended, with the sequence that the next of each begins with.
+   /// Numbers of flows that ended, with the generation that comes next.
    struct Free {
       uint32_t id;
-      uint32_t first;
+      uint32_t generation;
    };
    std::vector< Free > free_;
    size_t liveFlows_ = 0;

@@ -114,11 +114,10 @@ FlowOut::FlowOut( Sa & sa, uint32_t id, uint32_t first, uint32_t last )
    : sa_( sa ),
      plan_( sa.plan_ ),
      head_( *sa.head_ ),
-     firstSequence_( first ),
+     last_( last ),
      dirty_( plan_.bits() ) {
    head_.id = id;
-   head_.sequence = first;
-   head_.lastSequence = last;
+   head_.generation = first;
 }
 
 FlowOut::~FlowOut() {
@@ -128,10 +127,7 @@ FlowOut::~FlowOut() {
    if( head_.id >= out.flows_.size() || out.flows_[head_.id] != &sa_ ) return;
    out.flows_[head_.id] = nullptr;
    --out.liveFlows_;
-   // One further: where the number is given again before the peer knows that its first instance is
-   // gone, it must not be taken for that one's. With few left it is not given again.
-   const uint32_t next = std::max( head_.sequence, highestSequence_ ) + 1;
-   if( next < lastSequence / 2 ) out.free_.push_back( { head_.id, next } );
+   if( head_.generation < last_ ) out.free_.push_back( { head_.id, head_.generation + 1 } );
 }
 
 DirtyCollection *
@@ -258,9 +254,6 @@ FlowOut::resynchronise() {
       [[maybe_unused]] DirtyCollection::ResyncState * rsc = c->resync.get();
       assertThat( !rsc || !rsc->hasBookmark(), "!rsc->bookmark()", "AttrLog" );
    }
-   highestSequence_ = std::max( highestSequence_, head_.sequence );
-   head_.lastSequence = lastSequence;
-   restarts_ = true;
    allDirty();
 }
 

@@ -28,9 +28,9 @@ In::hold( const FrameHeader & header, std::string_view key, Awaited awaited, con
    }
    const bool isInstance = header.kind == Kind::instantiate || header.kind == Kind::adopt;
    const uint32_t names = isInstance ? Wire::numberAt< uint32_t >( body ) : 0;
-   const uint32_t incarnation = names ? flows_[names].incarnation : 0;
+   const uint32_t generation = names ? flows_[names].generation : 0;
    held_[{ header.flow, header.attribute, std::string( key ) }] = {
-      header.kind, awaited, incarnation, std::vector< uint8_t >( body, body + size )
+      header.kind, awaited, generation, std::vector< uint8_t >( body, body + size )
    };
    heldBytes_ += size;
 }
@@ -103,7 +103,7 @@ In::retryHeld() {
       Flow & flow = flows_[id];
       if( !flow.sa ) continue;
       const Awaited awaited = held.awaited;
-      if( awaited.id && flows_[awaited.id].incarnation != awaited.incarnation ) continue; // gone
+      if( awaited.id && flows_[awaited.id].generation != awaited.generation ) continue; // gone
       FrameHeader header{};
       header.flow = id;
       header.attribute = attribute;
@@ -131,7 +131,7 @@ In::retryInstance( Sa & sa, const HeldPlace & place, const Held & held ) {
    Wire::Decoder body( held.body.data(), held.body.size() );
    FlowName flow;
    if( !flowName( body, flow ) ) return false;
-   if( flow.id && flows_[flow.id].incarnation != held.incarnation ) return true;
+   if( flow.id && flows_[flow.id].generation != held.generation ) return true;
    const WireType * wire = wireType( body );
    if( !wire || !keyOps.decode( body, key ) ) return false;
    Plan & plan = adapter_.plan( *wire->type );

@@ -25,7 +25,6 @@ In::reset() {
    late_.clear();
    applied_ = 0;
    closed_ = false;
-   controlSequence_ = firstSequence;
    records_ = acked_ = acknowledged_ = 0;
    types_.clear();
    flows_.clear();
@@ -106,12 +105,16 @@ In::applyAll() {
    while( buffer_.size() - applied_ >= FrameHeader::size ) {
       const uint8_t * frame = buffer_.data() + applied_;
       const auto header = FrameHeader::of( frame );
+      if( FrameHeader::checkOf( frame, static_cast< uint32_t >( records_ ) ) != header.check ) {
+         malformed( FrameHeader{}, "the check of the next record's header", FrameHeader::checked );
+      }
       if( header.length < FrameHeader::size + 2 || header.length > quota.recordBytes ) {
          malformed( header, "a length of 22 bytes up to the quota", 0 );
       }
       if( buffer_.size() - applied_ < header.length ) break;
-      if( Wire::checksum( frame + 8, header.length - 8 ) != header.checksum ) {
-         malformed( header, "the checksum of the record", 4 );
+      if( Wire::checksum( frame + FrameHeader::size, header.length - FrameHeader::size,
+                          header.check ) != header.checksum ) {
+         malformed( header, "the checksum of the record", FrameHeader::checked + 4 );
       }
       if( frame[FrameHeader::size] != openToken ) {
          malformed( header, "the opening token", FrameHeader::size );
@@ -149,7 +152,7 @@ In::fetchAhead( size_t & ahead ) const {
    if( ahead + FrameHeader::size > buffer_.size() ) return;
    const uint8_t * frame = buffer_.data() + ahead;
    const auto length = Wire::numberAt< uint32_t >( frame ),
-              flow = Wire::numberAt< uint32_t >( frame + 8 );
+              flow = Wire::numberAt< uint32_t >( frame + 4 );
    if( flow < flows_.size() && flows_[flow].entity ) {
       auto * entity = reinterpret_cast< const char * >( flows_[flow].entity );
       __builtin_prefetch( entity );
@@ -181,24 +184,17 @@ In::takes( const Sa * sa ) {
 
 void
 In::record( const FrameHeader & header, Wire::Decoder & body ) {
-   auto sequenced = [&]( uint32_t & next ) {
-      if( header.flags & restartsSequence ) next = header.sequence;
-      if( header.flags & ~restartsSequence ) malformed( header, "known flags", 15 );
-      if( header.sequence != next ) malformed( header, "the next sequence number", 16 );
-      next = header.sequence + 1;
-   };
-   if( header.kind > Kind::state ) malformed( header, "a kind of record", 14 );
+   if( header.flags ) malformed( header, "known flags", 11 );
+   if( header.kind > Kind::state ) malformed( header, "a kind of record", 10 );
    if( header.flow == 0 ) {
-      sequenced( controlSequence_ );
       control( header.attribute, body );
       if( !body.failed() && body.left() ) body.fail( "the end of the record" );
       return;
    }
    if( header.flow >= flows_.size() || !flows_[header.flow].type ) {
-      malformed( header, "a flow that was announced", 8 );
+      malformed( header, "a flow that was announced", 4 );
    }
    Flow & flow = flows_[header.flow];
-   sequenced( flow.sequence );
    if( header.kind == Kind::instantiate || header.kind == Kind::adopt ) {
       instanceRecord( header, body );
    } else if( takes( flow.sa ) ) {
@@ -340,7 +336,7 @@ In::wireType( Wire::Decoder & body ) {
 /// Takes the flow's number into use.
 bool
 In::flowName( Wire::Decoder & body, FlowName & name ) {
-   if( !body.u32( name.id, "a flow's number" ) || !body.u32( name.sequence ) ) return false;
+   if( !body.u32( name.id, "a flow's number" ) || !body.u32( name.generation ) ) return false;
    // They are given in order: the table grows with what was said, not with what numbers say.
    if( name.id > quota.flows || name.id > flows_.size() + 64 ) {
       return body.fail( "the number of a flow" );
@@ -358,9 +354,8 @@ In::flowIs( FlowName name, const WireType & type ) {
    const bool known = isKnown( name, type );
    flow.saIs( nullptr );
    flow.type = &type;
-   flow.sequence = name.sequence;
    if( known ) return;
-   ++flow.incarnation;
+   flow.generation = name.generation;
    flow.asked = false;
 }
 
@@ -506,19 +501,19 @@ In::sendAgain( Wire::Decoder & body ) {
    sa->markDirty( *row, key );
 }
 
-/// A flow of this end as the peer names it, with the next record's number that it expects; null
-/// where the instance that it means has gone meanwhile, or after a failure.
+/// A flow of this end as the peer names it; null where the instance that it means has gone
+/// meanwhile, or after a failure.
 Sa *
 In::ownFlow( Wire::Decoder & body ) {
-   uint32_t id, next;
-   if( !body.u32( id, "a flow's number" ) || !body.u32( next ) ) return nullptr;
+   uint32_t id, generation;
+   if( !body.u32( id, "a flow's number" ) || !body.u32( generation ) ) return nullptr;
    const auto & flows = adapter_.out_.flows_;
    if( id >= flows.size() ) {
       body.fail( "a flow that was announced" );
       return nullptr;
    }
    Sa * sa = flows[id];
-   return sa && sa->flow_ && next >= sa->flow_->firstSequence() ? sa : nullptr;
+   return sa && sa->flow_ && generation == sa->flow_->generation() ? sa : nullptr;
 }
 
 /// The peer, which may write, tells its flow for an instance that it has from us.

@@ -65,12 +65,11 @@ In::isAnswered( const Entity * member, const Plan & plan,
           isSame( *member, plan, arguments );
 }
 
-/// A number that was given to another instance goes on with another sequence.
 bool
 In::isKnown( FlowName name, const WireType & type ) const {
    const uint32_t id = name.id;
    return id && id < flows_.size() && flows_[id].type == &type &&
-          flows_[id].sequence == name.sequence;
+          flows_[id].generation == name.generation;
 }
 
 /// Whether a child would stand deeper than the quota says.

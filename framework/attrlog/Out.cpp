@@ -21,7 +21,7 @@ Out::acknowledge() {
 Wire::Encoder
 Out::control( uint16_t message ) {
    acknowledgeFirst();
-   return beginFrame( 0, message, Kind::value, 0, controlSequence_++ );
+   return beginFrame( 0, message, Kind::value );
 }
 
 void
@@ -107,7 +107,7 @@ Out::number( FlowOut & flow ) {
       flow.head_.id = static_cast< uint32_t >( flows_.size() - 1 );
    } else {
       flow.head_.id = free_.back().id;
-      flow.head_.sequence = flow.firstSequence_ = free_.back().first;
+      flow.head_.generation = free_.back().generation;
       free_.pop_back();
       flows_[flow.head_.id] = &flow.sa_;
    }
@@ -119,8 +119,7 @@ void
 Out::unnumber( FlowOut & flow ) {
    flow.close();
    flow.head_.id = 0;
-   flow.head_.sequence = flow.firstSequence_ = firstSequence;
-   flow.restarts_ = false;
+   flow.head_.generation = firstGeneration;
    flow.freeResyncState();
 }
 
@@ -133,7 +132,6 @@ Out::reset() {
    free_.clear();
    liveFlows_ = 0;
    types_ = 0;
-   controlSequence_ = firstSequence;
    records_ = 0;
    barrier_ = false;
 }
@@ -193,7 +191,7 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
       // By path it could be another one by the time the reader sees it.
       out.u8( readersFlowReference );
       out.u32( sa->flowIn_ );
-      out.u32( adapter_.in_.flows_[sa->flowIn_].sequence );
+      out.u32( adapter_.in_.flows_[sa->flowIn_].generation );
    } else if( &path.root() == adapter_.root_.ptr() ) {
       out.u8( pathReference );
       path.encodeTo( out );
@@ -202,12 +200,12 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
    }
 }
 
-/// An instance's flow, the number of its next record, and type: first, so that a reader that
+/// An instance's flow, its generation, and type: first, so that a reader that
 /// knows no more of the instance can pass over what follows. No flow: nothing follows.
 void
 Out::encodeFlow( Wire::Encoder & out, const FlowOut * flow, const Plan & plan ) {
    out.u32( flow ? flow->id() : 0 );
-   out.u32( flow ? flow->sequence() : 0 );
+   out.u32( flow ? flow->generation() : 0 );
    out.u32( plan.wireType );
 }
 

@@ -33,9 +33,7 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
    if( row.stored->wireBytes ) {
-      const uint8_t flags = Out::restartIfNeeded( *flow_ );
-      out.writeNumber( *head_, attrId, row.stored->wireBytes( value ), row.stored->wireSize,
-                       flags );
+      out.writeNumber( *head_, attrId, row.stored->wireBytes( value ), row.stored->wireSize );
    } else if( row.stored->encode ) {
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
       row.stored->encode( value, body );
@@ -57,7 +55,7 @@ NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow
    Out & out = *open;
    auto & entity = static_cast< const Entity & >( notifier );
    if( !entity.zekIsLogged() || out.adapter_.in_.handling_ || out.barrier_ || !row.isMutable() ||
-       !row.stored->encode || !out.hasSufficientBuffer() || sequence >= lastSequence ) {
+       !row.stored->encode || !out.hasSufficientBuffer() ) {
       return false;
    }
    attrId = row.id;
@@ -269,10 +267,6 @@ Sa::serializeCollection( uint16_t attrId ) {
          bookmark ? ops.after( entity_, bookmark ) : ops.first( entity_ );
       while( member ) {
          if( !out.hasSufficientBuffer() ) return false;
-         if( flow.isAtEnd() ) {
-            flow.resynchronise();
-            return false;
-         }
          const PtrInterface * next = withMemberKey( row, member, [&]( const void * key ) {
             // Both first: writing the member may announce others, but changes no collection.
             c->resync->bookmark = AnyKey( *row.keyType->values, key );
@@ -335,7 +329,6 @@ Sa::serializeDirty() {
       adapter_.flowDone( *this );
       return true;
    }
-   if( flow.isAtEnd() && !flow.restarts_ ) flow.resynchronise();
    if( flow.stateDirty_ && !plan_.plain.empty() ) serializeState();
    for( const AttributeRow * row : plan_.plain ) {
       if( !flow.dirty_.any() ) break;

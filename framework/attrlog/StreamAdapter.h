@@ -110,23 +110,22 @@ class IPSTATE_EXPORT In {
       // null.
       Entity * entity = nullptr;
       const PtrInterface::NotifieeConst * notifiee = nullptr;
-      uint32_t sequence = firstSequence;
-      uint32_t incarnation : 31 = 0; // counts the instances that had the number
-      uint32_t asked : 1 = 0;        // for the instance again
+      uint32_t generation = firstGeneration;
+      bool asked = false; // for the instance again
 
       void saIs( Entity::ZekNboAttrLogSa * sa );
    };
    /// A flow whose instance is not there yet; number 0: none, a path is waited for.
    struct Awaited {
       uint32_t id = 0;
-      uint32_t incarnation = 0;
+      uint32_t generation = 0;
    };
    /// By flow, attribute and the encoded key of a member: the newest record that waits.
    using HeldPlace = std::tuple< uint32_t, uint16_t, std::string >;
    struct Held {
       Kind kind;
       Awaited awaited;
-      uint32_t incarnation; // of the flow that an instance names
+      uint32_t generation; // of the flow that an instance names
       std::vector< uint8_t > body;
    };
    struct Whole {
@@ -148,10 +147,10 @@ class IPSTATE_EXPORT In {
       Awaited awaited = {};
       bool isProvisional = false;
    };
-   /// A flow as an instance names it: its number, and that of its next record.
+   /// A flow as an instance names it.
    struct FlowName {
       uint32_t id;
-      uint32_t sequence;
+      uint32_t generation;
    };
    class Handles;
    class Scratch;
@@ -253,7 +252,6 @@ class IPSTATE_EXPORT In {
    size_t bound_ = 0;              // flows, since what waits was tried last
    Handling * handling_ = nullptr; // the innermost
    bool answered_ = false;         // the last change was changed again by a reaction to it
-   uint32_t controlSequence_ = firstSequence;
    uint64_t records_ = 0;
    uint64_t refused_ = 0;
    uint64_t acked_ = 0;        // records of ours that the peer says it has received

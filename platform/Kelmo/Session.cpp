@@ -201,7 +201,7 @@ Session::onControl( uint16_t message, Zek::Wire::Decoder & body ) {
       if( message != helloMessage || !body.u32( word ) || !body.u16( theirs ) || word != magic ) {
          body.fail( "the greeting of an attribute log" );
       } else if( theirs != version ) {
-         body.fail( "version 1 of the attribute log" );
+         body.fail( "version 2 of the attribute log" );
       } else {
          greeted_ = true;
       }

@@ -37,7 +37,7 @@ class IPSTATE_EXPORT SessionOwner {
 class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
  public:
    static constexpr uint32_t magic = 0x69707374; // "ipst"
-   static constexpr uint16_t version = 1;
+   static constexpr uint16_t version = 2;
    /// Bytes of a mount's path, and of its type's name.
    static constexpr size_t longestText = 4096;
 

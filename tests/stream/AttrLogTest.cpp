@@ -127,7 +127,6 @@ TEST( AttrLog, aChangeIsOneRecordBetweenTokens ) {
    EXPECT_EQ( frames[2].header.kind, Kind::removal );
    EXPECT_EQ( frames[2].body, std::string( 1, '\0' ) + key + "\2" );
    EXPECT_EQ( frames[1].header.flow, frames[0].header.flow );
-   EXPECT_EQ( frames[1].header.sequence, frames[0].header.sequence + 1 );
    world.settle();
    EXPECT_FALSE( world.replica()->forwarding() );
    EXPECT_EQ( world.replica()->secondaryWithMaskCount(), 0u );
@@ -424,18 +423,6 @@ TEST( AttrLog, anEarlierNotifieeMayThrow ) {
    world.connect();
    EXPECT_THROW( intf->forwardingIs( false ), std::runtime_error );
    EXPECT_EQ( framesOf( world.out().buffer().view() ).size(), 1u );
-}
-
-TEST( AttrLog, theSequenceStartsAgainWithEverything ) {
-   OneInterface world;
-   auto * sa = world.sa();
-   // As at the end of the numbers, which take years to use.
-   sa->flowOut()->sequenceEndsAfter( 3 );
-   for( uint16_t mss = 100; mss < 110; ++mss ) {
-      world.intf->maxMssEgressIs( mss );
-      world.settle();
-      EXPECT_EQ( world.replica()->maxMssEgress(), mss );
-   }
 }
 
 TEST( AttrLog, aReferenceAheadOfItsTargetsDumpMeansWhatThatBrings ) {

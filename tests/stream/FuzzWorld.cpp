@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t capacity = 4096;
 constexpr const char * interfaces = "L3::Intf::Input::StatusDir";
-constexpr size_t fixed = 8; // length and checksum: not in a piece
+constexpr size_t fixed = 4; // the length: not in a piece, nor the checks
 
 void
 require( bool holds, const std::string & what ) {
@@ -125,7 +125,7 @@ piecesOf( std::string_view stream ) {
       std::string_view frame = stream.substr( 0, length );
       stream.remove_prefix( length );
       std::string piece( 1, '\0' );
-      piece += frame.substr( fixed, FrameHeader::size - fixed );
+      piece += frame.substr( fixed, FrameHeader::checked - fixed );
       piece += frame.substr( FrameHeader::size + 1, length - FrameHeader::size - 2 );
       pieces.push_back( std::move( piece ) );
    }
@@ -133,25 +133,35 @@ piecesOf( std::string_view stream ) {
 }
 
 std::string
-frameOf( std::string_view piece ) {
+frameOf( std::string_view piece, uint64_t number ) {
    if( piece.empty() ) return {};
    const auto steps = static_cast< uint8_t >( piece[0] );
    piece.remove_prefix( 1 );
    if( steps & isRaw ) return std::string( piece );
-   constexpr size_t rest = FrameHeader::size - fixed;
+   constexpr size_t rest = FrameHeader::checked - fixed;
    if( piece.size() < rest ) return {};
    std::string frame( fixed, '\0' );
    frame += piece.substr( 0, rest );
-   if( !( steps & keepsSequence ) ) frame[15] = NboAttrLog::restartsSequence;
+   frame.resize( FrameHeader::size );
    frame += char( NboAttrLog::openToken );
    frame += piece.substr( rest );
    frame += char( NboAttrLog::closeToken );
-   const auto length = Wire::networkOrder( static_cast< uint32_t >( frame.size() ) );
-   const uint32_t sum =
-      Wire::networkOrder( Wire::checksum( frame.data() + fixed, frame.size() - fixed ) );
-   std::memcpy( frame.data(), &length, sizeof length );
-   std::memcpy( frame.data() + sizeof length, &sum, sizeof sum );
+   correct( frame, number );
    return frame;
+}
+
+void
+correct( std::string & frame, uint64_t number, size_t length ) {
+   auto put = [&frame]( size_t at, uint32_t value ) {
+      value = Wire::networkOrder( value );
+      std::memcpy( &frame[at], &value, sizeof value );
+   };
+   put( 0, static_cast< uint32_t >( length ? length : frame.size() ) );
+   const uint32_t check = FrameHeader::checkOf( reinterpret_cast< uint8_t * >( frame.data() ),
+                                                static_cast< uint32_t >( number ) );
+   put( FrameHeader::checked, check );
+   put( FrameHeader::checked + 4, Wire::checksum( frame.data() + FrameHeader::size,
+                                                  frame.size() - FrameHeader::size, check ) );
 }
 
 std::vector< std::string >
@@ -306,6 +316,7 @@ FuzzWorld::take( std::string_view piece ) {
       break;
    case Step::reconnect:
       waiting_.clear();
+      waits_ = 0;
       connect();
       break;
    case Step::stall:
@@ -315,8 +326,9 @@ FuzzWorld::take( std::string_view piece ) {
    default:
       break;
    }
-   waiting_ += frameOf( piece );
+   waiting_ += frameOf( piece, session_->received() + waits_++ );
    if( steps & waits ) return;
+   waits_ = 0;
    const std::string bytes = std::exchange( waiting_, {} );
    const size_t first = steps & isSplit ? bytes.size() / 2 : bytes.size();
    try {

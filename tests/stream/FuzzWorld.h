@@ -2,8 +2,8 @@
 // send anything: for the fuzzer of streams and for tests.
 //
 // An input is a setup of three bytes, then pieces with a mark of four bytes between them. A piece
-// is a byte of Steps and a record without its length, checksum and tokens: those are made right,
-// so that a changed record is not refused by its checksum already.
+// is a byte of Steps and a record without its length, checks and tokens: those are made right, so
+// that a changed record is not refused by its checks already.
 
 #pragma once
 
@@ -47,10 +47,9 @@ struct Setup {
 
 /// The first byte of a piece.
 enum Step : uint8_t {
-   keepsSequence = 1, // else the record starts its sequence anew
-   isRaw = 2,         // the bytes are given as they are
-   isSplit = 4,       // arrives in two parts
-   waits = 8,         // arrives together with the next one
+   isRaw = 2,   // the bytes are given as they are
+   isSplit = 4, // arrives in two parts
+   waits = 8,   // arrives together with the next one
    // One of these comes first.
    change = 0x10,    // something changes here
    carry = 0x20,     // the peer takes what was written
@@ -60,8 +59,10 @@ enum Step : uint8_t {
 
 /// The records of a stream as pieces.
 std::vector< std::string > piecesOf( std::string_view stream );
-/// The bytes that carry a piece.
-std::string frameOf( std::string_view piece );
+/// The bytes that carry a piece as the record of that number.
+std::string frameOf( std::string_view piece, uint64_t number );
+/// Makes the length, unless another is given, and the checks of a record's bytes right.
+void correct( std::string & frame, uint64_t number, size_t length = 0 );
 /// An input in parts: the setup's bytes, then the pieces.
 std::vector< std::string > split( std::string_view input );
 std::string joined( const std::vector< std::string > & parts );
@@ -99,6 +100,7 @@ class FuzzWorld final : public Kelmo::SessionOwner {
    std::unique_ptr< Kelmo::Session > session_;
    std::vector< std::unique_ptr< Watcher > > watchers_;
    std::string waiting_; // to arrive with the next piece
+   uint64_t waits_ = 0;  // records of it
    uint32_t reactions_ = 0;
    size_t taken_ = 0;
    bool stalled_ = false;

@@ -111,7 +111,7 @@ Link::empty( Kelmo::Session & to, Pipe & pipe, size_t most ) {
       const std::string_view what = e.what();
       if( !corrupted ) problem = what;
       if( what.find( "checksum" ) != what.npos ) situations_.reached( Situation::checksumWrong );
-      if( what.find( "a length of" ) != what.npos ) situations_.reached( Situation::lengthWrong );
+      if( what.find( "header" ) != what.npos ) situations_.reached( Situation::headerWrong );
       cut();
    }
 }
@@ -140,8 +140,6 @@ void
 Link::open() {
    down.stalled = up.stalled = false;
    down.capacity = up.capacity = 1 << 20;
-   // A length that was corrupted upwards waits for bytes that never come.
-   if( corrupted && down.size() + up.size() == 0 ) cut();
    connect();
 }
 

@@ -105,7 +105,6 @@ class World {
    void write();
    void scribble();
    void switchAdaptor();
-   void boundSequence();
    void attachReactor();
    void restart( uint32_t tree );
    void settle();
@@ -411,22 +410,6 @@ World::switchAdaptor() {
 }
 
 void
-World::boundSequence() {
-   Link & link = anyLink();
-   const bool upwards = random_.oneIn( 4 );
-   auto & adapter = ( upwards ? link.client : link.server )->adapter();
-   std::vector< NboAttrLog::FlowOut * > flows;
-   forEachEntity( *trees_[upwards ? link.copy : link.source], [&]( const Entity & e ) {
-      auto * sa = adapter.adaptorOf( e );
-      if( sa && sa->flowOut() ) flows.push_back( sa->flowOut() );
-   } );
-   for( auto * flow : flows ) {
-      if( random_.oneIn( 2 ) ) flow->sequenceEndsAfter( 1 + random_.below( 12 ) );
-   }
-   log( "sequences end" );
-}
-
-void
 World::attachReactor() {
    std::erase_if( reactors_, []( auto & r ) { return r->isGone(); } );
    const uint32_t tree = random_.below( static_cast< uint32_t >( trees_.size() ) );
@@ -505,7 +488,7 @@ World::step( uint32_t what ) {
    };
    Link & link = anyLink();
    Pipe & pipe = random_.oneIn( 4 ) ? link.up : link.down;
-   if( share( 90 ) ) {
+   if( share( 92 ) ) {
       Entity::Ptr all = trees_[0]->entity( "all" );
       for( uint32_t n = 1 + random_.below( 8 ); n; --n ) change( 0, *all );
    } else if( share( 50 ) ) {
@@ -535,8 +518,6 @@ World::step( uint32_t what ) {
       trees_[0]->entityDel( "all" );
       if( random_.oneIn( 3 ) ) link.pump( random_, false );
       trees_[0]->dirIs( "all" );
-   } else if( share( 2 ) ) {
-      boundSequence();
    } else if( share( 3 ) ) {
       attachReactor();
    } else if( share( 2 ) ) {

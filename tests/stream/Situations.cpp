@@ -39,7 +39,6 @@ Situations::text() const {
 
 void
 Situations::record( const FrameHeader & header ) {
-   if( header.flags & restartsSequence ) reached( Situation::sequenceAgain );
    if( header.flow == 0 ) {
       if( header.attribute == againControl ) reached( Situation::againRecord );
       if( header.attribute == bindControl ) reached( Situation::bindRecord );
@@ -51,7 +50,7 @@ Situations::record( const FrameHeader & header ) {
 
 void
 Situations::cut( size_t inside, size_t length ) {
-   static constexpr size_t ends[] = { 0, 4, 8, 12, 14, 15, 19, 21 }; // of the fields
+   static constexpr size_t ends[] = { 0, 4, 8, 10, 11, 15, 19, 21 }; // of the fields
    for( size_t field = 0; field < std::size( ends ); ++field ) {
       if( inside <= ends[field] ) {
          reached( after( Situation::cutAtBorder, field ) );

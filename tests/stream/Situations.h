@@ -27,11 +27,11 @@ namespace ipstate::test {
    X( deletedInWhole, "deletion from a collection that is being sent whole" )                      \
    X( cutAtBorder, "cut between records" )                                                         \
    X( cutInLength, "cut in the length" )                                                           \
-   X( cutInChecksum, "cut in the checksum" )                                                       \
    X( cutInFlow, "cut in the flow" )                                                               \
    X( cutInAttribute, "cut in the attribute" )                                                     \
    X( cutBeforeFlags, "cut between kind and flags" )                                               \
-   X( cutInSequence, "cut in the sequence number" )                                                \
+   X( cutInCheck, "cut in the check of the header" )                                               \
+   X( cutInChecksum, "cut in the checksum" )                                                       \
    X( cutAtToken, "cut before or behind the opening token" )                                       \
    X( cutInBody, "cut in the body" )                                                               \
    X( cutBeforeEnd, "cut before the closing token" )                                               \
@@ -44,14 +44,13 @@ namespace ipstate::test {
    X( beginWholeRecord, "mark before a whole collection" )                                         \
    X( endWholeRecord, "mark behind a whole collection" )                                           \
    X( stateRecord, "all plain attributes" )                                                        \
-   X( sequenceAgain, "resynchronisation" )                                                         \
    X( againRecord, "instance asked for again, its constructor argument having come" )              \
    X( bindRecord, "flow of a copy that may be written" )                                           \
    X( noRootRecord, "root of a mount gone" )                                                       \
    X( heldReference, "reference before its target" )                                               \
    X( refusedRecord, "record that a mutator refused" )                                             \
    X( checksumWrong, "wrong checksum" )                                                            \
-   X( lengthWrong, "length out of bounds" )                                                        \
+   X( headerWrong, "wrong check of a header" )                                                     \
    X( rejectedValue, "value stored and rejected" )                                                 \
    X( writtenCopy, "write to a copy" )                                                             \
    X( crossingWrites, "writes that cross" )                                                        \
