@@ -3,4 +3,8 @@
 
 #pragma once
 
+#if __cplusplus < 202002L
+#error "ipstate needs C++20: compile with -std=c++20"
+#endif
+
 #define IPSTATE_EXPORT __attribute__( ( visibility( "default" ) ) )

@@ -127,7 +127,7 @@ readField( std::string_view text, T & value ) {
    }
 }
 
-/// Throws RangeException "<type> expected at offset 0 of "<text>"".
+/// Throws RangeException "TYPE expected at offset 0 of "TEXT"", with the type and the text.
 [[noreturn]] IPSTATE_EXPORT void throwNotRead( const TypeDescriptor & type, std::string_view text );
 
 // -- Companions -------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include "typelang/Source.h"
 #include "typelang/Text.h"
 
+#include <cctype>
 #include <set>
 
 namespace Zek::TypeLang {
@@ -59,11 +60,19 @@ includes( const Schema & schema ) {
 )";
    if( machines ) out += "#include \"framework/Reactor.h\"\n";
    out += R"(#include "framework/Value.h"
+#include "framework/Version.h"
 
 #include <cstdint>
 #include <iosfwd>
 #include <string_view>
 )";
+   // Versions of one minor version agree.
+   const std::string version = IPSTATE_VERSION;
+   const size_t major = version.find( '.' ), minor = version.find( '.', major + 1 );
+   out += "\n#if IPSTATE_VERSION_MAJOR != " + version.substr( 0, major ) +
+          " || IPSTATE_VERSION_MINOR != " + version.substr( major + 1, minor - major - 1 ) +
+          "\n#error \"written by zekc " + version.substr( 0, minor ) +
+          ": compile the schema with the zekc of this ipstate\"\n#endif\n";
    return out;
 }
 
@@ -129,6 +138,17 @@ attrLogHeader( const Schema & schema, const std::vector< Emission > & emissions 
    return out;
 }
 
+// The name by which a program makes the linker take the types from a static library, where it uses
+// none of them by a name of its own.
+std::string
+linkName( const Schema & schema ) {
+   std::string name = "zekTypesOf_" + schema.path.substr( 0, schema.path.size() - 4 );
+   for( char & c : name ) {
+      if( !std::isalnum( static_cast< unsigned char >( c ) ) ) c = '_';
+   }
+   return name;
+}
+
 std::string
 source( const Schema & schema, const std::vector< Emission > & emissions ) {
    std::string out =
@@ -162,7 +182,11 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
    out +=
       "// Makes the constants and registers the types of this file when the library is loaded.\n"
       "namespace {\n\nstruct Initialiser {\n   Initialiser() {\n" +
-      constants + registrations + "   }\n} initialiser;\n\n} // namespace\n";
+      constants + registrations +
+      "   }\n} initialiser;\n\n} // namespace\n\n"
+      "// Has a linker that is told to look for it (-u) take this file from a static library.\n"
+      "extern \"C\" void\n" +
+      linkName( schema ) + "() {}\n";
    while( out.size() > 1 && out[out.size() - 2] == '\n' && out.back() == '\n' ) out.pop_back();
    return out;
 }

@@ -4,6 +4,8 @@
 //    zekc --explain TYPE SCHEMA...                            what a type is, by its full name
 //    zekc --graph SCHEMA...                                   types and what holds what, for dot
 //    zekc --reference DIR [--check] SCHEMA...                 a Markdown page for each type
+//    zekc --format [--check] FILE...                          lays schemas out in columns
+//    zekc --version
 //
 // A SCHEMA and what it imports are paths below an include root: --include-root DIR, as often as
 // wanted. Files are written only when their contents change, so that nothing depends on them is
@@ -14,6 +16,7 @@
 #include "typelang/Checker.h"
 #include "typelang/Emitter.h"
 #include "typelang/Explain.h"
+#include "typelang/Format.h"
 #include "typelang/Graph.h"
 #include "typelang/Reference.h"
 #include "typelang/Text.h"
@@ -47,6 +50,8 @@ constexpr char usage[] =
        zekc [--include-root DIR]... --explain TYPE SCHEMA...
        zekc [--include-root DIR]... --graph SCHEMA...
        zekc [--include-root DIR]... --reference DIR [--check] SCHEMA...
+       zekc --format [--check] FILE...
+       zekc --version
 )";
 
 bool
@@ -190,10 +195,44 @@ writeReference( const Program & program, const Options & options ) {
    return faults > 0 ? 1 : 0;
 }
 
+/// Lays the files out, or says which ones are not.
+int
+format( const std::vector< std::string > & arguments ) {
+   const bool check = !arguments.empty() && arguments[0] == "--check";
+   if( arguments.size() == size_t( check ) ) {
+      std::fputs( usage, stderr );
+      return 2;
+   }
+   int others = 0;
+   for( size_t i = check; i < arguments.size(); ++i ) {
+      const std::string & path = arguments[i];
+      const std::optional< std::string > text = readFile( path );
+      if( !text ) {
+         std::fprintf( stderr, "zekc: cannot read '%s'\n", path.c_str() );
+         return 2;
+      }
+      const std::string wanted = formatted( *text );
+      if( !check ) {
+         if( !writeFile( path, wanted ) ) return 2;
+      } else if( wanted != *text ) {
+         std::fprintf( stderr, "zekc: '%s' is not laid out as --format does it\n", path.c_str() );
+         ++others;
+      }
+   }
+   return others > 0 ? 1 : 0;
+}
+
 } // namespace
 
 int
 main( int argc, char ** argv ) {
+   if( argc == 2 && argv[1] == std::string_view( "--version" ) ) {
+      std::puts( "zekc " IPSTATE_VERSION );
+      return 0;
+   }
+   if( argc > 1 && argv[1] == std::string_view( "--format" ) ) {
+      return format( { argv + 2, argv + argc } );
+   }
    Options options;
    if( !parseOptions( argc, argv, options ) ) {
       std::fputs( usage, stderr );

@@ -19,6 +19,7 @@
 #include "agents/ipstated/Watch.h"
 
 #include "framework/Exception.h"
+#include "framework/Version.h"
 #include "platform/Cell/Cell.h"
 
 #include <CLI/CLI.hpp>
@@ -331,6 +332,7 @@ main( int argc, char ** argv ) {
    bool follow = false;
    double poll = 5;
    std::string explained;
+   app.set_version_flag( "--version", std::string( "ipstated " ) + Zek::version() );
    app.add_flag( "--once", once, "End after the table and what else is asked for" );
    app.add_flag( "--follow", follow, "Go on even if the output is no terminal" )
       ->excludes( "--once" );

@@ -11,7 +11,7 @@
 
 namespace Zek::Inspect {
 
-/// `text` with everything that is not printable ASCII written as \xNN: names come from whoever
+/// `text` with everything that is not printable ASCII written as `\\xNN`: names come from whoever
 /// may make records, and a terminal obeys some bytes.
 IPSTATE_EXPORT std::string printable( std::string_view text );
 

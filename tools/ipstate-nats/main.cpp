@@ -4,6 +4,7 @@
 #include "tools/ipstate-nats/Publisher.h"
 
 #include "framework/Exception.h"
+#include "framework/Version.h"
 #include "platform/Kelmo/Server.h"
 #include "platform/Kelmo/SocketMountGroup.h"
 
@@ -246,6 +247,7 @@ int
 main( int argc, char ** argv ) {
    CLI::App app( "Carries a device's state to a fleet over NATS with JetStream, and a fleet's "
                  "state into a tree that other programs mount." );
+   app.set_version_flag( "--version", std::string( "ipstate-nats " ) + Zek::version() );
    app.require_subcommand( 1 );
 
    Publishing publishing;

@@ -12,10 +12,15 @@
 #include "framework/RbTreeMap.h"
 #include "framework/Reactor.h"
 #include "framework/Value.h"
+#include "framework/Version.h"
 
 #include <cstdint>
 #include <iosfwd>
 #include <string_view>
+
+#if IPSTATE_VERSION_MAJOR != 0 || IPSTATE_VERSION_MINOR != 1
+#error "written by zekc 0.1: compile the schema with the zekc of this ipstate"
+#endif
 
 namespace Sample {
 
