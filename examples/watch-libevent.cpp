@@ -1,6 +1,7 @@
 // A server and a mount group in an agent whose loop is libevent's; here both in one process.
 
 #include "Ip/Ip.h"
+#include "loops/Libevent.h"
 #include "platform/Kelmo/Server.h"
 #include "platform/Kelmo/SocketMountGroup.h"
 
@@ -9,12 +10,12 @@
 #include <iostream>
 #include <unistd.h>
 
-using Clock = Kelmo::SocketMountGroup::Clock;
-
 struct Printer : Ip::IpIntfStatus::NotifieeConst {
    void onMaxMssEgress() override {
       std::cout << notifier()->intfId() << " " << notifier()->maxMssEgress() << "\n";
+      if( notifier()->maxMssEgress() == 3000 ) event_base_loopbreak( base );
    }
+   event_base * base = nullptr;
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Printer", 64 };
 };
@@ -32,18 +33,6 @@ struct Owner : Kelmo::MountGroupOwner {
    Zek::Ptr< Printer > printer = Zek::allocate< Printer >();
    event * ticks = nullptr;
 };
-
-/// Calls end.onReadable() whenever there is something to do.
-template< class End >
-event *
-watch( event_base * base, End & end ) {
-   auto ready = []( evutil_socket_t, short, void * end ) {
-      static_cast< End * >( end )->onReadable();
-   };
-   event * made = event_new( base, end.fd(), EV_READ | EV_PERSIST, ready, &end );
-   event_add( made, nullptr );
-   return made;
-}
 
 int
 main() {
@@ -64,25 +53,17 @@ main() {
 
    // The one who wants to know.
    Owner owner;
+   owner.printer->base = base;
    owner.ticks = event_new( base, -1, EV_PERSIST, tick, record.ptr() );
    auto group = Zek::allocate< Kelmo::SocketMountGroup >( owner.root, path, owner );
    group->doMount( { "ip/status", "Ip::Input::Status", "r", Kelmo::MountFilter( false ) } );
 
-   event * events[] = { owner.ticks, watch( base, server ), watch( base, *group ),
-                        event_new(
-                           base, -1, 0, []( evutil_socket_t, short, void * ) {}, nullptr ) };
-   event * const wakeUp = events[3];
-   while( record->maxMssEgress() < 4000 ) {
-      if( const auto at = group->timePassed( Clock::now() ) ) {
-         using namespace std::chrono;
-         const auto pause = ceil< microseconds >( *at - Clock::now() ).count();
-         const timeval left{ pause / 1000000, pause % 1000000 };
-         event_add( wakeUp, &left );
-      }
-      group->flush(); // what this turn changed goes out together
-      server.flush();
-      event_base_loop( base, EVLOOP_ONCE );
+   {
+      // Nothing else has to be done for them.
+      auto serverServed = Kelmo::attach( base, server );
+      auto groupServed = Kelmo::attach( base, *group );
+      Kelmo::run( base );
    }
-   for( event * each : events ) event_free( each );
+   event_free( owner.ticks );
    event_base_free( base );
 }
