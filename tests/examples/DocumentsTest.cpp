@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -51,10 +53,23 @@ block( const std::string & document, const std::string & name, const std::string
    return document.substr( from, document.find( "```\n", from ) - from );
 }
 
+/// All fenced blocks of the document that are marked so.
+std::vector< std::string >
+blocks( const std::string & document, const std::string & mark ) {
+   std::vector< std::string > found;
+   const std::string open = "```" + mark + "\n";
+   for( size_t from = 0; ( from = document.find( open, from ) ) != std::string::npos; ) {
+      from += open.size();
+      found.push_back( document.substr( from, document.find( "```\n", from ) - from ) );
+   }
+   return found;
+}
+
 /// The documents, by path from the root.
 std::vector< std::string >
 documents() {
-   std::vector< std::string > found{ "README.md", "bench/README.md" };
+   std::vector< std::string > found{ "README.md", "HACKING.md", "CHANGELOG.md", "SECURITY.md",
+                                     "bench/README.md" };
    for( const auto & entry : fs::recursive_directory_iterator( sourceDir / "docs" ) ) {
       if( entry.path().extension() == ".md" ) {
          found.push_back( entry.path().lexically_relative( sourceDir ) );
@@ -79,6 +94,40 @@ INSTANTIATE_TEST_SUITE_P( All, Example, ::testing::Values( "follow-address", "by
                              std::erase( name, '-' );
                              return name;
                           } );
+
+TEST( Documents, TheGuideShowsWhatIsBuilt ) {
+   const std::string guide = contents( sourceDir / "docs/guide.md" );
+   const std::pair< const char *, std::vector< const char * > > sources[] = {
+      { "cmake", { "CMakeLists.txt" } },
+      { "zek", { "Chassis/Chassis.zek" } },
+      { "cpp", { "Chassis/Chassis.cpp", "fan-agent.cpp", "fan-watch.cpp" } },
+   };
+   size_t shown = 0;
+   for( const auto & [mark, files] : sources ) {
+      for( const std::string & block : blocks( guide, mark ) ) {
+         ++shown;
+         EXPECT_TRUE( std::ranges::any_of(
+            files,
+            [&]( const char * file ) {
+               return contents( sourceDir / "examples/fans" / file ).find( block ) !=
+                      std::string::npos;
+            } ) )
+            << "stands nowhere in examples/fans:\n"
+            << block;
+      }
+   }
+   EXPECT_GT( shown, 10u );
+}
+
+TEST( Documents, TheProgramsOfTheGuideDoWhatItSays ) {
+   const std::string said = outputOf( "'" + ( sourceDir / "tests/examples/try-fans" ).string() +
+                                      "' '" + ( binaryDir / "examples" ).string() + "'" );
+   // The socket is elsewhere.
+   const std::string expected = blocks( contents( sourceDir / "docs/guide.md" ), "text" ).at( 0 );
+   const std::string last = "lost: the server at '";
+   ASSERT_NE( said.find( last ), std::string::npos ) << said;
+   EXPECT_EQ( said.substr( 0, said.find( last ) ), expected.substr( 0, expected.find( last ) ) );
+}
 
 TEST( Documents, TheServerAndItsClientRunUnderAnEventLibrary ) {
    EXPECT_EQ( outputOf( "'" + ( binaryDir / "examples/watch-libevent" ).string() + "'" ),
