@@ -80,7 +80,7 @@ Entity::entityIs( const Zek::Ptr< Entity > & child ) {
 Zek::Ptr< Entity >
 Entity::entityIs( std::string_view typeName, const Name & name ) {
    const TypeDescriptor * type = typeNode( typeName );
-   if( !type || !type->isEntity() || !type->isNamed || !type->create ||
+   if( !type || !type->isEntity() || !type->isNamed || !type->isMade() ||
        type->constructorParameters.size() != 1 ) {
       throw RejectedException( "'" + std::string( typeName ) +
                                "' is no type of entities that are made of their name alone" );
@@ -273,7 +273,7 @@ namespace {
 
 // The parent as a reader of descriptors sees it: a counted pointer made for the reading.
 void
-readParent( const void * object, void * result ) {
+readParent( const void * object, void * result, const AttributeRow & ) {
    new( result ) Entity::Ptr( static_cast< const Entity * >( object )->parent() );
 }
 
@@ -288,23 +288,23 @@ childName( const void * key ) {
 }
 
 size_t
-countChildren( const void * object ) {
+countChildren( const void * object, const CollectionOps & ) {
    return entityOf( object ).entityCount();
 }
 
 const PtrInterface *
-firstChild( const void * object ) {
+firstChild( const void * object, const CollectionOps & ) {
    auto i = entityOf( object ).entityIteratorConst();
    return i ? i.ptr() : nullptr;
 }
 
 const PtrInterface *
-childAfter( const void * object, const void * key ) {
+childAfter( const void * object, const void * key, const CollectionOps & ) {
    return entityOf( object ).entityAfter( childName( key ) ).ptr();
 }
 
 const PtrInterface *
-findChildByKey( const void * object, const void * key ) {
+findChildByKey( const void * object, const void * key, const CollectionOps & ) {
    return entityOf( object ).entity( childName( key ) ).ptr();
 }
 
@@ -315,28 +315,30 @@ constexpr CollectionOps childOps = {
    &findChildByKey,
    nullptr, // the key is the child's name
    nullptr,
-   []( void * object, const void * member, const void * const * ) {
+   []( void * object, const void * member, const void * const *, const CollectionOps & ) {
       static_cast< Entity * >( object )->entityIs( *static_cast< const Entity::Ptr * >( member ) );
    },
-   []( void * object, const void * key ) {
+   []( void * object, const void * key, const CollectionOps & ) {
       static_cast< Entity * >( object )->entityDel( childName( key ) );
    },
-   []( void * object ) { static_cast< Entity * >( object )->entityDelAll(); },
-   []( void * object, const void * key ) {
+   []( void * object, const CollectionOps & ) {
+      static_cast< Entity * >( object )->entityDelAll();
+   },
+   []( void * object, const void * key, const CollectionOps & ) {
       static_cast< Entity * >( object )->entityNotify( childName( key ) );
    },
 };
 
 constexpr AttributeRow
 frameworkRow( const char * name, FrameworkAttribute id, const TypeDescriptor & type,
-              const ValueOps & stored, void ( *read )( const void *, void * ) ) {
+              const ValueOps & stored, decltype( AttributeRow::readThunk ) read ) {
    AttributeRow row{};
    row.name = name;
    row.id = id;
    row.kind = AttributeKind::derived;
    row.type = &type;
    row.stored = &stored;
-   row.read = read;
+   row.readThunk = read;
    return row;
 }
 
@@ -390,7 +392,7 @@ constinit const TypeDescriptor Entity::zekTypeDescriptor_ = {
    .attributes = frameworkRows,
    .enumerators = {},
    .constructorParameters = {},
-   .create = nullptr,
+   .createThunk = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
    .genericIf = &entityGenericIf,
@@ -408,7 +410,7 @@ constinit const TypeDescriptor Dir::zekTypeDescriptor_ = {
    .attributes = {},
    .enumerators = {},
    .constructorParameters = dirParameters,
-   .create = &Rows::createBy< &dirFactory >,
+   .createThunk = &Rows::createBy< &dirFactory >,
    .relay = &makeRelay< DirRelay >,
    .allocations = &Dir::allocTrackTypeInfo_,
    .genericIf = &dirGenericIf,

@@ -38,7 +38,7 @@ class IPSTATE_EXPORT EntityUriPath {
 template< class Use >
 auto
 withMemberKey( const AttributeRow & row, const PtrInterface * member, Use use ) {
-   if( row.collection->memberKey ) return use( row.collection->memberKey( member ) );
+   if( row.collection->hasMemberKey() ) return use( row.collection->memberKey( member ) );
    // The children directory is keyed by the child's name.
    const String name( static_cast< const Entity * >( member )->name().view() );
    return use( static_cast< const void * >( &name ) );

@@ -194,7 +194,7 @@ GenericIf::readSlowly( GenericTarget object, uint16_t id, Arguments arguments ) 
    GenericValue value;
    if( row.type->isCounted() ) {
       Ptr< const PtrInterface > held;
-      if( row.address ) {
+      if( row.isStored() ) {
          held =
             *static_cast< const Ptr< const PtrInterface > * >( row.address( object.address() ) );
       } else {
@@ -205,7 +205,7 @@ GenericIf::readSlowly( GenericTarget object, uint16_t id, Arguments arguments ) 
       if( !row.has( pointsToConst ) ) value.holding_ = GenericValue::Holding::object;
       return value;
    }
-   if( row.address ) return GenericValue( *row.type, row.address( object.address() ) );
+   if( row.isStored() ) return GenericValue( *row.type, row.address( object.address() ) );
    value.type_ = row.type;
    try {
       row.read( object.address(), value.room( *row.type->values ) );
@@ -220,7 +220,7 @@ void
 GenericIf::write( GenericTarget object, uint16_t id, Arguments arguments ) const {
    constexpr auto operation = GenericOperation::write;
    const AttributeRow & row = rowOf( object, operation, id );
-   if( !row.write ) rejectFor( operation, row );
+   if( !row.isWritable() ) rejectFor( operation, row );
    if( arguments.size() != 1 ) checkCount( operation, row, arguments, 1, 1 );
    const GenericValue & value = arguments[0];
    const bool sameType = value.type() == row.type && !value.isPointer();
@@ -252,10 +252,10 @@ GenericIf::other( GenericTarget object, GenericOperation operation, uint16_t id,
 GenericValue
 GenericIf::step( GenericTarget object, GenericOperation operation, const AttributeRow & row,
                  Arguments arguments ) const {
-   auto step = !row.counter                               ? nullptr
-               : operation == GenericOperation::increment ? row.counter->increment
-                                                          : row.counter->decrement;
-   if( !step ) rejectFor( operation, row );
+   const bool up = operation == GenericOperation::increment;
+   if( !row.counter || !( up ? row.counter->hasIncrement() : row.counter->hasDecrement() ) ) {
+      rejectFor( operation, row );
+   }
    checkCount( operation, row, arguments, 0, 1 );
    if( !arguments.empty() && !arguments[0].fits( row.type, false, false ) ) {
       reject( operation, row,
@@ -263,15 +263,20 @@ GenericIf::step( GenericTarget object, GenericOperation operation, const Attribu
                  arguments[0].shape() );
    }
    GenericValue result = GenericValue::zero( *row.type );
-   step( changeable( object, operation, row ), arguments.empty() ? nullptr : arguments[0].address(),
-         result.address() );
+   void * at = changeable( object, operation, row );
+   const void * by = arguments.empty() ? nullptr : arguments[0].address();
+   if( up ) {
+      row.counter->increment( at, by, result.address() );
+   } else {
+      row.counter->decrement( at, by, result.address() );
+   }
    return result;
 }
 
 GenericValue
 GenericIf::call( GenericTarget object, const AttributeRow & row, Arguments arguments ) const {
    constexpr auto operation = GenericOperation::call;
-   if( !row.call ) rejectFor( operation, row );
+   if( !row.isCallable() ) rejectFor( operation, row );
    checkArguments( std::string( type_.fullName ) + "::" + row.name, row.parameters, arguments );
    const bool leavesObjectAlone = row.has( isStaticCall ) || row.has( isConstCall );
    void * at = leavesObjectAlone ? const_cast< void * >( object.address() )
@@ -301,7 +306,7 @@ GenericValue
 wrapped( const AttributeRow & row, const PtrInterface * member ) {
    const CollectionOps & ops = *row.collection;
    if( row.has( isSet ) ) return GenericValue( *row.keyType, ops.memberKey( member ) );
-   if( ops.memberValue ) return GenericValue( *row.type, ops.memberValue( member ) );
+   if( ops.hasMemberValue() ) return GenericValue( *row.type, ops.memberValue( member ) );
    Ptr< const PtrInterface > object = shownObject( member );
    if( row.has( pointsToConst ) ) return GenericValue( object.ptr(), row.type );
    return GenericValue( const_cast< PtrInterface * >( object.ptr() ), row.type );
@@ -310,7 +315,7 @@ wrapped( const AttributeRow & row, const PtrInterface * member ) {
 /// What a collection shows for a key that it has no member under.
 GenericValue
 absentMember( const AttributeRow & row ) {
-   if( row.collection->memberValue ) return GenericValue::zero( *row.type );
+   if( row.collection->hasMemberValue() ) return GenericValue::zero( *row.type );
    if( row.has( pointsToConst ) ) {
       return GenericValue( static_cast< const PtrInterface * >( nullptr ), row.type );
    }
@@ -339,10 +344,18 @@ class Members {
                                                : GenericValue();
    }
    void remove( void * object, const void * key ) const {
-      ( row_.collection ? row_.collection->del : row_.valueSet->remove )( object, key );
+      if( row_.collection ) {
+         row_.collection->del( object, key );
+      } else {
+         row_.valueSet->remove( object, key );
+      }
    }
    void removeAll( void * object ) const {
-      ( row_.collection ? row_.collection->delAll : row_.valueSet->removeAll )( object );
+      if( row_.collection ) {
+         row_.collection->delAll( object );
+      } else {
+         row_.valueSet->removeAll( object );
+      }
    }
 
  private:
@@ -351,7 +364,7 @@ class Members {
 
 GenericValue
 keyOfMember( const AttributeRow & row, const PtrInterface * member ) {
-   if( row.collection->memberKey ) {
+   if( row.collection->hasMemberKey() ) {
       return GenericValue( *row.keyType, row.collection->memberKey( member ) );
    }
    return String( static_cast< const Entity * >( member )->name().view() );
@@ -442,7 +455,7 @@ GenericIf::add( void * object, const AttributeRow & row, Arguments arguments ) c
       row.valueSet->add( object, keyOf( operation, row, arguments, none ) );
       return {};
    }
-   if( row.collection->memberKey == nullptr ) {
+   if( !row.collection->hasMemberKey() ) {
       return addChild( *static_cast< Entity * >( object ), row, arguments );
    }
    if( row.has( ownsMembers ) ) return addOwned( object, row, arguments );
@@ -667,12 +680,12 @@ GenericIf::genericIfFromCtorArgs( Arguments arguments ) const {
                                 : enumeratorValue( type_, arguments[0].as< String >().view() );
       return GenericValue::fromText( type_, enumeratorName( type_, number ) );
    }
-   if( !type_.create && !type_.assemble ) {
+   if( !type_.isMade() && !type_.isAssembled() ) {
       throwRejected( std::string( "objects of type " ) + type_.fullName + " are not made" );
    }
    checkArguments( type_.fullName, type_.constructorParameters, arguments );
    const std::vector< const void * > at = addresses( arguments );
-   if( type_.create ) return type_.create( at.data() );
+   if( type_.isMade() ) return type_.create( at.data() );
    GenericValue value;
    value.type_ = &type_;
    try {

@@ -162,19 +162,20 @@ class HashMap {
       return true;
    }
 
-   static uint32_t reversedHashOfMember( const PtrInterface * member ) {
+   static uint32_t reversedHashOfMember( const PtrInterface * member, const HashTableOps & ) {
       return reversedHashOf< Key >( keyOf( member ) );
    }
-   static int compare( const PtrInterface * member, const void * other ) {
+   static int compare( const PtrInterface * member, const void * other, const HashTableOps & ) {
       const Key & a = keyOf( member );
       const Key & b = *static_cast< const Key * >( other );
       uint32_t hashA = reversedHashOf( a ), hashB = reversedHashOf( b );
       if( hashA != hashB ) return hashA < hashB ? -1 : 1;
       return a == b ? 0 : a < b ? -1 : 1;
    }
-   static int compareMembers( const PtrInterface * a, const PtrInterface * b ) {
+   static int compareMembers( const PtrInterface * a, const PtrInterface * b,
+                              const HashTableOps & ) {
       const Key & key = keyOf( b );
-      return compare( a, &key );
+      return compare( a, &key, ops );
    }
    static constexpr HashTableOps ops = { &reversedHashOfMember, &compare, &compareMembers };
 

@@ -54,14 +54,24 @@
 
 namespace Zek {
 
-/// What the core must know of the keys: a constant per instantiation.
+/// What the core must know of the keys: a constant per instantiation. Thunks as in ValueOps.
 struct HashTableOps {
-   uint32_t ( *reversedHash )( const PtrInterface * member );
+   uint32_t ( *reversedHashThunk )( const PtrInterface *, const HashTableOps & );
+   int ( *compareThunk )( const PtrInterface *, const void *, const HashTableOps & );
+   int ( *compareMembersThunk )( const PtrInterface *, const PtrInterface *, const HashTableOps & );
+
+   uint32_t reversedHash( const PtrInterface * member ) const {
+      return reversedHashThunk( member, *this );
+   }
    /// Less than, equal to or greater than zero as the member's key stands before, at or after
    /// `key` (reversed hash first).
-   int ( *compare )( const PtrInterface * member, const void * key );
+   int compare( const PtrInterface * member, const void * key ) const {
+      return compareThunk( member, key, *this );
+   }
    /// The same with the key of `b`.
-   int ( *compareMembers )( const PtrInterface * a, const PtrInterface * b );
+   int compareMembers( const PtrInterface * a, const PtrInterface * b ) const {
+      return compareMembersThunk( a, b, *this );
+   }
 };
 
 class HashCursor;

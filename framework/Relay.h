@@ -30,16 +30,17 @@ class Relay : public T::NotifieeConst {
  protected:
    ~Relay() override = default;
 
-   void changed( uint16_t attributeId ) {
-      const AttributeRow & row = Relay::row( attributeId );
+   void changed( uint16_t attributeId ) { changed( row( attributeId ) ); }
+   void changed( uint16_t attributeId, const void * key ) {
+      sink_.onMember( row( attributeId ), key );
+   }
+   void changed( const AttributeRow & row ) {
       if( head_.open && head_.writeAtOnce( *this->template notifierPtr< Notifier >(), row ) ) {
          return;
       }
       sink_.onAttribute( row );
    }
-   void changed( uint16_t attributeId, const void * key ) {
-      sink_.onMember( row( attributeId ), key );
-   }
+   AttributeSink & sink() const { return sink_; }
 
  private:
    static const AttributeRow & row( uint16_t attributeId ) {

@@ -68,14 +68,14 @@ struct Target< Ptr< T > > {
 
 template< auto Field >
 const void *
-addressOf( const void * object ) {
+addressOf( const void * object, const AttributeRow & ) {
    using Object = typename MemberPointer< decltype( Field ) >::Object;
    return &( static_cast< const Object * >( object )->*Field );
 }
 
 template< auto Write >
 void
-writeBy( void * object, const void * value ) {
+writeBy( void * object, const void * value, const AttributeRow & ) {
    using M = Mutator< decltype( Write ) >;
    ( static_cast< typename M::Object * >( object )->*Write )(
       *static_cast< const typename M::Value * >( value ) );
@@ -83,7 +83,7 @@ writeBy( void * object, const void * value ) {
 
 template< auto Read >
 void
-readBy( const void * object, void * result ) {
+readBy( const void * object, void * result, const AttributeRow & ) {
    using A = Accessor< decltype( Read ) >;
    if constexpr( std::is_member_function_pointer_v< decltype( Read ) > ) {
       new( result )
@@ -109,14 +109,14 @@ struct Creating< Factory > {
 /// Makes an object through its factory, one address per constructor parameter.
 template< auto Factory >
 Ptr< PtrInterface >
-createBy( const void * const * arguments ) {
+createBy( const void * const * arguments, const TypeDescriptor & ) {
    return Creating< Factory >::call( arguments, Creating< Factory >::indices );
 }
 
 /// Makes a value of its constructor's arguments.
 template< class V, class... Arguments >
 void
-assembleBy( void * at, const void * const * arguments ) {
+assembleBy( void * at, const void * const * arguments, const TypeDescriptor & ) {
    [&]< size_t... I >( std::index_sequence< I... > ) {
       new( at ) V( *static_cast< const Arguments * >( arguments[I] )... );
    }
@@ -126,7 +126,7 @@ assembleBy( void * at, const void * const * arguments ) {
 /// One step of a counter; by one when `by` is null.
 template< auto Step >
 void
-stepBy( void * object, const void * by, void * result ) {
+stepBy( void * object, const void * by, void * result, const CounterOps & ) {
    using M = Mutator< decltype( Step ) >;
    using V = typename M::Value;
    *static_cast< V * >( result ) = ( static_cast< typename M::Object * >( object )->*Step )(
@@ -135,7 +135,7 @@ stepBy( void * object, const void * by, void * result ) {
 
 template< auto Step >
 constexpr auto
-stepThunk() -> void ( * )( void *, const void *, void * ) {
+stepThunk() -> void ( * )( void *, const void *, void *, const CounterOps & ) {
    if constexpr( Step == nullptr ) {
       return nullptr;
    } else {
@@ -146,7 +146,7 @@ stepThunk() -> void ( * )( void *, const void *, void * ) {
 /// A counter wraps, so that a step of either kind leads anywhere.
 template< auto Field, auto Write, auto Increment, auto Decrement >
 void
-reachBy( void * object, const void * value ) {
+reachBy( void * object, const void * value, const CounterOps & ) {
    using Object = typename MemberPointer< decltype( Field ) >::Object;
    using V = typename MemberPointer< decltype( Field ) >::Value;
    auto & counter = *static_cast< Object * >( object );
@@ -214,7 +214,8 @@ callWith( void * object, const GenericValue * arguments, GenericValue * result,
 
 template< auto Function >
 void
-callBy( void * object, const GenericValue * arguments, GenericValue * result ) {
+callBy( void * object, const GenericValue * arguments, GenericValue * result,
+        const AttributeRow & ) {
    callWith< Function >( object, arguments, result,
                          typename Callable< decltype( Function ) >::Arguments() );
 }
@@ -229,18 +230,24 @@ struct ValueSetThunks {
    }
    static auto & at( void * object ) { return static_cast< Object * >( object )->*Field; }
    static const Key & key( const void * k ) { return *static_cast< const Key * >( k ); }
-   static size_t count( const void * object ) { return at( object ).size(); }
-   static bool has( const void * object, const void * k ) { return at( object ).has( key( k ) ); }
-   static const void * first( const void * object ) {
+   static size_t count( const void * object, const ValueSetOps & ) { return at( object ).size(); }
+   static bool has( const void * object, const void * k, const ValueSetOps & ) {
+      return at( object ).has( key( k ) );
+   }
+   static const void * first( const void * object, const ValueSetOps & ) {
       return at( object ).size() ? &*at( object ).begin() : nullptr;
    }
-   static const void * after( const void * object, const void * k ) {
+   static const void * after( const void * object, const void * k, const ValueSetOps & ) {
       auto next = std::upper_bound( at( object ).begin(), at( object ).end(), key( k ) );
       return next != at( object ).end() ? &*next : nullptr;
    }
-   static void add( void * object, const void * k ) { at( object ).insert( key( k ) ); }
-   static void remove( void * object, const void * k ) { at( object ).remove( key( k ) ); }
-   static void removeAll( void * object ) { at( object ).clear(); }
+   static void add( void * object, const void * k, const ValueSetOps & ) {
+      at( object ).insert( key( k ) );
+   }
+   static void remove( void * object, const void * k, const ValueSetOps & ) {
+      at( object ).remove( key( k ) );
+   }
+   static void removeAll( void * object, const ValueSetOps & ) { at( object ).clear(); }
 };
 
 template< auto Field, class Key >
@@ -271,7 +278,7 @@ rowOf( const char * name, uint16_t id, AttributeKind kind, unsigned flags ) {
 template< auto Field >
 constexpr void
 standsIn( AttributeRow & row ) {
-   row.address = &addressOf< Field >;
+   row.addressThunk = &addressOf< Field >;
    using V = typename MemberPointer< decltype( Field ) >::Value;
    if( !Target< V >::isPointer ) row.flags |= isStoredValue;
 }
@@ -293,7 +300,7 @@ plain( const char * name, uint16_t id, unsigned flags = 0 ) {
    AttributeRow row = rowOf< V >(
       name, id, Target< V >::isPointer ? AttributeKind::pointer : AttributeKind::plain, flags );
    standsIn< Field >( row );
-   row.write = &writeBy< Write >;
+   row.writeThunk = &writeBy< Write >;
    return row;
 }
 
@@ -303,7 +310,7 @@ constexpr AttributeRow
 counter( const char * name, uint16_t id ) {
    AttributeRow row = parameter< Field >( name, id, isCounter );
    row.kind = AttributeKind::plain;
-   if constexpr( Write != nullptr ) row.write = &writeBy< Write >;
+   if constexpr( Write != nullptr ) row.writeThunk = &writeBy< Write >;
    row.counter = &counterOps< Field, Write, Increment, Decrement >;
    return row;
 }
@@ -313,7 +320,7 @@ constexpr AttributeRow
 constant( const char * name, uint16_t id ) {
    using V = typename Accessor< decltype( Read ) >::Value;
    AttributeRow row = rowOf< V >( name, id, AttributeKind::constant, 0 );
-   row.read = &readBy< Read >;
+   row.readThunk = &readBy< Read >;
    return row;
 }
 
@@ -322,7 +329,7 @@ constexpr AttributeRow
 derived( const char * name, uint16_t id, unsigned flags = 0 ) {
    using V = typename Accessor< decltype( Read ) >::Value;
    AttributeRow row = rowOf< V >( name, id, AttributeKind::derived, flags );
-   row.read = &readBy< Read >;
+   row.readThunk = &readBy< Read >;
    return row;
 }
 
@@ -332,7 +339,7 @@ constexpr AttributeRow
 input( const char * name, uint16_t id ) {
    AttributeRow row = derived< Read >( name, id );
    row.kind = AttributeKind::pointer;
-   row.write = &writeBy< Write >;
+   row.writeThunk = &writeBy< Write >;
    return row;
 }
 
@@ -349,7 +356,7 @@ valueSet( const char * name, uint16_t id ) {
    row.type = &TypeOf< Key >::descriptor;
    row.keyType = &TypeOf< Key >::descriptor;
    row.stored = &valueOps< V >;
-   row.address = &addressOf< Field >;
+   row.addressThunk = &addressOf< Field >;
    row.valueSet = &valueSetOps< Field, Key >;
    return row;
 }
@@ -383,7 +390,7 @@ callable( const char * name, uint16_t id, std::span< const ParameterRow > parame
    row.id = id;
    row.kind = AttributeKind::callable;
    row.flags = static_cast< uint16_t >( row.flags | F::flags );
-   row.call = &callBy< Function >;
+   row.callThunk = &callBy< Function >;
    row.parameters = parameters;
    return row;
 }
@@ -407,15 +414,19 @@ struct Reading {
       return static_cast< const Object * >( object )->*Field;
    }
    static const Key & key( const void * k ) { return *static_cast< const Key * >( k ); }
-   static size_t count( const void * object ) { return map( object ).count(); }
-   static const PtrInterface * first( const void * object ) { return map( object ).firstMember(); }
-   static const PtrInterface * after( const void * object, const void * k ) {
+   static size_t count( const void * object, const CollectionOps & ) {
+      return map( object ).count();
+   }
+   static const PtrInterface * first( const void * object, const CollectionOps & ) {
+      return map( object ).firstMember();
+   }
+   static const PtrInterface * after( const void * object, const void * k, const CollectionOps & ) {
       return map( object ).memberAfter( key( k ) );
    }
-   static const PtrInterface * find( const void * object, const void * k ) {
+   static const PtrInterface * find( const void * object, const void * k, const CollectionOps & ) {
       return map( object ).find( key( k ) );
    }
-   static void reserve( void * object, size_t members ) {
+   static void reserve( void * object, size_t members, const CollectionOps & ) {
       ( static_cast< Object * >( object )->*Field ).reserve( members );
    }
 };
@@ -430,9 +441,11 @@ struct Shared : Reading< Field, Key > {
    using Object = typename Reading< Field, Key >::Object;
    static Object & at( void * object ) { return *static_cast< Object * >( object ); }
    static const Key & keyAt( const void * key ) { return *static_cast< const Key * >( key ); }
-   static void del( void * object, const void * key ) { ( at( object ).*Del )( keyAt( key ) ); }
-   static void delAll( void * object ) { ( at( object ).*DelAll )(); }
-   static void notify( void * object, const void * key ) {
+   static void del( void * object, const void * key, const CollectionOps & ) {
+      ( at( object ).*Del )( keyAt( key ) );
+   }
+   static void delAll( void * object, const CollectionOps & ) { ( at( object ).*DelAll )(); }
+   static void notify( void * object, const void * key, const CollectionOps & ) {
       ( at( object ).*Notify )( keyAt( key ) );
    }
 };
@@ -440,20 +453,20 @@ struct Shared : Reading< Field, Key > {
 /// Key and value of a member.
 template< class Member >
 const void *
-memberKey( const PtrInterface * member ) {
+memberKey( const PtrInterface * member, const CollectionOps & ) {
    return &static_cast< const Member * >( member )->fwkKey();
 }
 
 template< class Node >
 const void *
-memberValue( const PtrInterface * member ) {
+memberValue( const PtrInterface * member, const CollectionOps & ) {
    return &static_cast< const Node * >( member )->value();
 }
 
 /// Of a value that is keyed by one of its fields.
 template< class Node >
 const void *
-valueKey( const void * value ) {
+valueKey( const void * value, const CollectionOps & ) {
    return &typename Node::KeyFunktorType()(
       *static_cast< const typename Node::ValueType * >( value ) );
 }
@@ -466,7 +479,8 @@ struct Adding;
 template< class R, class O, class Key, class... Arguments,
           R ( O::*Mutate )( const Key &, Arguments... ) >
 struct Adding< Mutate > {
-   static void is( void * object, const void * key, const void * const * arguments ) {
+   static void is( void * object, const void * key, const void * const * arguments,
+                   const CollectionOps & ) {
       call( object, key, arguments, std::index_sequence_for< Arguments... >() );
    }
    template< size_t... I >
@@ -483,19 +497,20 @@ template< class Common, class Add, class Member, bool hasValue >
 constexpr CollectionOps
 fillCollectionOps() {
    CollectionOps ops{};
-   ops.count = &Common::count;
-   ops.first = &Common::first;
-   ops.after = &Common::after;
-   ops.find = &Common::find;
-   ops.memberKey = &memberKey< Member >;
-   if constexpr( hasValue ) ops.memberValue = &memberValue< Member >;
-   if constexpr( requires { typename Member::KeyFunktorType; } ) ops.valueKey = &valueKey< Member >;
-   ops.is = &Add::is;
-   ops.del = &Common::del;
-   ops.delAll = &Common::delAll;
-   ops.notify = &Common::notify;
+   ops.countThunk = &Common::count;
+   ops.firstThunk = &Common::first;
+   ops.afterThunk = &Common::after;
+   ops.findThunk = &Common::find;
+   ops.memberKeyThunk = &memberKey< Member >;
+   if constexpr( hasValue ) ops.memberValueThunk = &memberValue< Member >;
+   if constexpr( requires { typename Member::KeyFunktorType; } )
+      ops.valueKeyThunk = &valueKey< Member >;
+   ops.isThunk = &Add::is;
+   ops.delThunk = &Common::del;
+   ops.delAllThunk = &Common::delAll;
+   ops.notifyThunk = &Common::notify;
    if constexpr( requires( typename Common::Map & map ) { map.reserve( size_t() ); } ) {
-      ops.reserve = &Common::reserve;
+      ops.reserveThunk = &Common::reserve;
    }
    return ops;
 }

@@ -263,7 +263,7 @@ namespace {
 
 bool
 isField( const AttributeRow & row ) {
-   return row.address != nullptr;
+   return row.isStored();
 }
 
 } // namespace

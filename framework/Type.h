@@ -35,6 +35,7 @@ struct FlowHead;
 } // namespace NboAttrLog
 class GenericIf;
 class GenericValue;
+struct DynamicPart;
 
 enum class TypeKind : uint8_t {
    scalar,       // bool, integers, double
@@ -75,32 +76,58 @@ enum AttributeFlag : uint16_t {
 };
 
 /// A value type's operations, for code that knows it by its descriptor only. Addresses are of
-/// objects of exactly that type.
+/// objects of exactly that type. The thunks of a C++ type know it; those of a type that was
+/// declared at run time are told by the last argument whose they are.
 struct ValueOps {
    uint32_t size;
    uint32_t alignment;
-   bool isTrivial;                                  // copied byte by byte, nothing to destroy
-   void ( *construct )( void * );                   // the type's zero value
-   void ( *copy )( void *, const void * );          // copy-constructs
-   void ( *destroy )( void * );                     //
-   bool ( *equal )( const void *, const void * );   //
-   bool ( *less )( const void *, const void * );    // null when unordered
-   uint32_t ( *hash )( const void * );              // null when not hashed
-   void ( *append )( const void *, std::string & ); // text form, as in a value's field
-   bool ( *read )( std::string_view, void * );      // assigns; false when it is no such text
-   /// As in streams (framework/Wire.h); null for pointers, which travel as paths.
-   void ( *encode )( const void *, Wire::Encoder & );
-   /// Assigns; false, and the decoder says why, when there is no such value. Throws the type's
-   /// own RangeException for a value that is one but out of bounds.
-   bool ( *decode )( Wire::Decoder &, void * );
+   bool isTrivial; // copied byte by byte, nothing to destroy
+   void ( *constructThunk )( void *, const ValueOps & );
+   void ( *copyThunk )( void *, const void *, const ValueOps & );
+   void ( *destroyThunk )( void *, const ValueOps & );
+   bool ( *equalThunk )( const void *, const void *, const ValueOps & );
+   bool ( *lessThunk )( const void *, const void *, const ValueOps & ); // null when unordered
+   uint32_t ( *hashThunk )( const void *, const ValueOps & );           // null when not hashed
+   void ( *appendThunk )( const void *, std::string &, const ValueOps & );
+   bool ( *readThunk )( std::string_view, void *, const ValueOps & );
+   /// Null for pointers, which travel as paths.
+   void ( *encodeThunk )( const void *, Wire::Encoder &, const ValueOps & );
+   bool ( *decodeThunk )( Wire::Decoder &, void *, const ValueOps & );
    bool isBare; // its text is its bytes, whatever they are: commas, quotes and all
    /// Bytes of all its values in streams, else Wire::varies or Wire::countsItself.
    uint8_t wireSize;
-   /// Of numbers: their bytes in streams, the first one lowest. Null for all others.
-   uint64_t ( *wireBytes )( const void * );
-   /// Fetches into the cache what else must be read to encode the value; null where that is all
-   /// in it.
-   void ( *prefetch )( const void * );
+   /// Null for all but numbers.
+   uint64_t ( *wireBytesThunk )( const void *, const ValueOps & );
+   /// Null where all that is read to encode the value stands in it.
+   void ( *prefetchThunk )( const void *, const ValueOps & );
+
+   bool isOrdered() const { return lessThunk; }
+   bool isHashed() const { return hashThunk; }
+   bool hasWireForm() const { return encodeThunk; }
+   bool isWireNumber() const { return wireBytesThunk; }
+   bool hasPrefetch() const { return prefetchThunk; }
+
+   /// The type's zero value.
+   void construct( void * at ) const { constructThunk( at, *this ); }
+   /// Copy-constructs.
+   void copy( void * at, const void * from ) const { copyThunk( at, from, *this ); }
+   void destroy( void * at ) const { destroyThunk( at, *this ); }
+   bool equal( const void * a, const void * b ) const { return equalThunk( a, b, *this ); }
+   bool less( const void * a, const void * b ) const { return lessThunk( a, b, *this ); }
+   uint32_t hash( const void * at ) const { return hashThunk( at, *this ); }
+   /// Text form, as in a value's field.
+   void append( const void * at, std::string & out ) const { appendThunk( at, out, *this ); }
+   /// Assigns; false when it is no such text.
+   bool read( std::string_view text, void * at ) const { return readThunk( text, at, *this ); }
+   /// As in streams (framework/Wire.h).
+   void encode( const void * at, Wire::Encoder & out ) const { encodeThunk( at, out, *this ); }
+   /// Assigns; false, and the decoder says why, when there is no such value. Throws the type's
+   /// own RangeException for a value that is one but out of bounds.
+   bool decode( Wire::Decoder & in, void * at ) const { return decodeThunk( in, at, *this ); }
+   /// A number's bytes in streams, the first one lowest.
+   uint64_t wireBytes( const void * at ) const { return wireBytesThunk( at, *this ); }
+   /// Fetches into the cache what else must be read to encode the value.
+   void prefetch( const void * at ) const { prefetchThunk( at, *this ); }
 };
 
 /// One enumerator: name and number.
@@ -117,76 +144,148 @@ struct ParameterRow {
    bool isConst; // pointer: the object may not be changed through it
 };
 
-/// A collection, for code that knows it by its row only. Keys and values by untyped address.
+/// A collection, for code that knows it by its row only. Keys and values by untyped address;
+/// thunks as in ValueOps.
 struct CollectionOps {
-   size_t ( *count )( const void * object );
+   size_t ( *countThunk )( const void *, const CollectionOps & );
+   const PtrInterface * ( *firstThunk )( const void *, const CollectionOps & );
+   const PtrInterface * ( *afterThunk )( const void *, const void *, const CollectionOps & );
+   const PtrInterface * ( *findThunk )( const void *, const void *, const CollectionOps & );
+   /// Null for the `entity` collection alone: the key is the child's name.
+   const void * ( *memberKeyThunk )( const PtrInterface *, const CollectionOps & );
+   /// Null for sets and entities.
+   const void * ( *memberValueThunk )( const PtrInterface *, const CollectionOps & );
+   void ( *isThunk )( void *, const void *, const void * const *, const CollectionOps & );
+   void ( *delThunk )( void *, const void *, const CollectionOps & );
+   void ( *delAllThunk )( void *, const CollectionOps & );
+   void ( *notifyThunk )( void *, const void *, const CollectionOps & );
+   /// Null for collections that have no use for it.
+   void ( *reserveThunk )( void *, size_t, const CollectionOps & ) = nullptr;
+   /// Null for collections that are not keyed by a field of the value.
+   const void * ( *valueKeyThunk )( const void *, const CollectionOps & ) = nullptr;
+
+   bool hasMemberKey() const { return memberKeyThunk; }
+   bool hasMemberValue() const { return memberValueThunk; }
+   bool hasReserve() const { return reserveThunk; }
+   bool hasValueKey() const { return valueKeyThunk; }
+
+   size_t count( const void * object ) const { return countThunk( object, *this ); }
    /// The first member, and the one after `key` in the collection's order; null at the end.
-   const PtrInterface * ( *first )( const void * object );
-   const PtrInterface * ( *after )( const void * object, const void * key );
+   const PtrInterface * first( const void * object ) const { return firstThunk( object, *this ); }
+   const PtrInterface * after( const void * object, const void * key ) const {
+      return afterThunk( object, key, *this );
+   }
    /// The member under `key`, or null.
-   const PtrInterface * ( *find )( const void * object, const void * key );
-   /// Key and value of a member of this collection; memberValue is null for sets and entities.
-   /// memberKey is null for the `entity` collection alone: the key is the child's name.
-   const void * ( *memberKey )( const PtrInterface * member );
-   const void * ( *memberValue )( const PtrInterface * member );
+   const PtrInterface * find( const void * object, const void * key ) const {
+      return findThunk( object, key, *this );
+   }
+   /// Key and value of a member of this collection.
+   const void * memberKey( const PtrInterface * member ) const {
+      return memberKeyThunk( member, *this );
+   }
+   const void * memberValue( const PtrInterface * member ) const {
+      return memberValueThunk( member, *this );
+   }
    /// The typed mutators. `arguments`: for values the value; for keyed fields, null (the value is
    /// the key argument); for owning collections an array of addresses of the further constructor
    /// arguments; for references null (the key argument is a Ptr to the member).
-   void ( *is )( void * object, const void * keyOrMember, const void * const * arguments );
-   void ( *del )( void * object, const void * key );
-   void ( *delAll )( void * object );
-   void ( *notify )( void * object, const void * key );
-   /// Makes room for members to come, where the collection is empty; null for collections that
-   /// have no use for it.
-   void ( *reserve )( void * object, size_t members ) = nullptr;
-   /// The key within a value; null for collections that are not keyed by a field of the value.
-   const void * ( *valueKey )( const void * value ) = nullptr;
+   void is( void * object, const void * keyOrMember, const void * const * arguments ) const {
+      isThunk( object, keyOrMember, arguments, *this );
+   }
+   void del( void * object, const void * key ) const { delThunk( object, key, *this ); }
+   void delAll( void * object ) const { delAllThunk( object, *this ); }
+   void notify( void * object, const void * key ) const { notifyThunk( object, key, *this ); }
+   /// Makes room for members to come, where the collection is empty.
+   void reserve( void * object, size_t members ) const { reserveThunk( object, members, *this ); }
+   /// The key within a value.
+   const void * valueKey( const void * value ) const { return valueKeyThunk( value, *this ); }
 };
 
-/// A set inside a value, for code that knows it by its row only. Keys by untyped address.
+/// A set inside a value, for code that knows it by its row only. Keys by untyped address; thunks
+/// as in ValueOps.
 struct ValueSetOps {
-   size_t ( *count )( const void * object );
-   bool ( *has )( const void * object, const void * key );
+   size_t ( *countThunk )( const void *, const ValueSetOps & );
+   bool ( *hasThunk )( const void *, const void *, const ValueSetOps & );
+   const void * ( *firstThunk )( const void *, const ValueSetOps & );
+   const void * ( *afterThunk )( const void *, const void *, const ValueSetOps & );
+   void ( *addThunk )( void *, const void *, const ValueSetOps & );
+   void ( *removeThunk )( void *, const void *, const ValueSetOps & );
+   void ( *removeAllThunk )( void *, const ValueSetOps & );
+
+   size_t count( const void * object ) const { return countThunk( object, *this ); }
+   bool has( const void * object, const void * key ) const {
+      return hasThunk( object, key, *this );
+   }
    /// The least key, and the one after `key`, be that one present or not; null at the end.
-   const void * ( *first )( const void * object );
-   const void * ( *after )( const void * object, const void * key );
-   void ( *add )( void * object, const void * key );
-   void ( *remove )( void * object, const void * key );
-   void ( *removeAll )( void * object );
+   const void * first( const void * object ) const { return firstThunk( object, *this ); }
+   const void * after( const void * object, const void * key ) const {
+      return afterThunk( object, key, *this );
+   }
+   void add( void * object, const void * key ) const { addThunk( object, key, *this ); }
+   void remove( void * object, const void * key ) const { removeThunk( object, key, *this ); }
+   void removeAll( void * object ) const { removeAllThunk( object, *this ); }
 };
 
-/// The steps of a counter, each null where the type has none. They construct the new value.
+/// The steps of a counter, each null where the type has none. Thunks as in ValueOps.
 struct CounterOps {
-   void ( *increment )( void * object, const void * by, void * result );
-   void ( *decrement )( void * object, const void * by, void * result );
+   void ( *incrementThunk )( void *, const void *, void *, const CounterOps & );
+   void ( *decrementThunk )( void *, const void *, void *, const CounterOps & );
+   void ( *reachThunk )( void *, const void *, const CounterOps & );
+
+   bool hasIncrement() const { return incrementThunk; }
+   bool hasDecrement() const { return decrementThunk; }
+   /// By one when `by` is null. Assigns the new value to `result`.
+   void increment( void * object, const void * by, void * result ) const {
+      incrementThunk( object, by, result, *this );
+   }
+   void decrement( void * object, const void * by, void * result ) const {
+      decrementThunk( object, by, result, *this );
+   }
    /// Brings it to the value at `value`, by whichever operations the type has.
-   void ( *reach )( void * object, const void * value );
+   void reach( void * object, const void * value ) const { reachThunk( object, value, *this ); }
 };
 
-/// One attribute of a type.
+/// One attribute of a type. Thunks as in ValueOps, each null where the attribute has no such thing.
 struct AttributeRow {
    const char * name;
    uint16_t id;
    AttributeKind kind;
    uint16_t flags;
+   /// Of a type that was declared at run time: where the attribute stands in its object, in bytes.
+   uint16_t place;
    const TypeDescriptor * type;    // of the value, the collection's member or value, the result
    const TypeDescriptor * keyType; // collections
    const ValueOps * stored;        // of what stands at address(): value, set or pointer
-   const void * ( *address )( const void * object );     // of the stored value; null: none
-   void ( *read )( const void * object, void * result ); // constructs the computed value in it
-   void ( *write )( void * object, const void * value ); // the typed mutator
-   const CollectionOps * collection;                     // of an entity or counted object
-   const ValueSetOps * valueSet;                         // of a value
+   const void * ( *addressThunk )( const void *, const AttributeRow & );
+   void ( *readThunk )( const void *, void *, const AttributeRow & );
+   void ( *writeThunk )( void *, const void *, const AttributeRow & );
+   const CollectionOps * collection; // of an entity or counted object
+   const ValueSetOps * valueSet;     // of a value
    const CounterOps * counter;
-   void ( *call )( void * object, const GenericValue * arguments, GenericValue * result );
+   void ( *callThunk )( void *, const GenericValue *, GenericValue *, const AttributeRow & );
    std::span< const ParameterRow > parameters; // of a callable
+   const DynamicPart * part;                   // of a type that was declared at run time
 
    bool has( AttributeFlag flag ) const { return flags & flag; }
+   bool isStored() const { return addressThunk; }
+   bool isComputed() const { return readThunk; }
+   bool isWritable() const { return writeThunk; }
+   bool isCallable() const { return callThunk; }
+
+   /// Of the stored value.
+   const void * address( const void * object ) const { return addressThunk( object, *this ); }
+   /// Constructs the computed value in `result`.
+   void read( const void * object, void * result ) const { readThunk( object, result, *this ); }
+   /// The typed mutator.
+   void write( void * object, const void * value ) const { writeThunk( object, value, *this ); }
+   void call( void * object, const GenericValue * arguments, GenericValue * result ) const {
+      callThunk( object, arguments, result, *this );
+   }
    /// Whether the object stores a value that can be changed.
-   bool isMutable() const { return address && ( write || counter ); }
+   bool isMutable() const { return isStored() && ( isWritable() || counter ); }
    /// Brings what isMutable() to a value, through the typed mutators.
    void bring( void * object, const void * value ) const {
-      write ? write( object, value ) : counter->reach( object, value );
+      isWritable() ? write( object, value ) : counter->reach( object, value );
    }
 };
 
@@ -244,14 +343,14 @@ struct TypeDescriptor {
    std::span< const AttributeRow > attributes; // own ones, in declaration order
    std::span< const EnumeratorRow > enumerators;
    std::span< const ParameterRow > constructorParameters;
-   /// Makes an object through the type's factory; one address per constructor parameter.
-   Ptr< PtrInterface > ( *create )( const void * const * arguments );
+   /// Null for types that are not made. Thunks as in ValueOps.
+   Ptr< PtrInterface > ( *createThunk )( const void * const *, const TypeDescriptor & );
    /// Makes a notifiee that forwards every change of `object` to `sink` until destroyed. The
    /// sink must outlive it. Null in a derived type that adds no attributes: its base has one.
    Ptr< PtrInterface > ( *relay )( const PtrInterface & object, AttributeSink & sink );
    AllocTrackTypeInfo * allocations;
-   /// Makes a value in `at` from the addresses of its constructor's arguments. Null for others.
-   void ( *assemble )( void * at, const void * const * arguments ) = nullptr;
+   /// Null for all but values.
+   void ( *assembleThunk )( void *, const void * const *, const TypeDescriptor & ) = nullptr;
    /// Its companion, which serves requests by attribute number; null for builtins and values
    /// written by hand, which have no attributes.
    const GenericIf * genericIf = nullptr;
@@ -261,10 +360,23 @@ struct TypeDescriptor {
                                        NboAttrLog::Plan & plan, uint32_t flags ) = nullptr;
    /// Null where one of its plain attributes is a pointer, and in a derived type.
    const StateOps * state = nullptr;
+   /// What a declaration says beyond the rows: comments, defaults, bounds. Texts, each closed by a
+   /// zero byte, the last one empty; framework/Declaration.h reads them. Null: nothing.
+   const char * notes = nullptr;
 
    mutable const TypeDescriptor * next = nullptr; // registry's
    mutable uint32_t nameHash = 0;                 // registry's
 
+   bool isMade() const { return createThunk; }
+   bool isAssembled() const { return assembleThunk; }
+   /// Makes an object through the type's factory; one address per constructor parameter.
+   Ptr< PtrInterface > create( const void * const * arguments ) const {
+      return createThunk( arguments, *this );
+   }
+   /// Makes a value in `at` from the addresses of its constructor's arguments.
+   void assemble( void * at, const void * const * arguments ) const {
+      assembleThunk( at, arguments, *this );
+   }
    /// The row of an attribute by name or number, here or in a base; null when there is none. The
    /// framework attributes of entities are rows of the base Zek::Entity.
    IPSTATE_EXPORT const AttributeRow * attribute( std::string_view name ) const;

@@ -206,39 +206,45 @@ struct Fields {
 template< class T >
 struct ValueThunks {
    static const T & at( const void * p ) { return *static_cast< const T * >( p ); }
-   static void construct( void * p ) { new( p ) T(); }
-   static void copy( void * p, const void * from ) { new( p ) T( at( from ) ); }
-   static void destroy( void * p ) { static_cast< T * >( p )->~T(); }
-   static bool equal( const void * a, const void * b ) { return at( a ) == at( b ); }
-   static bool less( const void * a, const void * b ) {
+   static void construct( void * p, const ValueOps & ) { new( p ) T(); }
+   static void copy( void * p, const void * from, const ValueOps & ) { new( p ) T( at( from ) ); }
+   static void destroy( void * p, const ValueOps & ) { static_cast< T * >( p )->~T(); }
+   static bool equal( const void * a, const void * b, const ValueOps & ) {
+      return at( a ) == at( b );
+   }
+   static bool less( const void * a, const void * b, const ValueOps & ) {
       if constexpr( Ordered< T > ) {
          return at( a ) < at( b );
       } else {
          return false;
       }
    }
-   static uint32_t hash( const void * p ) {
+   static uint32_t hash( const void * p, const ValueOps & ) {
       if constexpr( Hashed< T > ) {
          return hashField( at( p ) );
       } else {
          return 0;
       }
    }
-   static void append( const void * p, std::string & out ) { appendField( at( p ), out ); }
-   static bool read( std::string_view text, void * p ) {
+   static void append( const void * p, std::string & out, const ValueOps & ) {
+      appendField( at( p ), out );
+   }
+   static bool read( std::string_view text, void * p, const ValueOps & ) {
       return readField( text, *static_cast< T * >( p ) );
    }
-   static void encode( const void * p, Wire::Encoder & out ) { encodeField( at( p ), out ); }
-   static bool decode( Wire::Decoder & in, void * p ) {
+   static void encode( const void * p, Wire::Encoder & out, const ValueOps & ) {
+      encodeField( at( p ), out );
+   }
+   static bool decode( Wire::Decoder & in, void * p, const ValueOps & ) {
       return decodeField( in, *static_cast< T * >( p ) );
    }
-   static uint64_t wireBytes( const void * p ) {
+   static uint64_t wireBytes( const void * p, const ValueOps & ) {
       if constexpr( WireNumber< T > ) {
          return Wire::byteSwapped( wireNumber( at( p ) ) );
       }
       return 0;
    }
-   static void prefetch( const void * p ) {
+   static void prefetch( const void * p, const ValueOps & ) {
       if constexpr( Prefetched< T > ) at( p ).prefetch();
    }
 };

@@ -57,6 +57,12 @@ AttrLogPieces attrLog( const Type & type ); // EmitAttrLog.cpp
 bool isStreamed( const Type & type );
 /// The class that forwards a type's changes by number.
 std::string relayClass( const Type & type );
+/// What a type's declaration says beyond its rows, as one constant; see framework/Declaration.h.
+struct NotesPieces {
+   std::string table; // before the descriptor
+   std::string entry; // in it
+};
+NotesPieces notes( const Type & type ); // EmitNotes.cpp
 /// Whether an operation leaves its object unchanged.
 bool isConstOperation( const Member & m );
 

@@ -897,6 +897,9 @@ $relayLines$
          ? "void\n" + type.name + "::zekDoZombieReactors( bool zombie ) {\n" + zombie + "}\n\n"
          : "";
    h["companion"] = companion( type, type.name + "::zekTypeDescriptor_" );
+   const NotesPieces said = notes( type );
+   h["notesTable"] = said.table;
+   h["notes"] = said.entry;
    h["fieldsBlock"] = fields.empty() ? "" : "\n" + fields;
 
    out.declaration = fill( R"($doc$
@@ -965,6 +968,7 @@ $attrLogDefinition$
 $companion$
 $parameterTable$
 $rowsDefinition$
+$notesTable$
 constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .fullName = "$full$",
    .kind = Zek::TypeKind::$kind$,
@@ -977,11 +981,12 @@ constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .attributes = $attributes$,
    .enumerators = {},
    .constructorParameters = $constructorParameters$,
-   .create = &Zek::Rows::createBy< &$factory$ >,
+   .createThunk = &Zek::Rows::createBy< &$factory$ >,
    .relay = $relayThunk$,
    .allocations = &allocTrackTypeInfo_,
    .genericIf = &$id$_GenericIf,
 $attrLogThunk$
+$notes$
 };
 )",
                           h );

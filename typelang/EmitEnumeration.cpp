@@ -51,6 +51,9 @@ describe( const Type & type, Emission & out ) {
                 { "rows", rows },
                 { "enumerators", rows.empty() ? "{}" : id + "_enumerators" },
                 { "genericIf", "" } };
+   const NotesPieces said = notes( type );
+   holes["notes"] = said.entry;
+   out.globalDefinition += said.table;
    if( type.kind == TypeKind::enumeration ) {
       holes["genericIf"] = "   .genericIf = &" + id + "_GenericIf,\n";
       out.globalDefinition += companion( type, "Zek::TypeOf< " + name + " >::descriptor" );
@@ -76,10 +79,11 @@ $rows$
    .attributes = {},
    .enumerators = $enumerators$,
    .constructorParameters = {},
-   .create = nullptr,
+   .createThunk = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
 $genericIf$
+$notes$
 };
 )",
             holes );

@@ -268,6 +268,9 @@ IPSTATE_EXPORT void sequenceToValue( Zek::String::IteratorConst begin,
    }
    h["rows"] = rows;
    h["tables"] = tables;
+   const NotesPieces said = notes( type );
+   h["notesTable"] = said.table;
+   h["notes"] = said.entry;
    h["companion"] = companion( type, type.name + "::zekTypeDescriptor_" );
    out.definition = fill( R"($constructFromText$
 
@@ -320,6 +323,7 @@ constinit const Zek::AttributeRow $Self$::zekAttributes_[] = {
 $rows$
 };
 
+$notesTable$
 constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .fullName = "$full$",
    .kind = Zek::TypeKind::value,
@@ -332,11 +336,12 @@ constinit const Zek::TypeDescriptor $Self$::zekTypeDescriptor_ = {
    .attributes = zekAttributes_,
    .enumerators = {},
    .constructorParameters = $parameters$,
-   .create = nullptr,
+   .createThunk = nullptr,
    .relay = nullptr,
    .allocations = nullptr,
-   .assemble = &Zek::Rows::assembleBy< $made$ >,
+   .assembleThunk = &Zek::Rows::assembleBy< $made$ >,
    .genericIf = &$id$_GenericIf,
+$notes$
 };
 )",
                           h );

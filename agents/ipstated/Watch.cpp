@@ -19,7 +19,7 @@ owns( const Zek::AttributeRow & row ) {
 
 bool
 isStored( const Zek::AttributeRow & row ) {
-   return row.kind == Zek::AttributeKind::plain && row.address && row.stored;
+   return row.kind == Zek::AttributeKind::plain && row.isStored() && row.stored;
 }
 
 } // namespace

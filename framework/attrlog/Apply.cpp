@@ -270,7 +270,7 @@ bool
 In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
    Scratch scratch;
    const void * value;
-   if( row.stored->decode ) {
+   if( row.stored->hasWireForm() ) {
       void * made = scratch.make( *row.stored );
       bool read = false;
       if( !guarded( [&] { read = row.stored->decode( body, made ); } ) || !read ) {
@@ -328,7 +328,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
          if( *bytes ) items.push_back( item );
          continue;
       }
-      if( row->stored->decode ) {
+      if( row->stored->hasWireForm() ) {
          void * value = scratch.make( *row->stored );
          bool read = false;
          bool accepted = guarded( [&] { read = row->stored->decode( in, value ); } );

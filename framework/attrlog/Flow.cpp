@@ -42,16 +42,16 @@ Plan::signature( const AttributeRow & row ) {
 uint8_t
 Plan::sizeInState( const AttributeRow & row ) {
    if( row.collection ) return 1;
-   return row.stored->encode ? row.stored->wireSize : Wire::varies;
+   return row.stored->hasWireForm() ? row.stored->wireSize : Wire::varies;
 }
 
 bool
 Plan::covers( const TypeDescriptor & type ) {
-   if( !type.isEntity() || !type.create ) return false;
+   if( !type.isEntity() || !type.isMade() ) return false;
    auto arguments = type.constructorParameters;
    for( size_t i = 1; i < arguments.size(); ++i ) {
       const AttributeRow * row = type.attribute( arguments[i].name );
-      if( !row || !row->address ) return false;
+      if( !row || !row->isStored() ) return false;
    }
    return true;
 }
@@ -67,7 +67,7 @@ Plan::Plan( const TypeDescriptor & described ) : type( described ) {
             children_ = &row;
          } else {
             ( row.collection ? collections : plain ).push_back( &row );
-            if( !row.collection && !row.stored->encode ) references.push_back( &row );
+            if( !row.collection && !row.stored->hasWireForm() ) references.push_back( &row );
          }
       }
    }

@@ -313,7 +313,7 @@ In::typeDeclared( Wire::Decoder & body ) {
    wire.agreed.erase( std::unique( wire.agreed.begin(), wire.agreed.end() ), wire.agreed.end() );
    for( uint16_t id : wire.agreed ) {
       const AttributeRow & row = *adapter_.plan( *wire.type ).row( id );
-      if( row.collection || !row.stored->decode ) continue;
+      if( row.collection || !row.stored->hasWireForm() ) continue;
       if( wire.values.empty() ) wire.firstValue = id;
       wire.values.resize( id - wire.firstValue + 1u );
       wire.values.back() = &row;

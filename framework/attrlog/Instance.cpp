@@ -17,7 +17,7 @@ In::readArguments( const Plan & plan, Wire::Decoder & body, Scratch & scratch,
                    std::vector< const void * > & arguments ) {
    bool present = true;
    for( const AttributeRow * row : plan.parameters ) {
-      if( row->stored->decode ) {
+      if( row->stored->hasWireForm() ) {
          void * value = scratch.make( *row->stored );
          if( !row->stored->decode( body, value ) ) return false;
          arguments.push_back( value );
@@ -39,11 +39,12 @@ In::isSame( const Entity & entity, const Plan & plan,
    for( size_t i = 0; i < plan.parameters.size(); ++i ) {
       const AttributeRow & row = *plan.parameters[i];
       // One with a mutator may have changed since: it is no part of what the instance is.
-      if( row.write ) continue;
+      if( row.isWritable() ) continue;
       const void * stored = row.address( &entity );
       if( row.stored->equal( stored, arguments[i + 1] ) ) continue;
       // What has left its tree was read as null.
-      if( row.stored->decode || static_cast< const Entity::Ptr * >( arguments[i + 1] )->ptr() ||
+      if( row.stored->hasWireForm() ||
+          static_cast< const Entity::Ptr * >( arguments[i + 1] )->ptr() ||
           !isOutside( row, entity ) ) {
          return false;
       }
@@ -60,7 +61,7 @@ In::isAnswered( const Entity * member, const Plan & plan,
    return child && child->is( Sa::toOwner ) && child->announced_ &&
           std::ranges::any_of( plan.parameters,
                                [&]( const AttributeRow * row ) {
-                                  return !row->stored->decode && isOutside( *row, *member );
+                                  return !row->stored->hasWireForm() && isOutside( *row, *member );
                                } ) &&
           isSame( *member, plan, arguments );
 }

@@ -214,7 +214,7 @@ void
 Out::encodeArguments( Wire::Encoder & out, const Entity & entity, const Plan & plan ) {
    for( const AttributeRow * row : plan.parameters ) {
       const void * value = row->address( &entity );
-      if( row->stored->encode ) {
+      if( row->stored->hasWireForm() ) {
          row->stored->encode( value, out );
       } else {
          encodeReference( out, *static_cast< PtrInterface * const * >( value ) );

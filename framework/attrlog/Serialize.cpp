@@ -32,9 +32,9 @@ Sa::serializeAttribute( const AttributeRow & row ) {
    Out & out = adapter_.out_;
    const uint16_t attrId = row.id;
    const void * value = row.address( entity_ );
-   if( row.stored->wireBytes ) {
+   if( row.stored->isWireNumber() ) {
       out.writeNumber( *head_, attrId, row.stored->wireBytes( value ), row.stored->wireSize );
-   } else if( row.stored->encode ) {
+   } else if( row.stored->hasWireForm() ) {
       Wire::Encoder body = out.begin( *flow_, attrId, Kind::value );
       row.stored->encode( value, body );
       out.end();
@@ -55,12 +55,12 @@ NboAttrLog::FlowHead::writeAtOnce( const Notifier & notifier, const AttributeRow
    Out & out = *open;
    auto & entity = static_cast< const Entity & >( notifier );
    if( !entity.zekIsLogged() || out.adapter_.in_.handling_ || out.barrier_ || !row.isMutable() ||
-       !row.stored->encode || !out.hasSufficientBuffer() ) {
+       !row.stored->hasWireForm() || !out.hasSufficientBuffer() ) {
       return false;
    }
    attrId = row.id;
    const void * value = row.address( &entity );
-   if( row.stored->wireBytes ) [[likely]] {
+   if( row.stored->isWireNumber() ) [[likely]] {
       out.writeNumber( *this, row.id, row.stored->wireBytes( value ), row.stored->wireSize );
    } else {
       Wire::Encoder body = out.begin( *this, row.id, Kind::value );
@@ -75,7 +75,7 @@ Sa::encodeInState( const AttributeRow & row, Wire::Encoder & body ) {
    const void * value = row.address( entity_ );
    std::optional< Wire::Counted > counted;
    if( Plan::sizeInState( row ) == Wire::varies ) counted.emplace( body );
-   if( row.stored->encode ) {
+   if( row.stored->hasWireForm() ) {
       row.stored->encode( value, body );
    } else {
       adapter_.out_.encodeReference( body, *static_cast< PtrInterface * const * >( value ) );
@@ -141,8 +141,9 @@ Sa::sendMember( const AttributeRow & row, const void * key, bool removal ) {
    row.keyType->values->encode( key, body );
    if( row.has( refersToMembers ) ) {
       out.encodeReference( body, member );
-   } else if( const void * value =
-                 row.collection->memberValue ? row.collection->memberValue( member ) : nullptr ) {
+   } else if( const void * value = row.collection->hasMemberValue()
+                                      ? row.collection->memberValue( member )
+                                      : nullptr ) {
       row.type->values->encode( value, body );
    }
    out.end();
@@ -167,7 +168,7 @@ Sa::zekInstantiateSerialize( Kind kind ) {
    const AttributeRow & row = *parent.fwkType()->attribute( entity_->parentAttrId() );
    out.number( makeFlow() );
    for( const AttributeRow * parameter : plan_.parameters ) {
-      if( parameter->stored->encode ) continue;
+      if( parameter->stored->hasWireForm() ) continue;
       out.prepareReference(
          *static_cast< PtrInterface * const * >( parameter->address( entity_ ) ) );
    }
@@ -185,7 +186,7 @@ Sa::doSerializeOrphan( uint32_t exportId ) {
    Out & out = adapter_.out_;
    out.number( makeFlow() );
    for( const AttributeRow * parameter : plan_.parameters ) {
-      if( parameter->stored->encode ) continue;
+      if( parameter->stored->hasWireForm() ) continue;
       out.prepareReference(
          *static_cast< PtrInterface * const * >( parameter->address( entity_ ) ) );
    }
@@ -209,7 +210,7 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
       // Of a type that cannot be streamed: the instance alone.
       NboAttrLog::Plan & plan = adapter_.plan( *member.fwkType() );
       for( const AttributeRow * p : plan.parameters ) {
-         if( p->stored->encode ) continue;
+         if( p->stored->hasWireForm() ) continue;
          out.prepareReference( *static_cast< PtrInterface * const * >( p->address( &member ) ) );
       }
       out.declare( plan );
@@ -271,8 +272,9 @@ Sa::serializeCollection( uint16_t attrId ) {
             // Both first: writing the member may announce others, but changes no collection.
             c->resync->bookmark = AnyKey( *row.keyType->values, key );
             const PtrInterface * following = ops.after( entity_, key );
-            if( following && row.keyType->values->prefetch ) {
-               withMemberKey( row, following, row.keyType->values->prefetch );
+            if( following && row.keyType->values->hasPrefetch() ) {
+               withMemberKey( row, following,
+                              [&]( const void * next ) { row.keyType->values->prefetch( next ); } );
             }
             // Changed behind the mark, and now part of the whole.
             auto at = c->keys.find( key );

@@ -17,7 +17,7 @@ In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
    if( row.collection->count( sa.entity_ ) == 0 && !sa.is( Sa::fromPeer ) ) {
       // Nothing can be left over. They come in the order of the table, which would be one long run
       // in a table that grows.
-      if( row.collection->reserve && members <= quota.reserved - reserved_ ) {
+      if( row.collection->hasReserve() && members <= quota.reserved - reserved_ ) {
          row.collection->reserve( sa.entity_, members );
          // Their flows follow. Less than twice as many come without being asked.
          const size_t flows = flows_.size() + members;

@@ -34,7 +34,7 @@ IPSTATE_EXPORT GenericValue read( GenericTarget object, const AttributeRow & row
 /// The value that a member of a collection holds beside its key, or null.
 inline const void *
 valueOf( const AttributeRow & row, const PtrInterface & member ) {
-   return row.collection->memberValue ? row.collection->memberValue( &member ) : nullptr;
+   return row.collection->hasMemberValue() ? row.collection->memberValue( &member ) : nullptr;
 }
 
 /// Calls `visit( member, key )` with each member of the collection, in its order.

@@ -14,7 +14,7 @@ hasFields( const TypeDescriptor & type ) {
 
 bool
 isField( const AttributeRow & row ) {
-   return row.address &&
+   return row.isStored() &&
           ( row.kind == AttributeKind::constructorParameter || row.kind == AttributeKind::plain ||
             row.kind == AttributeKind::pointer || row.kind == AttributeKind::collection );
 }

@@ -69,7 +69,7 @@ defaultText( const AttributeRow & row, const void * object ) {
    }
    if( row.collection ) {
       if( row.collection->count( object ) != 0 ) text = members( row, object );
-   } else if( row.address || row.read ) {
+   } else if( row.isStored() || row.isComputed() ) {
       const AnyValue value( row, object );
       text = value.text();
       if( row.type->isCounted() && text != "null" ) text = row.type->fullName;
@@ -106,8 +106,8 @@ thrown( Action action ) {
 std::vector< std::string >
 refusals( const AttributeRow & row, void * object ) {
    std::vector< std::string > texts;
-   if( row.write && row.stored->size <= sizeof( uint64_t ) && row.type->kind == TypeKind::scalar &&
-       row.type != &Zek::TypeOf< bool >::descriptor ) {
+   if( row.isWritable() && row.stored->size <= sizeof( uint64_t ) &&
+       row.type->kind == TypeKind::scalar && row.type != &Zek::TypeOf< bool >::descriptor ) {
       AnyValue greatest( *row.stored );
       std::memset( greatest.at(), 0xff, row.stored->size );
       texts.push_back( thrown( [&] { row.write( object, greatest.at() ); } ) );
@@ -179,7 +179,7 @@ appendType( const TypeDescriptor & type, const std::string & callbacks, std::ost
    if( type.isCounted() ) {
       out << parametersText( type.constructorParameters )
           << ( type.base ? std::string( " : " ) + type.base->fullName : "" )
-          << ( type.create ? "" : ", not made" ) << ( type.isNamed ? ", named" : "" )
+          << ( type.isMade() ? "" : ", not made" ) << ( type.isNamed ? ", named" : "" )
           << ( type.hasNotifier ? ", told" : "" ) << ( type.hasAttrLog ? ", logged" : "" );
    }
    out << '\n';
@@ -206,7 +206,7 @@ appendType( const TypeDescriptor & type, const std::string & callbacks, std::ost
       if( type.kind == TypeKind::value )
          out << " and " << withoutAddresses( specimen( type, 1 ).text() );
       out << '\n';
-   } else if( type.create && type.kind != TypeKind::stateMachine ) {
+   } else if( type.isMade() && type.kind != TypeKind::stateMachine ) {
       made_ = made( type );
       if( !made_ ) made_ = made( type, 1 );
       first = made_.ptr();

@@ -72,7 +72,7 @@ class AnyValue {
    AnyValue( const Zek::AttributeRow & row, const void * object )
       : ops_( *row.stored ),
         memory_( new std::byte[ops_.size] ) {
-      if( row.address ) {
+      if( row.isStored() ) {
          ops_.copy( at(), row.address( object ) );
       } else {
          row.read( object, at() );
@@ -125,7 +125,7 @@ fillSpecimen( const Zek::TypeDescriptor & type, void * value, unsigned n ) {
    }
    if( type.kind == Zek::TypeKind::value ) {
       for( const Zek::AttributeRow & row : type.attributes ) {
-         if( !row.address || row.has( Zek::isSet ) ) continue;
+         if( !row.isStored() || row.has( Zek::isSet ) ) continue;
          fillSpecimen( *row.type, const_cast< void * >( row.address( value ) ), n );
       }
       return;
@@ -168,7 +168,7 @@ members( const Zek::AttributeRow & row, const void * object ) {
         member = ops.after( object, ops.memberKey( member ) ) ) {
       if( !out.empty() ) out += ", ";
       row.keyType->values->append( ops.memberKey( member ), out );
-      if( !ops.memberValue ) continue;
+      if( !ops.hasMemberValue() ) continue;
       out += ": ";
       row.type->values->append( ops.memberValue( member ), out );
    }
@@ -225,7 +225,7 @@ class Story : public Zek::AttributeSink {
       auto member = row.collection->find( record_, key );
       if( !member ) {
          text_ += " gone";
-      } else if( row.collection->memberValue && row.collection->memberValue( member ) ) {
+      } else if( row.collection->hasMemberValue() && row.collection->memberValue( member ) ) {
          text_ += ' ';
          row.type->values->append( row.collection->memberValue( member ), text_ );
       }

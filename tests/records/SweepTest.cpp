@@ -84,7 +84,7 @@ class EveryValue : public EveryType {
    /// Neither sets nor objects: only such values read back.
    bool hasPlainFieldsOnly() const {
       return std::none_of( type().attributes.begin(), type().attributes.end(), []( auto & row ) {
-         return row.has( Zek::isSet ) || ( row.address && row.type->isCounted() );
+         return row.has( Zek::isSet ) || ( row.isStored() && row.type->isCounted() );
       } );
    }
 };
@@ -127,7 +127,7 @@ EveryRecord::sweepPlain( Subject & subject, const AttributeRow & row ) {
    EXPECT_EQ( subject.op( GenericOperation::read, row ), now );
    for( bool up : { true, false } ) {
       const auto step = up ? GenericOperation::increment : GenericOperation::decrement;
-      if( !row.counter || !( up ? row.counter->increment : row.counter->decrement ) ) {
+      if( !row.counter || !( up ? row.counter->hasIncrement() : row.counter->hasDecrement() ) ) {
          EXPECT_TRUE( subject.refuses( step, row ) );
          continue;
       }
@@ -135,7 +135,7 @@ EveryRecord::sweepPlain( Subject & subject, const AttributeRow & row ) {
       EXPECT_EQ( subject.announced(), once( std::to_string( row.id ) ) );
       EXPECT_EQ( subject.op( GenericOperation::read, row ), stepped );
    }
-   if( !row.write ) {
+   if( !row.isWritable() ) {
       EXPECT_TRUE( row.has( Zek::isCounter ) );
       EXPECT_TRUE( subject.refuses( GenericOperation::write, row, { then } ) );
       return;
@@ -233,7 +233,7 @@ EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
    EXPECT_EQ( subject.op( GenericOperation::has, row, one.keyed( row ) ), GenericValue( true ) );
    const Zek::PtrInterface * member = ops.find( subject.at(), one.key.at() );
    ASSERT_NE( member, nullptr );
-   if( ops.memberKey ) {
+   if( ops.hasMemberKey() ) {
       EXPECT_TRUE( AnyValue( *row.keyType->values, ops.memberKey( member ) ) == one.key );
       // In order and complete; from a key that is no longer there as well.
       Lines order;
@@ -278,7 +278,7 @@ EveryRecord::sweepCollection( Subject & subject, const AttributeRow & row ) {
          EXPECT_THROW( changed.putInto( row, subject ), Zek::NameInUseException );
       }
       EXPECT_EQ( ops.find( subject.at(), one.key.at() ), member );
-   } else if( ops.memberValue && !row.has( Zek::keyIsField ) ) {
+   } else if( ops.hasMemberValue() && !row.has( Zek::keyIsField ) ) {
       changed.putInto( row, subject );
       EXPECT_EQ( subject.announced(), once( line( one ) ) ) << "another value";
       member = ops.find( subject.at(), one.key.at() );
@@ -340,11 +340,12 @@ TEST_P( EveryType, LetsWriteOnlyWhatHasAMutator ) {
       const bool mayBeWritten =
          row.kind == AttributeKind::plain || row.kind == AttributeKind::pointer;
       if( !mayBeWritten ) {
-         EXPECT_EQ( row.write, nullptr );
+         EXPECT_FALSE( row.isWritable() );
       }
       EXPECT_EQ( row.collection != nullptr,
                  row.kind == AttributeKind::collection && type().isCounted() );
-      EXPECT_EQ( row.address || row.read, row.kind != AttributeKind::callable && !row.collection );
+      EXPECT_EQ( row.isStored() || row.isComputed(),
+                 row.kind != AttributeKind::callable && !row.collection );
    }
 }
 
@@ -366,7 +367,7 @@ TEST_P( EveryRecord, AnnouncesEachChangeOnceAndNoOther ) {
                EXPECT_TRUE( subject.refuses( GenericOperation::write, row, { true } ) );
                EXPECT_TRUE( subject.refuses( GenericOperation::count, row ) );
                if( row.kind == AttributeKind::callable ) {
-                  EXPECT_NE( row.call, nullptr );
+                  EXPECT_TRUE( row.isCallable() );
                } else if( !row.has( Zek::abortsOnRead ) ) {
                   EXPECT_EQ( subject.op( GenericOperation::read, row ),
                              generic( *row.type, AnyValue( row, subject.at() ) ) );
@@ -390,7 +391,7 @@ TEST_P( EveryValue, ReadsBackTheTextsOfItsValues ) {
       AnyValue back( *type().values );
       EXPECT_EQ( type().values->read( value.text(), back.at() ), readable ) << value.text();
       EXPECT_EQ( back == value, readable ) << value.text();
-      if( type().values->hash ) {
+      if( type().values->isHashed() ) {
          EXPECT_EQ( type().values->hash( AnyValue( value ).at() ),
                     type().values->hash( value.at() ) );
       }
@@ -403,16 +404,16 @@ TEST_P( EveryValue, DiffersWhenOneFieldDoes ) {
    if( type().fullName == std::string_view( "IpGen::McaddrIteratorConst" ) ) return;
    const AnyValue value = specimen( type(), 1 );
    for( const AttributeRow & row : type().attributes ) {
-      if( !row.address || row.has( Zek::isSet ) ) continue;
+      if( !row.isStored() || row.has( Zek::isSet ) ) continue;
       const AnyValue other( value );
       fillSpecimen( *row.type, const_cast< void * >( row.address( other.at() ) ), 2 );
       EXPECT_FALSE( other == value ) << row.name;
       EXPECT_NE( other.text(), value.text() ) << row.name;
-      if( type().values->hash ) {
+      if( type().values->isHashed() ) {
          EXPECT_NE( type().values->hash( other.at() ), type().values->hash( value.at() ) )
             << row.name;
       }
-      if( type().values->less ) {
+      if( type().values->isOrdered() ) {
          EXPECT_NE( type().values->less( other.at(), value.at() ),
                     type().values->less( value.at(), other.at() ) )
             << row.name;
@@ -423,16 +424,20 @@ TEST_P( EveryValue, DiffersWhenOneFieldDoes ) {
 INSTANTIATE_TEST_SUITE_P( Records, EveryType,
                           testing::ValuesIn( recordsThat( []( auto & ) { return true; } ) ),
                           nameOf );
-INSTANTIATE_TEST_SUITE_P( Records, EveryRecord,
-                          testing::ValuesIn( recordsThat( []( const TypeDescriptor & type ) {
-                             // A machine's inputs are records that stand already.
-                             return type.create && type.kind != TypeKind::stateMachine;
-                          } ) ),
+bool
+isSweptRecord( const TypeDescriptor & type ) {
+   // A machine's inputs are records that stand already.
+   return type.isMade() && type.kind != TypeKind::stateMachine;
+}
+
+bool
+isSweptValue( const TypeDescriptor & type ) {
+   return !type.isCounted();
+}
+
+INSTANTIATE_TEST_SUITE_P( Records, EveryRecord, testing::ValuesIn( recordsThat( &isSweptRecord ) ),
                           nameOf );
-INSTANTIATE_TEST_SUITE_P( Records, EveryValue,
-                          testing::ValuesIn( recordsThat( []( const TypeDescriptor & type ) {
-                             return !type.isCounted();
-                          } ) ),
+INSTANTIATE_TEST_SUITE_P( Records, EveryValue, testing::ValuesIn( recordsThat( &isSweptValue ) ),
                           nameOf );
 
 } // namespace

@@ -223,7 +223,7 @@ valueTypes() {
 bool
 readsBack( const Zek::TypeDescriptor & type ) {
    return std::none_of( type.attributes.begin(), type.attributes.end(), []( auto & row ) {
-      return row.address && ( row.has( Zek::isSet ) || row.type->isCounted() );
+      return row.isStored() && ( row.has( Zek::isSet ) || row.type->isCounted() );
    } );
 }
 
@@ -255,7 +255,7 @@ class Awkward {
    void fill( const Zek::TypeDescriptor & type, void * value ) {
       if( type.kind == Zek::TypeKind::value ) {
          for( const Zek::AttributeRow & row : type.attributes ) {
-            if( row.address ) fill( *row.type, const_cast< void * >( row.address( value ) ) );
+            if( row.isStored() ) fill( *row.type, const_cast< void * >( row.address( value ) ) );
          }
       } else if( type.values->isBare ) {
          ASSERT_TRUE( type.values->read( string(), value ) );

@@ -49,7 +49,7 @@ appendMembers( std::string & out, const AttributeRow & row, const Entity & entit
          row.keyType->values->append( key, out );
          require( ops.find( &entity, key ) == member, "a member is not under its key" );
          if( row.has( refersToMembers ) ) append( out, member );
-         const void * value = ops.memberValue ? ops.memberValue( member ) : nullptr;
+         const void * value = ops.hasMemberValue() ? ops.memberValue( member ) : nullptr;
          if( value ) row.type->values->append( value, out );
          return ops.after( &entity, key );
       } );
@@ -63,14 +63,14 @@ append( std::string & out, const AttributeRow & row, const Entity & entity ) {
    if( row.collection ) {
       appendMembers( out, row, entity );
    } else if( !row.stored ) {
-   } else if( row.address && row.stored->encode ) {
+   } else if( row.isStored() && row.stored->hasWireForm() ) {
       row.stored->append( row.address( &entity ), out );
-   } else if( row.address ) {
+   } else if( row.isStored() ) {
       append( out, *static_cast< PtrInterface * const * >( row.address( &entity ) ) );
-   } else if( row.read ) {
+   } else if( row.isComputed() ) {
       std::unique_ptr< std::byte[] > memory( new std::byte[row.stored->size] );
       row.read( &entity, memory.get() );
-      if( row.stored->encode ) {
+      if( row.stored->hasWireForm() ) {
          row.stored->append( memory.get(), out );
       } else {
          append( out, *reinterpret_cast< PtrInterface * const * >( memory.get() ) );
@@ -214,7 +214,7 @@ class FuzzWorld::Watcher final : public AttributeSink {
       if( !world_.reactions_ || !world_.random_.oneIn( 4 ) ) return;
       --world_.reactions_;
       if( world_.setup_.is( Setup::reacts ) ) {
-         const bool same = world_.random_.oneIn( 2 ) && ( row.write || row.collection );
+         const bool same = world_.random_.oneIn( 2 ) && ( row.isWritable() || row.collection );
          mutate( world_.random_, Entity::Ptr( const_cast< Entity * >( entity_ ) ),
                  same ? &row : nullptr, false );
       }

@@ -68,7 +68,7 @@ randomise( Random & random, const TypeDescriptor & type, void * value ) {
    }
    case TypeKind::value:
       for( const AttributeRow & field : type.attributes ) {
-         if( field.address ) {
+         if( field.isStored() ) {
             randomise( random, field, const_cast< void * >( field.address( value ) ) );
          }
       }

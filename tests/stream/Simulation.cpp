@@ -250,7 +250,7 @@ Reactor::react( const AttributeRow & row ) {
    --world_.reactions_;
    if( writes_ ) {
       auto & entity = static_cast< const Entity & >( *relay_->notifier() );
-      const bool same = world_.random_.oneIn( 2 ) && row.write;
+      const bool same = world_.random_.oneIn( 2 ) && row.isWritable();
       Change made = mutate( world_.random_, Entity::Ptr( const_cast< Entity * >( &entity ) ),
                             same ? &row : nullptr, world_.schedule_.describe );
       world_.reached( same ? Situation::reactionAgainst : Situation::reaction );
@@ -301,7 +301,7 @@ World::noteFull( const Link & link, const Change & change ) {
    if( !flow ) return;
    if( !row.collection ) {
       if( !flow->zekIsDirty( row.id ) ) return;
-      reached( row.stored->encode ? Situation::fullAtValue : Situation::fullAtPointer );
+      reached( row.stored->hasWireForm() ? Situation::fullAtValue : Situation::fullAtPointer );
       return;
    }
    auto * dirty = flow->dirtyCollection( row.id );

@@ -34,7 +34,7 @@ allRootTypes() {
       std::vector< const TypeDescriptor * > found;
       forEachType(
          []( const TypeDescriptor & type, void * context ) {
-            if( type.isEntity() && type.isNamed && type.hasAttrLog && type.create &&
+            if( type.isEntity() && type.isNamed && type.hasAttrLog && type.isMade() &&
                 type.kind == TypeKind::entity && type.constructorParameters.size() == 1 ) {
                static_cast< decltype( found ) * >( context )->push_back( &type );
             }
@@ -137,7 +137,7 @@ bool
 differsInArguments( const PtrInterface * a, const PtrInterface * b ) {
    auto & parameters = shapeOf( *static_cast< const Entity * >( a ) ).plan.parameters;
    return std::any_of( parameters.begin(), parameters.end(), [=]( auto * row ) {
-      return !row->write && !row->stored->equal( row->address( a ), row->address( b ) );
+      return !row->isWritable() && !row->stored->equal( row->address( a ), row->address( b ) );
    } );
 }
 
@@ -206,7 +206,7 @@ mutate( Random & random, const Entity::Ptr & entity, const AttributeRow * wanted
    try {
       if( row.collection ) {
          changeMember( random, change, others );
-      } else if( row.stored->encode ) {
+      } else if( row.stored->hasWireForm() ) {
          AnyKey value = AnyKey::zero( *row.stored );
          randomise( random, row, value.get() );
          if( describe ) row.stored->append( value.get(), change.text );
@@ -289,7 +289,8 @@ pathOf( const PtrInterface * target, const Entity & top ) {
 std::string
 storedText( const AttributeRow & row, const Entity & entity, const Entity & top ) {
    const void * value = row.address( &entity );
-   if( !row.stored->encode ) return pathOf( *static_cast< PtrInterface * const * >( value ), top );
+   if( !row.stored->hasWireForm() )
+      return pathOf( *static_cast< PtrInterface * const * >( value ), top );
    std::string text;
    row.stored->append( value, text );
    return text;
@@ -318,7 +319,7 @@ struct Comparison {
    bool waitsForArgument( const PtrInterface * member ) const {
       auto & entity = *static_cast< const Entity * >( member );
       for( auto * row : shapeOf( entity ).plan.parameters ) {
-         if( !row->stored->encode && waits( *row, entity ) ) return true;
+         if( !row->stored->hasWireForm() && waits( *row, entity ) ) return true;
       }
       return false;
    }
@@ -326,14 +327,14 @@ struct Comparison {
    /// Notes when the values differ as far as anyone can be told.
    void compareStored( const AttributeRow & row, const Entity & source, const Entity & copy,
                        std::string place, bool ofInstance ) {
-      if( row.stored->encode &&
+      if( row.stored->hasWireForm() &&
           row.stored->equal( row.address( &source ), row.address( &copy ) ) ) {
          return;
       }
       std::string expected = storedText( row, source, sourceTop );
       std::string actual = storedText( row, copy, copyTop );
       if( expected == actual ) return;
-      const bool waiting = !row.stored->encode && waits( row, source );
+      const bool waiting = !row.stored->hasWireForm() && waits( row, source );
       if( expected == outside && actual == "null" ) return;
       if( actual == outside && expected == "null" && row.kind != AttributeKind::pointer ) return;
       differs( std::move( place ), std::string( row.name ) + ": " + expected + ", copy " + actual,
@@ -358,7 +359,7 @@ struct Comparison {
          if( pathOf( member, sourceTop ) != pathOf( twin, copyTop ) ) {
             differs( placeOf( source, row, key ), "-> " + pathOf( twin, copyTop ) );
          }
-      } else if( ops.memberValue &&
+      } else if( ops.hasMemberValue() &&
                  !row.type->values->equal( ops.memberValue( member ), ops.memberValue( twin ) ) ) {
          differs( placeOf( source, row, key ), "has another value" );
       }
@@ -396,7 +397,7 @@ struct Comparison {
       const Shape & shape = shapeOf( source );
       for( auto * row : shape.plan.parameters ) {
          // One with a mutator is content.
-         if( !row->write ) {
+         if( !row->isWritable() ) {
             compareStored( *row, source, copy, EntityUriPath( source ).text(), true );
          }
       }

@@ -156,9 +156,9 @@ TEST( Text, OfAnyTypeReadsBack ) {
    size_t types = 0;
    const auto root = dirFactory();
    auto visit = [&]( const TypeDescriptor & type ) {
-      if( type.isCounted() || !type.values || !type.values->read ) return;
+      if( type.isCounted() || !type.values ) return;
       for( const AttributeRow * field : rowsOf( type ) ) {
-         if( field->address && field->type->isCounted() ) return;
+         if( field->isStored() && field->type->isCounted() ) return;
       }
       ++types;
       for( int i = 0; i < 200; ++i ) {

@@ -380,7 +380,7 @@ Mirror::isSame( Device & device, const std::string & key, Zek::Entity & record, 
    }
    const Json & arguments = part( json, "args" );
    for( const Zek::AttributeRow * row : shape.arguments ) {
-      if( row->write ) continue; // content
+      if( row->isWritable() ) continue; // content
       const Json & argument = part( arguments, row->name );
       const Zek::GenericValue now = operate( record, Operation::read, *row );
       if( row->type->isCounted() ) {

@@ -27,7 +27,7 @@ addRows( const Zek::TypeDescriptor & type, Shape & shape ) {
          continue;
       } else if( row.kind == Zek::AttributeKind::collection ) {
          if( row.collection ) shape.collections.push_back( &row );
-      } else if( row.write && row.address && row.stored ) {
+      } else if( row.isWritable() && row.isStored() && row.stored ) {
          shape.plain.push_back( &row );
       }
    }
@@ -66,7 +66,7 @@ shapeOf( const Zek::TypeDescriptor & type ) {
    for( size_t i = 1; i < type.constructorParameters.size(); ++i ) {
       const Zek::AttributeRow * row =
          type.attribute( std::string_view( type.constructorParameters[i].name ) );
-      if( !row || !row->address ) return nullptr;
+      if( !row || !row->isStored() ) return nullptr;
       shape->arguments.push_back( row );
    }
    if( isStreamed( type ) ) addRows( type, *shape );
@@ -135,7 +135,7 @@ template< class Visit >
 void
 forEachField( const Zek::TypeDescriptor & type, Visit visit ) {
    for( const Zek::AttributeRow & row : type.attributes ) {
-      if( row.address && row.stored ) visit( row );
+      if( row.isStored() && row.stored ) visit( row );
    }
 }
 
@@ -318,7 +318,7 @@ fieldsFromJson( const Zek::TypeDescriptor & type, const Json & json ) {
             generic.genericIfAttributeOp( value, Zek::GenericOperation::add, row.id,
                                           { valueFromJson( *row.keyType, key ) } );
          }
-      } else if( row.write ) {
+      } else if( row.isWritable() ) {
          const Json & field = fieldOf( type, json, row.name );
          generic.genericIfAttributeOp( value, Zek::GenericOperation::write, row.id,
                                        { valueFromJson( *row.type, field ) } );

@@ -130,7 +130,7 @@ writeJson( JsonText & json, const Zek::GenericValue & value ) {
    }
    json.open( '{' );
    for( const Zek::AttributeRow * field : rowsOf( type ) ) {
-      if( !field->address ) continue;
+      if( !field->isStored() ) continue;
       json.key( field->name );
       if( field->kind == Zek::AttributeKind::collection ) {
          writeSet( json, value, *field );
