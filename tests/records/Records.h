@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "framework/DynamicTypes.h"
 #include "framework/Entity.h"
 #include "framework/Exception.h"
 #include "framework/Relay.h"
@@ -43,6 +44,17 @@ typesThat( Chosen chosen ) {
 inline Types
 recordTypes() {
    return typesThat( []( auto & type ) { return type.isRecord; } );
+}
+
+/// Twins of all record types, made of their declarations as if they were unknown here.
+inline const Zek::DynamicTypes &
+twins() {
+   static Zek::DynamicTypes & types = []() -> Zek::DynamicTypes & {
+      static Zek::DynamicTypes made( Zek::DynamicTypes::Linked::ignored );
+      for( auto & [name, type] : recordTypes() ) made.declare( declarationsOf( *type ) );
+      return made;
+   }();
+   return types;
 }
 
 /// The value that has that text.

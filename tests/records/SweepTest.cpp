@@ -109,6 +109,21 @@ nameOf( const testing::TestParamInfo< const TypeDescriptor * > & info ) {
    return name;
 }
 
+/// Those twins that can be made, and whose pointers are to such.
+std::vector< const TypeDescriptor * >
+twinsThat( bool ( *chosen )( const TypeDescriptor & ) ) {
+   std::vector< const TypeDescriptor * > types;
+   for( auto & [name, linked] : recordTypes() ) {
+      const TypeDescriptor * type = twins().type( name );
+      const bool pointsToOthers =
+         std::any_of( type->attributes.begin(), type->attributes.end(), []( auto & row ) {
+            return row.isStored() && row.type->isCounted() && !row.type->isMade();
+         } );
+      if( chosen( *type ) && !pointsToOthers ) types.push_back( type );
+   }
+   return types;
+}
+
 std::vector< const TypeDescriptor * >
 recordsThat( bool ( *chosen )( const TypeDescriptor & ) ) {
    std::vector< const TypeDescriptor * > types;
@@ -438,6 +453,10 @@ isSweptValue( const TypeDescriptor & type ) {
 INSTANTIATE_TEST_SUITE_P( Records, EveryRecord, testing::ValuesIn( recordsThat( &isSweptRecord ) ),
                           nameOf );
 INSTANTIATE_TEST_SUITE_P( Records, EveryValue, testing::ValuesIn( recordsThat( &isSweptValue ) ),
+                          nameOf );
+INSTANTIATE_TEST_SUITE_P( Twins, EveryRecord, testing::ValuesIn( twinsThat( &isSweptRecord ) ),
+                          nameOf );
+INSTANTIATE_TEST_SUITE_P( Twins, EveryValue, testing::ValuesIn( twinsThat( &isSweptValue ) ),
                           nameOf );
 
 } // namespace
