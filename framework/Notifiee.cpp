@@ -102,7 +102,12 @@ void
 NotifieeConst::registeredIs( bool registered ) {
    leave();
    flag( registeredFlag, registered );
-   join();
+   try {
+      join();
+   } catch( ... ) {
+      flag( registeredFlag, !registered );
+      throw;
+   }
 }
 
 void
