@@ -294,7 +294,7 @@ In::applyValue( Sa & sa, const AttributeRow & row, Wire::Decoder & body ) {
       body.fail( "the end of the record" );
       return true;
    }
-   if( !mayApply( sa, row, nullptr ) ) return true;
+   if( !passesFence( sa, row, nullptr ) ) return true;
    Entity::Ptr entity( sa.entity_ );
    if( !change( sa, row, nullptr, value, false, [&] { row.bring( entity.ptr(), value ); } ) ) {
       refusedIs( sa, row, nullptr );
@@ -387,7 +387,7 @@ In::applyState( Sa & sa, const WireType & type, Wire::Decoder & body ) {
       // Most of a new instance's attributes are what its constructor made them.
       const AttributeRow & row = *item.row;
       if( row.stored->equal( row.address( entity.ptr() ), item.value ) ) continue;
-      if( !mayApply( sa, *item.row, nullptr ) ) continue;
+      if( !passesFence( sa, *item.row, nullptr ) ) continue;
       if( !change( sa, *item.row, nullptr, item.value, false,
                    [&] { item.row->bring( entity.ptr(), item.value ); } ) ) {
          refusedIs( sa, *item.row, nullptr );
@@ -421,7 +421,7 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
    if( kind == Kind::removal ) {
       if( body.left() ) {
          body.fail( "the end of the record" );
-      } else if( mayApply( sa, row, key ) ) {
+      } else if( passesFence( sa, row, key ) ) {
          remove( sa, row, key );
       }
       return true;
@@ -446,7 +446,12 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
          refusedIs( sa, row, key ); // one that stands in no tree cannot be told of
          return true;
       }
-      if( !mayApply( sa, row, key ) ) return true;
+      if( !passesFence( sa, row, key ) ) return true;
+      // Another instance comes behind the removal of the one that is here: the writer may have
+      // merged what it was told.
+      const PtrInterface * present = row.collection->find( entity.ptr(), key );
+      if( present && present != target ) remove( sa, row, key );
+      if( !sa.entity_ ) return true;
       const void * member = scratch.pointer( target );
       if( !change( sa, row, key, target, false,
                    [&] { row.collection->is( entity.ptr(), member, nullptr ); } ) ) {
@@ -472,7 +477,7 @@ In::applyMember( Sa & sa, const AttributeRow & row, Kind kind, Wire::Decoder & b
       return true;
    }
    mention( sa, row, key );
-   if( !mayApply( sa, row, key ) ) return true;
+   if( !passesFence( sa, row, key ) ) return true;
    if( !change( sa, row, key, value, false, [&] {
           const void * arguments[] = { value };
           row.collection->is( entity.ptr(), row.has( keyIsField ) ? value : key,

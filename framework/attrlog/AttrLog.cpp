@@ -151,7 +151,10 @@ Sa::detach() {
    if( !entity_ ) return;
    Zek::Ptr< Sa > self( this );
    // Those that are missed go with the connection.
-   adapter_.out_.orBreakOff( [&] { eachMemberAdaptor( []( Sa & sa ) { sa.detach(); } ); } );
+   adapter_.out_.orBreakOff( [&] {
+      if( referred_ ) adapter_.out_.strangers_.met( *entity_, adapter_ );
+      eachMemberAdaptor( []( Sa & sa ) { sa.detach(); } );
+   } );
    detachAlone();
 }
 

@@ -32,6 +32,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace Zek {
@@ -44,6 +45,7 @@ class Out;
 class In;
 class FlowOut;
 class Demuxer;
+class Strangers;
 
 /// Generations of a flow number: which of the entities that have it one after the other is meant.
 /// One that is at its last is not given again.
@@ -383,6 +385,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    friend class NboAttrLog::In;
    friend class NboAttrLog::FlowOut;
    friend class NboAttrLog::Demuxer;
+   friend class NboAttrLog::Strangers;
 
    /// The change of this entity that a record is just making, or null.
    NboAttrLog::Handling * handling() const;
@@ -409,6 +412,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    NboAttrLog::FlowOut & makeFlow();
    void detachAlone();
    void removalOwed();
+   void tellOfReferences( const std::vector< const Entity * > & targets );
    template< class Visit >
    void eachMemberAdaptor( Visit visit );
    void unannounce( bool forget );
@@ -433,6 +437,7 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
    bool announced_ = false;
    bool askedAgain_ = false; // the peer wants it announced again, with all it has
    bool hasSweep_ = false;   // members of it are to be removed at the end of a dump
+   bool referred_ = false;   // the peer was told of references to it
    // Written to a peer that owns the entity and has not said that it has seen it.
    struct Unacked;
    std::unique_ptr< Unacked > unacked_;
@@ -442,6 +447,29 @@ class IPSTATE_EXPORT Entity::ZekNboAttrLogSa : public PtrInterface, public Attri
 };
 
 namespace NboAttrLog {
+
+/// What a stream was told to refer to and does not export: what stood in no tree, or left it since.
+/// Building a subtree and attaching it whole is how people publish: once such a one is exported,
+/// all that refers to it is told again.
+class Strangers {
+ public:
+   bool empty() const { return met_.empty(); }
+   void met( const Entity & entity, const StreamAdapter & adapter );
+   /// The entity is exported from now on.
+   void exported( const Entity & entity ) {
+      if( !met_.empty() && met_.erase( &entity ) ) known_.push_back( &entity );
+   }
+   bool waits() const { return !known_.empty(); }
+   /// Marks what refers to those that are exported by now.
+   void markReferences( StreamAdapter & adapter );
+   void clear();
+
+ private:
+   // Compared, never looked at: they may be gone.
+   std::unordered_set< const Entity * > met_;
+   std::vector< const Entity * > known_;
+   size_t most_ = 64; // of met_, until those to which nothing refers are sorted out
+};
 
 /// The outbound stream.
 class IPSTATE_EXPORT Out {
@@ -547,6 +575,7 @@ class IPSTATE_EXPORT Out {
    };
    std::vector< Free > free_;
    size_t liveFlows_ = 0;
+   Strangers strangers_;
    FlowOut * queueHead_ = nullptr;
    FlowOut * queueTail_ = nullptr;
    size_t queued_ = 0;

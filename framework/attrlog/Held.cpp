@@ -60,7 +60,7 @@ In::dropHeld( uint32_t flow, uint16_t first, uint16_t last ) {
 /// write that leads nowhere at it, and what a write of this end overtakes is void.
 bool
 In::settledWithout( Sa & sa, const AttributeRow & row, const void * key ) {
-   if( !sa.is( Sa::fromPeer ) ) return !mayApply( sa, row, key );
+   if( !sa.is( Sa::fromPeer ) ) return !passesFence( sa, row, key );
    ++refused_;
    lastRefusal_ =
       "'" + EntityUriPath( *sa.entity_ ).text() + "." + row.name + "' refers to what is not here";
@@ -144,6 +144,56 @@ In::retryInstance( Sa & sa, const HeldPlace & place, const Held & held ) {
    }
    again( parent, attribute, keyBytes, flow.id );
    return true;
+}
+
+bool
+In::passesFence( Sa & sa, const AttributeRow & row, const void * key ) {
+   if( mayApply( sa, row, key ) ) return true;
+   passedOver( sa, row, key );
+   return false;
+}
+
+/// What this end wrote, the owner may not take, or take for another instance's: what it has then is
+/// asked for.
+void
+In::passedOver( Sa & sa, const AttributeRow & row, const void * key ) {
+   if( !sa.flowIn_ ) return;
+   Wire::Buffer bytes;
+   Wire::Encoder encoder( bytes );
+   if( key ) row.keyType->values->encode( key, encoder );
+   auto [place, isNew] = passedOver_.emplace( sa.flowIn_, row.id, bytes.view() );
+   if( isNew ) fences_.emplace_back( adapter_.out_.records_, place );
+}
+
+/// Whether what this end wrote of it is still on its way.
+bool
+In::isFenced( const HeldPlace & place ) {
+   const auto & [id, attribute, keyBytes] = place;
+   Sa * sa = flows_[id].sa;
+   const AttributeRow * row = sa ? sa->plan_.row( attribute ) : nullptr;
+   if( !row ) return false;
+   if( keyBytes.empty() ) return !mayApply( *sa, *row, nullptr );
+   if( !row->collection ) return false; // another instance has the flow by now
+   Scratch scratch;
+   void * key = scratch.make( *row->keyType->values );
+   Wire::Decoder body( keyBytes.data(), keyBytes.size() );
+   return row->keyType->values->decode( body, key ) && !mayApply( *sa, *row, key );
+}
+
+/// Each is looked at once for each time that the owner has seen all there was.
+void
+In::askForPassedOver() {
+   while( !fences_.empty() && fences_.front().first <= acked_ ) {
+      const auto place = fences_.front().second;
+      fences_.pop_front();
+      if( isFenced( *place ) ) {
+         fences_.emplace_back( adapter_.out_.records_ + 1, place );
+         continue;
+      }
+      const auto node = passedOver_.extract( place );
+      const auto & [id, attribute, key] = node.value();
+      if( flows_[id].sa ) again( id, attribute, key, 0 );
+   }
 }
 
 void

@@ -30,6 +30,8 @@ In::reset() {
    flows_.clear();
    held_.clear();
    wanted_.clear();
+   fences_.clear();
+   passedOver_.clear();
    heldBytes_ = wantedBytes_ = nameBytes_ = 0;
    wholes_.clear();
    sweeps_.clear();
@@ -84,12 +86,18 @@ In::arrived( size_t count ) {
       }
    };
    std::optional< Receiving > receiving( std::in_place, *this );
-   try {
-      applyAll();
-   } catch( const std::bad_alloc & ) {
-      // Of the record that was applied something may be missing here.
-      closed_ = true;
-      throw StreamException( "out of memory at record " + std::to_string( records_ ) );
+   for( bool done = false; !done; ) {
+      try {
+         applyAll();
+         done = true;
+      } catch( const Over & ) {
+         // Perhaps there is another connection already.
+         takeLate();
+      } catch( const std::bad_alloc & ) {
+         // Of the record that was applied something may be missing here.
+         closed_ = true;
+         throw StreamException( "out of memory at record " + std::to_string( records_ ) );
+      }
    }
    receiving.reset();
    // Else it goes ahead of what is written next.
@@ -126,16 +134,11 @@ In::applyAll() {
       fetchAhead( ahead );
       Wire::Decoder body( frame + FrameHeader::size + 1, header.length - FrameHeader::size - 2 );
       if( !applyUnheard( header, body ) ) {
-         record( header, body );
+         callOut( [&] { record( header, body ); } );
          if( body.failed() ) {
             malformed( header, body.expected(), FrameHeader::size + 1 + body.failedAt() );
          }
-         const bool givenUp = buffer_.empty(); // and perhaps another connection made
-         if( !late_.empty() ) {
-            buffer_.append( late_.data(), late_.size() );
-            late_.clear();
-         }
-         if( givenUp ) continue;
+         takeLate();
       }
       applied_ += header.length;
    }
@@ -143,6 +146,14 @@ In::applyAll() {
    if( nameBytes_ > quota.nameBytes ) malformed( FrameHeader{}, "fewer names", 0 );
    // While a dump goes on, no oftener than pays.
    if( bound_ && ( !openDumps_ || bound_ >= held_.size() ) ) retryHeld();
+}
+
+/// What came meanwhile goes behind what there is.
+void
+In::takeLate() {
+   if( late_.empty() ) return;
+   buffer_.append( late_.data(), late_.size() );
+   late_.clear();
 }
 
 /// Frames say whom they concern: while one is applied, the entity of one behind it is on its way
@@ -224,6 +235,7 @@ In::control( uint16_t message, Wire::Decoder & body ) {
          return;
       }
       acked_ = records;
+      askForPassedOver();
       return;
    }
    case againControl:
@@ -236,7 +248,7 @@ In::control( uint16_t message, Wire::Decoder & body ) {
       uint32_t id;
       if( !body.u32( id ) ) return;
       ++openDumps_;
-      adapter_.owner_.onDump( id, false );
+      callOut( [&] { adapter_.owner_.onDump( id, false ); } );
       return;
    }
    case endControl: {
@@ -250,7 +262,7 @@ In::control( uint16_t message, Wire::Decoder & body ) {
          retryHeld(); // and so mention what waited
          sweepAll();
       }
-      adapter_.owner_.onDump( id, true );
+      callOut( [&] { adapter_.owner_.onDump( id, true ); } );
       return;
    }
    default:
@@ -260,7 +272,7 @@ In::control( uint16_t message, Wire::Decoder & body ) {
       body.fail( "a control message" );
       return;
    }
-   adapter_.owner_.onControl( message, body );
+   callOut( [&] { adapter_.owner_.onControl( message, body ); } );
 }
 
 /// Whether a state has what it has here, in the same order.
@@ -441,17 +453,18 @@ In::rootCame( Wire::Decoder & body ) {
    }
    if( repeats( flow, *wire ) ) {
       flows_[flow.id].sa->flagsAdd( flags );
-      adapter_.owner_.onRoot( exportId, flows_[flow.id].sa->entity() );
+      callOut( [&] { adapter_.owner_.onRoot( exportId, flows_[flow.id].sa->entity() ); } );
       return;
    }
-   Entity::Ptr directory = adapter_.owner_.rootDirectory( exportId );
+   Entity::Ptr directory;
+   callOut( [&] { directory = adapter_.owner_.rootDirectory( exportId ); } );
    if( !directory ) return;
    Entity::Ptr root = directory->entity( String( nameText ) );
    const bool same = root && isSame( *root, plan, arguments );
    if( Sa * sa = adapter_.adaptorOf( *directory ) ) {
       const String key( nameText );
       if( answersLater( *sa, *Entity::zekTypeDescriptor_.attribute( entityAttr ), &key, same ) ) {
-         if( flow.id ) flows_[flow.id].asked = true;
+         passedOver( *sa, *Entity::zekTypeDescriptor_.attribute( entityAttr ), &key );
          return;
       }
    }
@@ -460,7 +473,7 @@ In::rootCame( Wire::Decoder & body ) {
       adapter_.childIs( *directory, root );
    }
    if( Sa * sa = adapter_.adaptorIs( *root, flags ) ) bind( flow.id, *sa );
-   adapter_.owner_.onRoot( exportId, root.ptr() );
+   callOut( [&] { adapter_.owner_.onRoot( exportId, root.ptr() ); } );
 }
 
 void
@@ -472,10 +485,11 @@ In::rootWent( Wire::Decoder & body ) {
       body.fail( "an export that was asked for" );
       return;
    }
-   adapter_.owner_.onRoot( exportId, nullptr );
+   callOut( [&] { adapter_.owner_.onRoot( exportId, nullptr ); } );
 }
 
-/// The peer wants a member from its instantiation on.
+/// The peer wants a member from its instantiation on; or the value of an attribute or under a key,
+/// or without a key all of a collection.
 void
 In::sendAgain( Wire::Decoder & body ) {
    uint32_t id;
@@ -487,13 +501,23 @@ In::sendAgain( Wire::Decoder & body ) {
    Wire::Decoder keyBytes( body.at(), body.left() );
    body.skip( body.left() );
    // The flow may have ended meanwhile, and be another's.
-   if( !row || !row->collection || !row->has( ownsMembers ) ) return;
+   if( !row || !sa->announced_ || !sa->is( Sa::sends ) ) return;
+   if( !row->collection ) {
+      sa->markDirty( *row, nullptr );
+      return;
+   }
+   if( !keyBytes.left() ) {
+      sa->flow_->wholeIs( *row );
+      out.queue( *sa->flow_ );
+      return;
+   }
    Scratch scratch;
    const ValueOps & keyOps = *row->keyType->values;
    void * key = scratch.make( keyOps );
    bool read = false;
    if( !guarded( [&] { read = keyOps.decode( keyBytes, key ); } ) || !read ) return;
-   if( const PtrInterface * found = row->collection->find( sa->entity_, key ) ) {
+   const PtrInterface * found = row->collection->find( sa->entity_, key );
+   if( found && row->has( ownsMembers ) ) {
       if( Sa * member = adapter_.adaptorOf( *static_cast< const Entity * >( found ) ) ) {
          member->askedAgain_ = member->announced_;
       }

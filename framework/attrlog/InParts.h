@@ -37,6 +37,19 @@ class In::Handles {
    Handling handling_;
 };
 
+/// The connection that a record came by is over: whatever was called on the way ended it, or
+/// destroyed the session. Nothing that belonged to it may be looked at; what is above goes.
+struct In::Over {};
+
+/// Runs what may call anybody's code, which may end the connection.
+template< class Work >
+void
+In::callOut( Work work ) {
+   const uint64_t connection = adapter_.connection();
+   work();
+   if( adapter_.connection() != connection ) throw Over();
+}
+
 /// Values of any type for the length of one record.
 class In::Scratch {
  public:
@@ -91,9 +104,20 @@ class In::Scratch {
 template< class Change >
 bool
 In::guarded( Change change ) {
+   const uint64_t connection = adapter_.connection();
+   const bool done = attempted( change );
+   if( adapter_.connection() != connection ) throw Over();
+   return done;
+}
+
+template< class Change >
+bool
+In::attempted( Change change ) {
    try {
       change();
       return true;
+   } catch( const Over & ) {
+      throw;
    } catch( const std::bad_alloc & ) {
       throw;
    } catch( const std::exception & e ) {

@@ -93,8 +93,8 @@ In::repeats( FlowName name, const WireType & type ) {
 bool
 In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
                    const WireType & wire, Wire::Decoder & body, std::string_view & keyBytes ) {
-   bool passedOver = isKnown( flow, wire ) && !flows_[flow.id].sa;
-   if( passedOver && flows_[flow.id].asked ) flows_[flow.id].asked = passedOver = false;
+   bool wasPassedOver = isKnown( flow, wire ) && !flows_[flow.id].sa;
+   if( wasPassedOver && flows_[flow.id].asked ) flows_[flow.id].asked = wasPassedOver = false;
    Scratch scratch;
    const ValueOps & keyOps = *row.keyType->values;
    void * key = scratch.make( keyOps );
@@ -165,11 +165,11 @@ In::applyInstance( Sa & sa, const AttributeRow & row, Kind kind, FlowName flow,
    flowIs( flow, wire );
    const bool same = member && isSame( *member, plan, arguments );
    if( answersLater( sa, row, key, same && kind == Kind::adopt ) ) {
-      if( flow.id ) flows_[flow.id].asked = true;
+      passedOver( sa, row, key );
       return true;
    }
-   if( passedOver && !sa.is( Sa::fromPeer ) ) {
-      // It could not be made before, or is gone here: what it has came and went.
+   if( wasPassedOver && kind == Kind::adopt && !sa.is( Sa::fromPeer ) ) {
+      // It was not made before, or is gone here: what it has came and went.
       again( sa.flowIn_, row.id, keyBytes, flow.id );
       return true;
    }

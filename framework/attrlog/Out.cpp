@@ -81,17 +81,22 @@ Out::drain() {
    if( hasSufficientBuffer() ) acknowledgeFirst();
    adapter_.in_.askAgain();
    if( !adapter_.writeExports() ) return false;
-   while( queueHead_ && hasSufficientBuffer() ) {
-      FlowOut & flow = *queueHead_;
-      unqueue( flow );
-      if( !flow.sa_.serializeDirty() ) queue( flow );
-   }
+   do {
+      while( queueHead_ && hasSufficientBuffer() ) {
+         FlowOut & flow = *queueHead_;
+         unqueue( flow );
+         if( !flow.sa_.serializeDirty() ) queue( flow );
+      }
+      // For all at once, however many there are.
+      if( !queueHead_ && strangers_.waits() ) strangers_.markReferences( adapter_ );
+   } while( queueHead_ && hasSufficientBuffer() );
    return !queueHead_;
 }
 
 bool
 Out::isClean() const {
-   return !queueHead_ && adapter_.in_.wanted_.empty() && !adapter_.exportsWait() &&
+   return !queueHead_ && !strangers_.waits() && adapter_.in_.wanted_.empty() &&
+          !adapter_.exportsWait() &&
           !( adapter_.peerWrites_ && adapter_.in_.owesAcknowledgement() );
 }
 
@@ -130,6 +135,7 @@ Out::reset() {
    capacityIs( capacity_ );
    flows_.assign( 1, nullptr );
    free_.clear();
+   strangers_.clear();
    liveFlows_ = 0;
    types_ = 0;
    records_ = 0;
@@ -185,6 +191,7 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
    Sa * sa = adapter_.adaptorOf( *entity );
    const EntityUriPath path( *entity );
    if( sa && sa->announced_ && sa->flow_ ) {
+      sa->referred_ = true;
       out.u8( flowReference );
       out.u32( sa->flow_->id() );
    } else if( sa && sa->flowIn_ ) {
@@ -196,6 +203,7 @@ Out::encodeReference( Wire::Encoder & out, const PtrInterface * target ) {
       out.u8( pathReference );
       path.encodeTo( out );
    } else {
+      strangers_.met( *entity, adapter_ );
       out.u8( outsideReference );
    }
 }

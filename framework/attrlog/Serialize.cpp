@@ -236,6 +236,7 @@ Sa::announceMember( const AttributeRow & row, Entity & member, Kind kind, bool s
       return;
    }
    child->announced_ = true;
+   out.strangers_.exported( member );
    if( is( toOwner ) ) {
       withMemberKey( row, &member, [&]( const void * key ) { wroteToOwner( row, key ); } );
    }

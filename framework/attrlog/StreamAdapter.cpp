@@ -21,8 +21,18 @@ StreamAdapter::StreamAdapter( const Entity::Ptr & root, StreamOwner & owner )
      in_( *this ) {}
 
 StreamAdapter::~StreamAdapter() {
+   end();
+}
+
+void
+StreamAdapter::end() {
+   ++connection_;
    exports_.clear();
    while( first_ ) first_->detachAlone();
+   peerWrites_ = false;
+   isOver_ = true;
+   out_.reset();
+   in_.reset();
 }
 
 Sa *
@@ -39,10 +49,12 @@ NboAttrLog::Plan &
 StreamAdapter::plan( const TypeDescriptor & type ) {
    // Mostly that of the record before.
    if( lastPlan_ && &lastPlan_->type == &type ) return *lastPlan_;
-   auto & plan = plans_[&type];
-   if( !plan ) plan = std::make_unique< NboAttrLog::Plan >( type );
-   lastPlan_ = plan.get();
-   return *plan;
+   auto at = plans_.find( &type );
+   if( at == plans_.end() ) {
+      at = plans_.emplace( &type, std::make_unique< NboAttrLog::Plan >( type ) ).first;
+   }
+   lastPlan_ = at->second.get();
+   return *lastPlan_;
 }
 
 Sa *
@@ -203,6 +215,7 @@ StreamAdapter::writeRoot( Export & e ) {
    bool isNew = !sa.announced_;
    sa.doSerializeOrphan( e.id );
    sa.announced_ = true;
+   out_.strangers_.exported( *sa.entity_ );
    if( !isNew && sa.dump_ ) return;
    joinDump( sa, e.id );
    sa.flow_->allDirty();
@@ -238,6 +251,7 @@ StreamAdapter::endDumps() {
 
 void
 StreamAdapter::reset() {
+   ++connection_;
    // There may be no memory, which is why the connection is lost.
    exports_.clear();
    Sa * exportedOnly = nullptr;

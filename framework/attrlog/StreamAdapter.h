@@ -19,6 +19,7 @@
 #include <string_view>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Zek {
@@ -152,11 +153,13 @@ class IPSTATE_EXPORT In {
       uint32_t id;
       uint32_t generation;
    };
+   struct Over;
    class Handles;
    class Scratch;
    class Taker;
 
    void applyAll();
+   void takeLate();
    /// Where in buffer_ the frame begins whose entity is fetched into the cache.
    void fetchAhead( size_t & ahead ) const;
    bool applyUnheard( const FrameHeader & header, Wire::Decoder body );
@@ -220,6 +223,12 @@ class IPSTATE_EXPORT In {
    void dropHeld( uint32_t flow, uint16_t attribute, std::string_view key );
    void dropHeld( uint32_t flow, uint16_t first, uint16_t last );
    void retryHeld();
+   /// Whether what arrived counts; else it is asked for when the owner has seen what this end
+   /// wrote.
+   bool passesFence( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void passedOver( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
+   void askForPassedOver();
+   bool isFenced( const HeldPlace & place );
    void again( uint32_t parent, uint16_t attribute, std::string_view key, uint32_t flow );
    void askAgain();
    void sendAgain( Wire::Decoder & body );
@@ -233,8 +242,12 @@ class IPSTATE_EXPORT In {
    void answer( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key );
    void reset();
    [[noreturn]] void malformed( const FrameHeader & header, const char * expected, size_t offset );
+   template< class Work >
+   void callOut( Work work );
    template< class Change >
    bool guarded( Change change );
+   template< class Change >
+   bool attempted( Change change );
    template< class Change >
    bool change( Entity::ZekNboAttrLogSa & sa, const AttributeRow & row, const void * key,
                 const void * value, bool instance, Change change );
@@ -265,8 +278,12 @@ class IPSTATE_EXPORT In {
    /// in its place. So it counts, and waits too.
    bool isProvisional_ = false;
    size_t heldBytes_ = 0;
-   std::set< HeldPlace > wanted_;   // to be asked for again when there is room
-   size_t wantedBytes_ = 0;         // of their keys
+   std::set< HeldPlace > wanted_; // to be asked for again when there is room
+   size_t wantedBytes_ = 0;       // of their keys
+   /// What arrived while this end had written it, each once; and with the count of records that the
+   /// owner is to have seen before it is asked for, in that order.
+   std::set< HeldPlace > passedOver_;
+   std::deque< std::pair< uint64_t, std::set< HeldPlace >::iterator > > fences_;
    size_t nameBytes_ = 0;           // of names that are new since the connection was made
    std::vector< Item > stateItems_; // for the length of one record
    std::vector< Whole > wholes_;
@@ -318,6 +335,12 @@ class IPSTATE_EXPORT StreamAdapter {
    /// The connection is lost: flows, numbers and bytes are forgotten. The adaptors of what came
    /// from the peer stay, and keep it from local writes; what was exported is let go.
    void reset();
+   /// The connection is over for good, and so is whoever owns it: nothing is told any more. For who
+   /// goes while bytes are being applied, until which the adapter must live on.
+   void end();
+   /// Of the connections that reset() ends, which one it is.
+   uint64_t connection() const { return connection_; }
+   bool isOver() const { return isOver_; }
    size_t adaptors() const { return adaptors_; }
    /// Bytes that this end of the connection holds for what is to be sent.
    size_t dirtyFlows() const { return out_.dirtyFlows(); }
@@ -325,6 +348,7 @@ class IPSTATE_EXPORT StreamAdapter {
  private:
    friend class NboAttrLog::Out;
    friend class NboAttrLog::In;
+   friend class NboAttrLog::Strangers;
    friend struct NboAttrLog::FlowHead;
    friend class Entity::ZekNboAttrLogSa;
 
@@ -364,6 +388,8 @@ class IPSTATE_EXPORT StreamAdapter {
    Entity::ZekNboAttrLogSa * first_ = nullptr;
    size_t adaptors_ = 0;
    bool peerWrites_ = false;
+   bool isOver_ = false;
+   uint64_t connection_ = 0;
    std::vector< Export > exports_;
 };
 

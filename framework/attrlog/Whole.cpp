@@ -27,7 +27,12 @@ In::beginWhole( Sa & sa, const AttributeRow & row, uint32_t members ) {
       return;
    }
    Whole whole{ Sa::Ptr( &sa ), &row, {} };
-   if( sa.is( Sa::toOwner ) && !sa.unackedKeys( row, whole.mentioned ) ) return;
+   if( sa.is( Sa::toOwner ) && !sa.unackedKeys( row, whole.mentioned ) ) {
+      passedOver( sa, row, nullptr );
+      return;
+   }
+   // What was written and not seen yet is not gone where it is left out.
+   for( auto & [key, is] : whole.mentioned ) passedOver( sa, row, key.get() );
    wholes_.push_back( std::move( whole ) );
 }
 
@@ -59,7 +64,7 @@ In::endWhole( Sa & sa, const AttributeRow & row ) {
       member = withMemberKey( row, member, [&]( const void * key ) {
          // What the owner does not know yet is not gone there.
          if( whole->mentioned.find( key ) == whole->mentioned.end() ) {
-            if( mayApply( sa, row, key ) ) {
+            if( passesFence( sa, row, key ) ) {
                sweep.keys.emplace( AnyKey( *row.keyType->values, key ), true );
             }
          } else if( sa.is( Sa::fromPeer ) && row.has( ownsMembers ) ) {

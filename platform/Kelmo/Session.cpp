@@ -67,10 +67,12 @@ Session::DirectoryWatch::onNotificationException() {
 Session::Session( const Entity::Ptr & root, SessionOwner & owner )
    : root_( root ),
      owner_( owner ),
-     adapter_( root, *this ) {}
+     held_( std::make_shared< Zek::StreamAdapter >( root, *this ) ),
+     adapter_( *held_ ) {}
 
 Session::~Session() {
    exports_.clear();
+   adapter_.end();
 }
 
 namespace {
@@ -118,7 +120,9 @@ Session::mount( const Mount & mount ) {
    if( !problem.empty() ) Zek::throwRangeException( problem );
    imports_.push_back( { mount } );
    synchronised_ = false;
-   if( connected_ ) ask( static_cast< uint32_t >( imports_.size() ) );
+   if( !connected_ ) return;
+   ask( static_cast< uint32_t >( imports_.size() ) );
+   owner_.onOutput();
 }
 
 void
@@ -132,7 +136,6 @@ Session::ask( uint32_t id ) {
    body.text( wanted.mount.mode().view() );
    body.u8( wanted.mount.filter().structureOnly() );
    out.controlEnd();
-   owner_.onOutput();
 }
 
 void
@@ -162,14 +165,16 @@ Session::disconnected() {
 
 void
 Session::receive( const void * bytes, size_t count ) {
-   adapter_.nboAttrLogIn().receive( bytes, count );
-   drain();
+   const auto held = held_;
+   held->nboAttrLogIn().receive( bytes, count );
+   if( !held->isOver() ) drain();
 }
 
 void
 Session::arrived( size_t count ) {
-   adapter_.nboAttrLogIn().arrived( count );
-   drain();
+   const auto held = held_;
+   held->nboAttrLogIn().arrived( count );
+   if( !held->isOver() ) drain();
 }
 
 void
@@ -237,13 +242,23 @@ Session::onControl( uint16_t message, Zek::Wire::Decoder & body ) {
          return;
       }
       refused->refused = refused->complete = true;
-      owner_.onMountRefused( refused->mount, std::string( reason ) );
-      completed();
+      const Mount mount = refused->mount; // another may be added meanwhile
+      if( callOut( [&] { owner_.onMountRefused( mount, std::string( reason ) ); } ) ) completed();
       return;
    }
    default:
       body.fail( "a greeting, mount or refusal" );
    }
+}
+
+/// False where the connection, or the session, is no longer there afterwards.
+template< class Work >
+bool
+Session::callOut( Work work ) {
+   const auto held = held_;
+   const uint64_t connection = held->connection();
+   work();
+   return held->connection() == connection;
 }
 
 Session::Import *
@@ -334,7 +349,9 @@ Session::mountAsked( uint32_t id, const Mount & mount ) {
       if( e->id == id ) reason = "the number is in use";
    }
    if( reason.empty() && exports_.size() >= 4096 ) reason = "too many mounts";
-   if( !reason.empty() || !owner_.allows( mount, reason ) ) {
+   bool allowed = reason.empty();
+   if( allowed && !callOut( [&] { allowed = owner_.allows( mount, reason ); } ) ) return;
+   if( !allowed ) {
       refuse( id, reason );
       return;
    }

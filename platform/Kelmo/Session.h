@@ -21,6 +21,8 @@
 namespace Kelmo {
 
 /// What a session tells its owner. Called from receive(), arrived() and from mutators of the tree.
+/// The owner may do anything to the session in any of them: end the connection, make another,
+/// destroy the session. So may those who watch what is mounted.
 class IPSTATE_EXPORT SessionOwner {
  public:
    virtual ~SessionOwner();
@@ -100,6 +102,8 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    void onDump( uint32_t exportId, bool complete ) override;
    void onExportGone( uint32_t exportId ) override;
 
+   template< class Work >
+   bool callOut( Work work );
    void mountAsked( uint32_t id, const Mount & mount );
    void look( Export & wanted );
    void refuse( uint32_t id, const std::string & reason );
@@ -109,7 +113,9 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
 
    Zek::Entity::Ptr root_;
    SessionOwner & owner_;
-   Zek::StreamAdapter adapter_;
+   /// While bytes are applied it lives on, whatever becomes of the session meanwhile.
+   const std::shared_ptr< Zek::StreamAdapter > held_;
+   Zek::StreamAdapter & adapter_;
    std::vector< Import > imports_; // the mount's number is its place, from 1
    std::vector< std::unique_ptr< Export > > exports_;
    bool connected_ = false;

@@ -1,5 +1,6 @@
 #include "Ip/IpAttrLog.h"
 #include "Ira/IraTypes.h"
+#include "L3/L3.h"
 #include "framework/attrlog/StreamAdapter.h"
 #include "platform/Kelmo/Session.h"
 #include "tests/schemas/Shapes.h"
@@ -9,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -106,6 +109,20 @@ struct Throwing : Ip::IpIntfConfig::NotifieeConst {
    static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Throwing", 64 };
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
    void onForwarding() override { throw std::runtime_error( "no" ); }
+};
+
+struct SeenWatch : Shapes::Wide::NotifieeConst {
+   static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "SeenWatch", 64 };
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   void onSeen( const uint32_t & key ) override { told += notifier()->seenHas( key ) ? "+" : "-"; }
+   std::string told;
+};
+
+struct Ender : Ip::IpIntfConfig::NotifieeConst {
+   static inline constinit Zek::AllocTrackTypeInfo allocTrackTypeInfo_{ "Ender", 64 };
+   Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
+   void onL3Config() override { end(); }
+   std::function< void() > end;
 };
 
 const Velon::IpAddrWithMask a1( "10.0.0.1/24" ), a2( "10.0.0.2/24" );
@@ -452,6 +469,125 @@ TEST( AttrLog, aReferenceAheadOfItsTargetsDumpMeansWhatThatBrings ) {
    auto replica = Zek::ptrCast< Ip::Input::Status >( copyOf( "all/input" ) )->ipIntfStatus( id );
    ASSERT_TRUE( replica && replica->l3Status() );
    EXPECT_EQ( Zek::ptrCast< Ip::Status >( copyOf( "all/status" ) )->ipIntfStatus( id ), replica );
+}
+
+/// Subtrees are built, attached as a whole, taken out and put back.
+TEST( AttrLog, whatStandsInTheTreeIsReferredTo ) {
+   for( const size_t room : { 0, 100, 65536 } ) {
+      Joined world;
+      auto all = world.source->dirIs( "all" );
+      world.mount( "all", "Zek::Dir" );
+      world.connect();
+      auto agree = [&] {
+         world.out().capacityIs( 65536 );
+         world.settle();
+         for( auto & d : differences( all.ptr(), world.copy->entity( "all" ).ptr(), Depth::all ) ) {
+            EXPECT_TRUE( d.waits ) << d.place << " " << d.what;
+         }
+         world.out().capacityIs( room );
+      };
+      auto inside = Shapes::wideFactory( "inside" ), outside = Shapes::wideFactory( "outside" );
+      auto target = outside->linkIs( 1, nullptr );
+      all->entityIs( inside );
+      inside->linkIs( 2, target );
+      inside->linkIs( 3, inside->link( 2 ) );
+      inside->seenIs( target );
+      auto config = Ip::configFactory( "config" );
+      auto l3 = L3::Intf::configDirFactory( "l3" );
+      all->entityIs( config );
+      const Velon::IntfId ethernet1( "Ethernet1" );
+      config->ipIntfConfigIs( ethernet1 )->l3ConfigIs( l3->intfConfigIs( ethernet1 ) );
+      agree();
+      for( const Zek::Entity::Ptr & child : std::vector< Zek::Entity::Ptr >{ outside, l3 } ) {
+         all->entityIs( child );
+         agree();
+         all->entityDel( child->name().view() );
+         agree();
+         all->entityIs( child );
+         agree();
+      }
+      auto copy = Zek::ptrCast< Shapes::Wide >( world.copy->entityAt( "all/inside" ) );
+      ASSERT_TRUE( copy && copy->link( 2 ) && copy->link( 2 )->before() && copy->seen( 1 ) );
+      EXPECT_EQ( copy->link( 3 )->before(), copy->link( 2 ) );
+      EXPECT_TRUE( Zek::ptrCast< Ip::Config >( world.copy->entityAt( "all/config" ) )
+                      ->ipIntfConfig( ethernet1 )
+                      ->l3Config() );
+   }
+}
+
+/// Machines that follow a collection of references keep nothing of the one that was there.
+TEST( AttrLog, anotherInstanceUnderTheKeyComesBehindARemoval ) {
+   for( const bool full : { false, true } ) {
+      Joined world;
+      auto wide = Shapes::wideFactory( "wide" );
+      world.source->entityIs( wide );
+      wide->seenIs( wide->linkIs( 1, nullptr ) );
+      world.mount( "wide", "Shapes::Wide" );
+      world.connect();
+      auto watch = Zek::allocate< SeenWatch >();
+      watch->notifierIs( world.copy->entity( "wide" ) );
+      watch->isRegisteredNotifieeIs( true );
+      if( full ) world.out().capacityIs( 0 );
+      wide->seenDel( 1 );
+      wide->linkDel( 1 );
+      wide->seenIs( wide->linkIs( 1, nullptr ) );
+      world.out().capacityIs( 4096 );
+      world.settle();
+      EXPECT_EQ( watch->told, "-+" );
+   }
+}
+
+/// What waited for its target is applied when the target is there, and whoever hears of it may end
+/// the connection, or the session.
+TEST( AttrLog, aSessionMayEndFromWithinACallback ) {
+   for( const bool destroys : { false, true } ) {
+      OneInterface world;
+      auto l3 = L3::Intf::configDirFactory( "l3" );
+      world.source->entityIs( l3 );
+      std::vector< Zek::Ptr< Ender > > enders;
+      Kelmo::SessionOwner owner;
+      auto client = std::make_unique< Kelmo::Session >( world.copy, owner );
+      Kelmo::Session server( world.source, owner );
+      world.client.disconnected();
+      for( const char * name : { "Ethernet1", "Ethernet2", "Ethernet3" } ) {
+         const Velon::IntfId id( name );
+         world.config->ipIntfConfigIs( id )->l3ConfigIs( l3->intfConfigIs( id ) );
+      }
+      client->mount( Kelmo::Mount( "ip/config", "Ip::Config", "r", Kelmo::MountFilter( false ) ) );
+      client->mount(
+         Kelmo::Mount( "l3", "L3::Intf::ConfigDir", "r", Kelmo::MountFilter( false ) ) );
+      size_t ended = 0;
+      auto end = [&] {
+         ++ended;
+         destroys ? client.reset() : client->disconnected();
+      };
+      auto watchAll = [&] {
+         auto top = Zek::ptrCast< Ip::Config >( world.copy->entityAt( "ip/config" ) );
+         for( auto i = top->ipIntfConfigIteratorConst(); i; ++i ) {
+            enders.push_back( Zek::allocate< Ender >() );
+            enders.back()->end = end;
+            enders.back()->notifierIs( i.ptr() );
+            enders.back()->isRegisteredNotifieeIs( true );
+         }
+      };
+      server.connected();
+      client->connected();
+      server.receive( client->output().data(), client->output().size() );
+      // Up to the end of the first dump; the second one brings what is waited for.
+      const std::string bytes( server.output().view() );
+      auto frames = framesOf( bytes );
+      size_t first = 0, at = 0;
+      for( auto & frame : frames ) {
+         at += frame.header.length;
+         if( frame.header.flow == 0 && frame.header.attribute == Zek::NboAttrLog::rootControl ) {
+            first = at;
+         }
+      }
+      client->receive( bytes.data(), first );
+      watchAll();
+      client->receive( bytes.data() + first, bytes.size() - first );
+      EXPECT_EQ( ended, 1u );
+   }
 }
 
 TEST( AttrLog, aPathIsTheSameHoweverManySlashesItHas ) {

@@ -520,7 +520,13 @@ TEST( Hostile, whatIsWantedAgainWaitsForRoom ) {
    for( uint32_t flow = 3; flow < 253; ++flow ) {
       const std::string key = "e" + std::to_string( flow );
       EXPECT_EQ( peer.instance( 2, 259, flow, 3, key, absent ), "" );
-      EXPECT_EQ( peer.instance( 2, 259, flow, 3, key, []( auto & out ) { out.u8( 0 ); } ), "" );
+      EXPECT_EQ( peer.send( 2, 259, Kind::adopt,
+                            [&]( auto & out ) {
+                               Peer::named( out, flow, 3 );
+                               out.text( key );
+                               out.u8( 0 );
+                            } ),
+                 "" );
    }
    Kelmo::Session & session = peer.world.session();
    size_t written = session.output().size();

@@ -79,9 +79,10 @@ Link::onMountRefused( const Kelmo::Mount & mount, const std::string & why ) {
 void
 Link::connect() {
    if( connected_ ) return;
-   server->connected();
-   client->connected();
    connected_ = true;
+   const uint32_t connection = ++connections_;
+   server->connected();
+   if( connected_ && connection == connections_ ) client->connected();
 }
 
 void
@@ -94,43 +95,59 @@ Link::cut() {
       situations_.reached( Situation::cutInDump );
    }
    if( client->adapter().nboAttrLogIn().refused() ) situations_.reached( Situation::refusedRecord );
+   connected_ = corrupted = false;
    server->disconnected();
    client->disconnected();
    down.clear();
    up.clear();
-   connected_ = corrupted = false;
 }
 
 void
 Link::empty( Kelmo::Session & to, Pipe & pipe, size_t most ) {
    if( pipe.stalled || pipe.size() == 0 ) return;
    const std::string piece = pipe.take( most, situations_ );
-   try {
-      to.receive( piece.data(), piece.size() );
-   } catch( const Zek::StreamException & e ) {
-      const std::string_view what = e.what();
-      if( !corrupted ) problem = what;
-      if( what.find( "checksum" ) != what.npos ) situations_.reached( Situation::checksumWrong );
-      if( what.find( "header" ) != what.npos ) situations_.reached( Situation::headerWrong );
-      cut();
-   }
+   to.receive( piece.data(), piece.size() );
 }
 
 bool
 Link::pump( Random & random, bool all ) {
+   try {
+      return pumpSome( random, all );
+   } catch( const Zek::StreamException & e ) {
+      failed( e.what() );
+   }
+   return true;
+}
+
+void
+Link::failed( std::string_view what ) {
+   const bool noMemory = what.find( "out of memory" ) != what.npos;
+   if( noMemory ) situations_.reached( Situation::memoryShort );
+   if( !corrupted && !noMemory ) problem = what;
+   if( what.find( "checksum" ) != what.npos ) situations_.reached( Situation::checksumWrong );
+   if( what.find( "header" ) != what.npos ) situations_.reached( Situation::headerWrong );
+   cut();
+}
+
+bool
+Link::pumpSome( Random & random, bool all ) {
+   if( server->isBroken() || client->isBroken() ) {
+      situations_.reached( Situation::brokenOff );
+      cut();
+   }
    if( !connected_ ) return false;
    const size_t before =
       down.size() + up.size() + server->output().size() + client->output().size();
    auto most = [&] { return all ? 1u << 20 : 1 + random.below( random.oneIn( 2 ) ? 40 : 4000 ); };
    down.fill( *server, most() );
-   up.fill( *client, most() );
-   empty( *client, down, most() );
+   if( connected_ ) up.fill( *client, most() );
+   if( connected_ ) empty( *client, down, most() );
    if( connected_ ) empty( *server, up, most() );
    if( !connected_ ) return true;
    if( client->adapter().nboAttrLogIn().held() ) situations_.reached( Situation::heldReference );
    if( all ) {
       server->drain();
-      client->drain();
+      if( connected_ ) client->drain();
    }
    return before || down.size() || up.size() || !server->output().empty() ||
           !client->output().empty();

@@ -7,6 +7,7 @@
 #include "tests/stream/RandomValues.h"
 #include "tests/stream/Situations.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,6 +55,8 @@ class Link final : public Kelmo::SessionOwner {
    size_t capacity = 64 << 10; // of both ends' output
    bool corrupted = false;
    std::string problem;
+   /// Called from whatever the sessions tell; may cut, connect, and make either session anew.
+   std::function< void( Link & ) > toldOf;
 
    void serve( const Zek::Dir::Ptr & tree );
    void follow( const Zek::Dir::Ptr & tree );
@@ -68,10 +71,22 @@ class Link final : public Kelmo::SessionOwner {
 
  private:
    void onMountRefused( const Kelmo::Mount & mount, const std::string & why ) override;
+   void onSynchronised() override { told(); }
+   void onOutput() override { told(); }
+   bool allows( const Kelmo::Mount &, std::string & ) override {
+      told();
+      return true;
+   }
+   void told() {
+      if( toldOf ) toldOf( *this );
+   }
+   bool pumpSome( Random & random, bool all );
+   void failed( std::string_view what );
    void empty( Kelmo::Session & to, Pipe & pipe, size_t most );
 
    Situations & situations_;
    bool connected_ = false;
+   uint32_t connections_ = 0;
 };
 
 } // namespace ipstate::test

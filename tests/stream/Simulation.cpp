@@ -2,6 +2,7 @@
 
 #include "framework/Exception.h"
 #include "tests/stream/Link.h"
+#include "tests/stream/Memory.h"
 #include "tests/stream/Trees.h"
 
 #include <algorithm>
@@ -40,11 +41,13 @@ class World;
 /// Watches one entity, and does what agents do in callbacks.
 class Reactor final : public AttributeSink {
  public:
-   Reactor( World & world, uint32_t tree, const Entity & entity, bool throws, bool writes )
+   Reactor( World & world, uint32_t tree, const Entity & entity, bool throws, bool writes,
+            bool ends = false )
       : world_( world ),
         tree_( tree ),
         throws_( throws ),
-        writes_( writes ) {
+        writes_( writes ),
+        ends_( ends ) {
       relay_ = relayOf( entity, *this );
       relay_->isWeakNotifieeIs( true );
    }
@@ -61,6 +64,45 @@ class Reactor final : public AttributeSink {
    uint32_t tree_;
    bool throws_;
    bool writes_;
+   bool ends_;
+   Ptr< PtrInterface::NotifieeConst > relay_;
+};
+
+/// Finds references that another takes the place of, without the removal of the first.
+class Keeper final : public AttributeSink {
+ public:
+   Keeper( World & world, const Entity & entity ) : world_( world ), entity_( entity ) {
+      for( const AttributeRow * row : shapeOf( entity ).plan.collections ) {
+         if( row->has( refersToMembers ) ) {
+            forEachMember( *row, [&]( const void * key, const PtrInterface * member ) {
+               seen_[placeOf( entity_, *row, key )] = member;
+            } );
+         }
+      }
+      relay_ = relayOf( entity, *this );
+      relay_->isWeakNotifieeIs( true );
+   }
+   ~Keeper() override { relay_->notifierIs( nullptr ); }
+   bool isGone() const { return !relay_->notifier(); }
+   const Entity & entity() const { return entity_; }
+   void onAttribute( const AttributeRow & ) override {}
+   void onMember( const AttributeRow & row, const void * key ) override;
+
+ private:
+   template< class Visit >
+   void forEachMember( const AttributeRow & row, Visit visit ) {
+      const PtrInterface * member = row.collection->first( &entity_ );
+      while( member ) {
+         member = withMemberKey( row, member, [&]( const void * key ) {
+            visit( key, member );
+            return row.collection->after( &entity_, key );
+         } );
+      }
+   }
+
+   World & world_;
+   const Entity & entity_;
+   std::map< std::string, const PtrInterface * > seen_;
    Ptr< PtrInterface::NotifieeConst > relay_;
 };
 
@@ -95,6 +137,7 @@ class World {
 
  private:
    friend class Reactor;
+   friend class Keeper;
 
    void step( uint32_t what );
    void change( uint32_t tree, Entity & top );
@@ -107,6 +150,15 @@ class World {
    void switchAdaptor();
    void attachReactor();
    void restart( uint32_t tree );
+   void widen();
+   void move();
+   void add( Entity & loose );
+   void takeOut();
+   void changeTargets();
+   void changeWithoutMemory();
+   void pumpWithoutMemory();
+   void attachEnder();
+   void endOne( Link & link );
    void settle();
    void rest();
    void reconnect( Link & link );
@@ -132,11 +184,16 @@ class World {
    std::vector< Dir::Ptr > trees_; // the first is the source of all
    std::vector< std::unique_ptr< Link > > links_;
    std::vector< std::unique_ptr< Reactor > > reactors_;
+   std::vector< std::unique_ptr< Keeper > > keepers_; // of what copies may not be written
    /// Stored and rejected, by entity's path and attribute: told to nobody before the next dump.
    std::set< std::string > untold_;
    std::set< std::string > rejected_; // the same, told since
    bool scribbled_ = false;
    uint32_t reactions_ = 0; // that may still happen in this step
+   uint32_t ends_ = 0;      // connections that may still be ended from within
+   /// Stand in no tree: prepared, or taken out of the source.
+   Tops loose_;
+   std::vector< Change > refusedInLoose_;
    std::string problem_;
    std::vector< std::string > log_;
 };
@@ -170,8 +227,9 @@ World::World( const Schedule & schedule, Situations & situations )
          const char * name = mode < 4 && isWritable( from, path ) ? "w"
                              : mode == 9 && isDirectory           ? "ri"
                                                                   : "r";
-         link.mounts.emplace_back( String( path ), String( type ), name,
-                                   Kelmo::MountFilter( mode == 8 ) );
+         const bool isNormal = !schedule.wide || schedule.seed % 4;
+         link.mounts.emplace_back( String( isNormal ? path : "/" + path + "//" ), String( type ),
+                                   name, Kelmo::MountFilter( mode == 8 ) );
       };
       if( which ) mount( "all", "Zek::Dir" );
       if( which < 2 ) mount( "all/" + child, child );
@@ -207,7 +265,9 @@ World::World( const Schedule & schedule, Situations & situations )
 }
 
 World::~World() {
+   for( auto & link : links_ ) link->toldOf = nullptr;
    reactors_.clear();
+   keepers_.clear();
    for( auto & link : links_ ) link->cut();
    links_.clear();
 }
@@ -245,7 +305,21 @@ World::differencesOf( const Link & link, const Kelmo::Mount & mount ) const {
 // -- Steps ------------------------------------------------------------------------------------
 
 void
+Keeper::onMember( const AttributeRow & row, const void * key ) {
+   if( !row.has( refersToMembers ) ) return;
+   const std::string place = placeOf( entity_, row, key );
+   const PtrInterface * member = row.collection->find( &entity_, key );
+   const PtrInterface *& before = seen_[place];
+   if( member && before && before != member ) world_.problem( place + " is re-targeted" );
+   before = member;
+}
+
+void
 Reactor::react( const AttributeRow & row ) {
+   if( ends_ ) {
+      if( world_.ends_ && world_.random_.oneIn( 3 ) ) world_.endOne( world_.anyLink() );
+      return;
+   }
    if( !world_.reactions_ || !world_.random_.oneIn( 3 ) ) return;
    --world_.reactions_;
    if( writes_ ) {
@@ -268,7 +342,6 @@ World::change( uint32_t tree, Entity & top ) {
    changed( tree, mutate( random_, top, schedule_.describe ) );
 }
 
-/// Looks at what a change left in the flows.
 /// Before anyone follows.
 void
 World::fill( Random & random, Entity & top, int changes ) {
@@ -278,6 +351,7 @@ World::fill( Random & random, Entity & top, int changes ) {
    }
 }
 
+/// Looks at what a change left in the flows.
 void
 World::changed( uint32_t tree, const Change & change ) {
    log( change.text );
@@ -345,6 +419,8 @@ World::cross() {
    Change made = changeCopy( link, *top );
    if( !made.row ) return;
    if( made.row->has( ownsMembers ) ) reached( Situation::crossingMembers );
+   // Its tree may be gone.
+   if( &EntityUriPath( *made.entity ).root() != trees_[link.copy].ptr() ) return;
    if( Entity * twin = twinOf( *made.entity, *trees_[link.source] ) ) {
       if( twin->fwkType() != made.entity->fwkType() ) return;
       made = mutate( random_, Entity::Ptr( twin ), made.row, schedule_.describe );
@@ -472,6 +548,10 @@ World::restart( uint32_t tree ) {
       ( link->source == tree ? link->server : link->client ) = nullptr;
    }
    trees_[tree] = fresh;
+   if( tree == 0 ) {
+      loose_.clear();
+      refusedInLoose_.clear();
+   }
    for( auto & link : links_ ) {
       if( link->source == tree ) link->serve( fresh );
       if( link->copy == tree ) link->follow( fresh );
@@ -526,6 +606,271 @@ World::step( uint32_t what ) {
       if( schedule_.seed % 8 == 0 ) scribble();
    } else {
       if( random_.oneIn( 2 ) ) restart( random_.oneIn( 2 ) ? 0 : link.copy );
+   }
+}
+
+// -- What moves, is short, and ends -----------------------------------------------------------
+
+void
+World::widen() {
+   for( auto & link : links_ ) {
+      link->toldOf = [this]( Link & told ) {
+         if( ends_ && random_.oneIn( 30 ) ) endOne( told );
+      };
+   }
+   const uint32_t what = random_.below( 16 );
+   if( what < 8 ) {
+      move();
+   } else if( what < 10 ) {
+      changeTargets();
+   } else if( what < 12 ) {
+      changeWithoutMemory();
+   } else if( what < 14 ) {
+      pumpWithoutMemory();
+   } else {
+      attachEnder();
+   }
+}
+
+/// Subtrees are prepared, changed, attached, taken out and put back; they refer to what stands in
+/// the source, and are referred to.
+void
+World::move() {
+   Entity::Ptr all = trees_[0]->entity( "all" );
+   const uint32_t what = random_.below( 8 );
+   if( what < 2 && loose_.size() < 4 ) {
+      auto & types = allRootTypes();
+      const TypeDescriptor & type =
+         *types[random_.below( static_cast< uint32_t >( types.size() ) )];
+      const Name name( random_.oneIn( 2 ) ? std::string( 1, char( 'a' + random_.below( 4 ) ) )
+                                          : std::string( type.fullName ) );
+      const void * arguments[] = { &name };
+      Ptr< PtrInterface > made = type.create( arguments );
+      loose_.emplace_back( static_cast< Entity * >( made.ptr() ) );
+      log( "prepared " + loose_.back()->fullName().toString() );
+   } else if( what < 4 && !loose_.empty() ) {
+      Tops others{ all };
+      others.insert( others.end(), loose_.begin(), loose_.end() );
+      Entity::Ptr loose = loose_[random_.below( static_cast< uint32_t >( loose_.size() ) )];
+      for( uint32_t n = 1 + random_.below( 12 ); n; --n ) {
+         Change made = mutate( random_, *loose, schedule_.describe, others );
+         log( "loose: " + made.text );
+         if( made.refused ) refusedInLoose_.push_back( std::move( made ) );
+      }
+   } else if( what < 5 ) {
+      for( uint32_t n = 1 + random_.below( 8 ); n; --n ) {
+         changed( 0, mutate( random_, *all, schedule_.describe, loose_ ) );
+      }
+   } else if( what < 7 && !loose_.empty() ) {
+      const size_t which = random_.below( static_cast< uint32_t >( loose_.size() ) );
+      const Entity::Ptr loose = loose_[which];
+      loose_.erase( loose_.begin() + static_cast< ptrdiff_t >( which ) );
+      add( *loose );
+   } else {
+      takeOut();
+   }
+}
+
+/// Into some directory of the source.
+void
+World::add( Entity & loose ) {
+   std::vector< Entity::Ptr > directories;
+   forEachEntity( *trees_[0]->entity( "all" ), [&]( const Entity & e ) {
+      if( e.fwkType() == &Dir::zekTypeDescriptor_ ) {
+         directories.emplace_back( const_cast< Entity * >( &e ) );
+      }
+   } );
+   const Entity::Ptr & directory =
+      directories[random_.below( static_cast< uint32_t >( directories.size() ) )];
+   const String name( loose.name().view() );
+   if( const Entity::Ptr before = directory->entity( name ) ) loose_.push_back( before );
+   reached( Situation::prepared );
+   try {
+      directory->entityDel( name );
+      directory->entityIs( Entity::Ptr( &loose ) );
+   } catch( const std::exception & ) {
+      // a reaction
+   }
+   log( "attached " + EntityUriPath( loose ).text() );
+   std::erase_if( refusedInLoose_, [&]( const Change & change ) {
+      if( &EntityUriPath( *change.entity ).root() != trees_[0].ptr() ) return false;
+      untold_.insert( placeOf( *change.entity, *change.row, nullptr ) );
+      return true;
+   } );
+}
+
+void
+World::takeOut() {
+   std::vector< Entity::Ptr > children;
+   const Entity::Ptr all = trees_[0]->entity( "all" );
+   forEachEntity( *all, [&]( const Entity & e ) {
+      if( &e != all.ptr() && e.parentAttrId() == entityAttr ) {
+         children.emplace_back( const_cast< Entity * >( &e ) );
+      }
+   } );
+   if( children.empty() || loose_.size() >= 4 ) return;
+   Entity::Ptr child = children[random_.below( static_cast< uint32_t >( children.size() ) )];
+   log( "taken out " + EntityUriPath( *child ).text() );
+   try {
+      const_cast< Entity * >( child->parent() )->entityDel( String( child->name().view() ) );
+   } catch( const std::exception & ) {
+      // a reaction
+   }
+   if( child->parent() ) return;
+   loose_.push_back( child );
+   reached( Situation::putBack );
+   // Most come back soon.
+   if( random_.oneIn( 3 ) ) return;
+   if( random_.oneIn( 2 ) ) anyLink().pump( random_, false );
+   loose_.pop_back();
+   add( *child );
+}
+
+/// Under its key a reference leads to another instance.
+void
+World::changeTargets() {
+   const Entity::Ptr all = trees_[0]->entity( "all" );
+   std::erase_if( keepers_, []( auto & keeper ) { return keeper->isGone(); } );
+   for( auto & link : links_ ) {
+      const bool isWritten = std::any_of( link->mounts.begin(), link->mounts.end(),
+                                          []( auto & mount ) { return mount.mode() == "w"; } );
+      if( isWritten || keepers_.size() > 50 ) continue;
+      forEachEntity( *trees_[link->copy], [&]( const Entity & e ) {
+         auto & rows = shapeOf( e ).plan.collections;
+         if( std::any_of( rows.begin(), rows.end(),
+                          []( auto * row ) { return row->has( refersToMembers ); } ) &&
+             std::none_of( keepers_.begin(), keepers_.end(),
+                           [&]( auto & keeper ) { return &keeper->entity() == &e; } ) ) {
+            keepers_.push_back( std::make_unique< Keeper >( *this, e ) );
+         }
+      } );
+   }
+   struct Place {
+      Entity::Ptr entity;
+      const AttributeRow * row;
+      Entity::Ptr target;
+   };
+   std::vector< Place > places;
+   forEachEntity( *all, [&]( const Entity & e ) {
+      for( const AttributeRow * row : shapeOf( e ).plan.collections ) {
+         if( !row->has( refersToMembers ) ) continue;
+         if( auto * member = row->collection->first( &e ) ) {
+            auto * target = const_cast< Entity * >( static_cast< const Entity * >( member ) );
+            if( target->parent() && target->parentAttrId() != entityAttr ) {
+               places.push_back(
+                  { Entity::Ptr( const_cast< Entity * >( &e ) ), row, Entity::Ptr( target ) } );
+            }
+         }
+      }
+   } );
+   if( places.empty() ) return;
+   const Place & place = places[random_.below( static_cast< uint32_t >( places.size() ) )];
+   Entity::Ptr owner( const_cast< Entity * >( place.target->parent() ) );
+   const AttributeRow & owning = *owner->fwkType()->attribute( place.target->parentAttrId() );
+   AnyKey key;
+   withMemberKey( owning, place.target.ptr(),
+                  [&]( const void * at ) { key = AnyKey( *owning.keyType->values, at ); } );
+   std::vector< const void * > arguments;
+   for( auto * row : shapeOf( *place.target ).plan.parameters ) {
+      arguments.push_back( row->address( place.target.ptr() ) );
+   }
+   log( "another instance of " + EntityUriPath( *place.target ).text() + " in " +
+        placeOf( *place.entity, *place.row, nullptr ) );
+   reached( Situation::otherTarget );
+   try {
+      withMemberKey( *place.row, place.target.ptr(), [&]( const void * at ) {
+         place.row->collection->del( place.entity.ptr(), at );
+      } );
+      owning.collection->del( owner.ptr(), key.get() );
+      owning.collection->is( owner.ptr(), key.get(), arguments.data() );
+      auto * made =
+         static_cast< const Entity * >( owning.collection->find( owner.ptr(), key.get() ) );
+      Entity::Ptr target( const_cast< Entity * >( made ) );
+      if( target ) place.row->collection->is( place.entity.ptr(), &target, nullptr );
+   } catch( const std::exception & ) {
+      // a reaction
+   }
+}
+
+void
+World::changeWithoutMemory() {
+   const Entity::Ptr all = trees_[0]->entity( "all" );
+   std::vector< Entity::Ptr > entities;
+   forEachEntity(
+      *all, [&]( const Entity & e ) { entities.emplace_back( const_cast< Entity * >( &e ) ); } );
+   Entity::Ptr entity = entities[random_.below( static_cast< uint32_t >( entities.size() ) )];
+   auto & rows = shapeOf( *entity ).changed;
+   if( rows.empty() ) return;
+   const AttributeRow & row = *rows[random_.below( static_cast< uint32_t >( rows.size() ) )];
+   if( row.id == entityAttr ) return;
+   Change change;
+   ends_ = 0;
+   try {
+      NoMemory none( random_.below( 30 ) );
+      change = mutate( random_, entity, &row, false );
+   } catch( const std::bad_alloc & ) {
+      return; // before anything was changed
+   }
+   change.text = "with little memory: " + placeOf( *entity, row, nullptr );
+   changed( 0, change );
+}
+
+void
+World::pumpWithoutMemory() {
+   Link & link = anyLink();
+   log( "tree " + std::to_string( link.copy ) + " with little memory" );
+   ends_ = 0; // what the test makes there needs memory
+   NoMemory none( random_.below( 200 ), random_.oneIn( 4 ) );
+   try {
+      link.pump( random_, false );
+   } catch( const std::bad_alloc & ) {
+      link.cut(); // on the way, not in the sessions
+   }
+}
+
+void
+World::attachEnder() {
+   const uint32_t tree = random_.below( static_cast< uint32_t >( trees_.size() ) );
+   std::vector< const Entity * > entities;
+   forEachEntity( *trees_[tree], [&]( const Entity & e ) { entities.push_back( &e ); } );
+   std::erase_if( reactors_, []( auto & r ) { return r->isGone(); } );
+   for( int i = 0; i < 4; ++i ) {
+      const Entity & entity =
+         *entities[random_.below( static_cast< uint32_t >( entities.size() ) )];
+      if( !entity.zekHasAttrLogInterface() ) continue;
+      log( "connections end within tree " + std::to_string( tree ) + " at " +
+           EntityUriPath( entity ).text() );
+      reactors_.push_back( std::make_unique< Reactor >( *this, tree, entity, false, false, true ) );
+   }
+}
+
+/// Called from within whatever a link's sessions or the trees tell.
+void
+World::endOne( Link & link ) {
+   --ends_;
+   const std::string name = "   within: tree " + std::to_string( link.copy );
+   switch( random_.below( 4 ) ) {
+   case 0:
+      log( name + " is cut" );
+      reached( Situation::cutFromWithin );
+      link.cut();
+      return;
+   case 1:
+      log( name + " is cut and connects" );
+      reached( Situation::againFromWithin );
+      link.cut();
+      link.connect();
+      return;
+   case 2:
+      log( name + "'s server is another" );
+      reached( Situation::destroyedFromWithin );
+      link.cut();
+      link.serve( trees_[link.source] );
+      return;
+   default:
+      reached( Situation::restartedFromWithin );
+      restart( link.copy );
+      return;
    }
 }
 
@@ -594,7 +939,7 @@ void
 World::rest() {
    reactions_ = 10;
    settle();
-   reactions_ = 0;
+   reactions_ = ends_ = 0;
    settle();
    if( !scribbled_ ) check( false );
    if( !problem_.empty() || ( !scribbled_ && untold_.empty() && !random_.oneIn( 3 ) ) ) return;
@@ -676,11 +1021,14 @@ World::run() {
       if( i < schedule_.dropped.size() && schedule_.dropped[i] ) continue;
       random_ = Random( mix( schedule_.seed, i + 1 ) );
       reactions_ = 10;
+      ends_ = schedule_.wide ? 2 : 0;
       if( random_.oneIn( 60 ) ) {
          log( "-- rest" );
          rest();
       } else {
          step( random_.below( 200 ) );
+         random_ = Random( mix( schedule_.seed, i + 1000001 ) );
+         if( schedule_.wide && random_.oneIn( 3 ) ) widen();
       }
       if( i % 8 == 0 ) checkMemory( false );
    }
@@ -727,15 +1075,17 @@ simulate( const Schedule & schedule, Situations & situations ) {
 }
 
 std::string
-simulateSeed( uint64_t seed, Situations & situations, Seeds which ) {
-   Schedule schedule{ .seed = seed, .which = which };
+simulateSeed( uint64_t seed, Situations & situations, Seeds which, bool wide ) {
+   Schedule schedule{ .seed = seed, .which = which, .wide = wide };
    Outcome outcome = simulate( schedule, situations );
    if( outcome.problem.empty() ) return "";
    // As few steps as show a fault still.
    Situations ignored;
    schedule.steps = std::min( schedule.steps, outcome.steps );
    schedule.dropped.assign( schedule.steps, false );
-   if( simulate( schedule, ignored ).problem.empty() ) schedule = { .seed = seed, .which = which };
+   if( simulate( schedule, ignored ).problem.empty() ) {
+      schedule = { .seed = seed, .which = which, .wide = wide };
+   }
    schedule.dropped.resize( schedule.steps );
    for( uint32_t size = schedule.steps / 2; size; size /= 2 ) {
       for( uint32_t at = 0; at < schedule.steps; at += size ) {
@@ -749,7 +1099,7 @@ simulateSeed( uint64_t seed, Situations & situations, Seeds which ) {
    }
    schedule.describe = true;
    outcome = simulate( schedule, ignored );
-   std::string text = "seed " + std::to_string( seed ) + "\n";
+   std::string text = "seed " + std::to_string( seed ) + ( wide ? " wide\n" : "\n" );
    for( auto & line : outcome.log ) text += "   " + line + "\n";
    return text + outcome.problem;
 }

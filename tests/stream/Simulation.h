@@ -27,11 +27,15 @@ struct Schedule {
    std::vector< bool > dropped = {}; // by step
    bool describe = false;
    Seeds which = Seeds::all;
+   /// Subtrees that move, want of memory, connections that end from within. Without them the steps
+   /// are those of seeds that failed before there were such.
+   bool wide = true;
 };
 
 Outcome simulate( const Schedule & schedule, Situations & situations );
 
 /// Runs a seed. Empty, or what was found, with the steps that are needed for it.
-std::string simulateSeed( uint64_t seed, Situations & situations, Seeds which = Seeds::all );
+std::string simulateSeed( uint64_t seed, Situations & situations, Seeds which = Seeds::all,
+                          bool wide = true );
 
 } // namespace ipstate::test

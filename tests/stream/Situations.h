@@ -70,6 +70,15 @@ namespace ipstate::test {
    X( twoModes, "entity reached by two mounts of different mode" )                                 \
    X( entriesOnly, "directory with its entries only" )                                             \
    X( structureOnly, "tree without content" )                                                      \
+   X( prepared, "prepared subtree attached" )                                                      \
+   X( putBack, "subtree taken out and put back" )                                                  \
+   X( otherTarget, "reference removed, and added to another instance under the key" )              \
+   X( memoryShort, "no memory for what arrived" )                                                  \
+   X( brokenOff, "no memory for what is to be sent" )                                              \
+   X( cutFromWithin, "connection cut in a callback" )                                              \
+   X( againFromWithin, "connection cut and made in a callback" )                                   \
+   X( destroyedFromWithin, "session destroyed in a callback" )                                     \
+   X( restartedFromWithin, "tree of a copy destroyed in a callback" )                              \
    X( reconnectSilent, "reconnect that announces nothing" )                                        \
    X( reconnectTold, "reconnect that announces differences" )
 

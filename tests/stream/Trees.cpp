@@ -357,7 +357,8 @@ struct Comparison {
                   depth == Depth::entries ? 1 : 0 );
       } else if( row.has( refersToMembers ) ) {
          if( pathOf( member, sourceTop ) != pathOf( twin, copyTop ) ) {
-            differs( placeOf( source, row, key ), "-> " + pathOf( twin, copyTop ) );
+            // Told of as a removal and another one.
+            differs( placeOf( source, row, key ), "-> " + pathOf( twin, copyTop ), true );
          }
       } else if( ops.hasMemberValue() &&
                  !row.type->values->equal( ops.memberValue( member ), ops.memberValue( twin ) ) ) {
