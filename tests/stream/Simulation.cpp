@@ -310,7 +310,10 @@ Keeper::onMember( const AttributeRow & row, const void * key ) {
    const std::string place = placeOf( entity_, row, key );
    const PtrInterface * member = row.collection->find( &entity_, key );
    const PtrInterface *& before = seen_[place];
-   if( member && before && before != member ) world_.problem( place + " is re-targeted" );
+   // What throws keeps it from hearing of a removal.
+   if( member && before && before != member && world_.reactors_.empty() ) {
+      world_.problem( place + " is re-targeted" );
+   }
    before = member;
 }
 

@@ -36,7 +36,7 @@ TEST( Simulation, SeedsThatOnceFailed ) {
 TEST( Simulation, CopiesEqualTheirSources ) {
    using Clock = std::chrono::steady_clock;
    const uint64_t first = setting( "FIRST", 1 );
-   const uint64_t seeds = setting( "SEEDS", 2000 );
+   const uint64_t seeds = setting( "SEEDS", 600 );
    const uint64_t writable = setting( "WRITABLE", 2 );
    const bool wide = setting( "WIDE", 1 );
    const Seeds which = writable == 0   ? Seeds::withoutWritableMounts
