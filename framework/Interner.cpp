@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <new>
+#include <sys/random.h>
 
 namespace Zek {
 
@@ -96,11 +97,56 @@ nodeFor( std::string_view text, uint32_t hash ) {
    return static_cast< uint32_t >( place );
 }
 
+// A number that nobody outside of the process knows.
+uint64_t
+secret() {
+   static constinit std::atomic< uint64_t > made{ 0 };
+   uint64_t number = made.load( std::memory_order_relaxed );
+   if( number ) return number;
+   uint64_t drawn = 0;
+   // Without any it is the address of something, which differs between processes too.
+   if( getrandom( &drawn, sizeof drawn, GRND_NONBLOCK ) != sizeof drawn || !drawn ) {
+      drawn = reinterpret_cast< uintptr_t >( &drawn ) * 0x9e3779b97f4a7c15u | 1;
+   }
+   return made.compare_exchange_strong( number, drawn ) ? drawn : number;
+}
+
+// SipHash-1-3 by the secret: who chooses texts cannot choose these.
+uint64_t
+secretHash( std::string_view text ) {
+   const uint64_t key = secret(), other = key * 0x9e3779b97f4a7c15u;
+   uint64_t a = key ^ 0x736f6d6570736575u, b = other ^ 0x646f72616e646f6du;
+   uint64_t c = key ^ 0x6c7967656e657261u, d = other ^ 0x7465646279746573u;
+   auto round = [&] {
+      a += b, b = std::rotl( b, 13 ) ^ a, a = std::rotl( a, 32 );
+      c += d, d = std::rotl( d, 16 ) ^ c;
+      a += d, d = std::rotl( d, 21 ) ^ a;
+      c += b, b = std::rotl( b, 17 ) ^ c, c = std::rotl( c, 32 );
+   };
+   auto take = [&]( uint64_t word ) {
+      d ^= word;
+      round();
+      a ^= word;
+   };
+   const uint64_t size = text.size();
+   for( ; text.size() >= 8; text.remove_prefix( 8 ) ) {
+      uint64_t word;
+      std::memcpy( &word, text.data(), 8 );
+      take( word );
+   }
+   uint64_t last = size << 56;
+   std::memcpy( &last, text.data(), text.size() );
+   take( last );
+   c ^= 0xff;
+   for( int i = 0; i < 3; ++i ) round();
+   return a ^ b ^ c ^ d;
+}
+
 // Descends to the text or to the empty link where it belongs.
 struct Descent {
    explicit Descent( uint32_t reversedHash )
       : link( &root[reversedHash >> ( 32 - rootBits )] ),
-        rest( reversedHash << rootBits ) {}
+        rest( uint64_t( reversedHash ) << ( 32 + rootBits ) ) {}
 
    // The index of the text if it stands at or below `link`, else 0 with `link` at its place.
    uint32_t to( std::string_view text, uint32_t hash ) {
@@ -109,13 +155,18 @@ struct Descent {
          if( index == 0 ) return 0;
          Node * node = nodeAt( index );
          if( node->hash == hash && node->view() == text ) return index;
-         link = &node->child[rest >> 30];
+         // Here all have the same hash, by chance or by somebody's choice.
+         if( level++ == hashLevels ) rest = secretHash( text );
+         link = &node->child[rest >> 62];
          rest <<= 2;
       }
    }
 
+   static constexpr unsigned hashLevels = ( 32 - rootBits ) / 2;
+
    std::atomic< uint32_t > * link;
-   uint32_t rest;
+   uint64_t rest;
+   unsigned level = 0;
 };
 
 } // namespace

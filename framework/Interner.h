@@ -5,10 +5,11 @@
 // and interface ids (framework/Name.h, platform/Velon/IntfId.h) are such handles.
 //
 // Shape: nodes with four children each, descended by two bits of the text's hash at a time, below
-// a root of 4096 places taken by its lowest bits. Collections walk in the order of the same bits:
-// texts that come from such a walk find the way to their nodes in the processor's cache, however
-// many there are. A node is linked by one compare-and-swap and never moves or goes away. Nodes lie
-// in chunks that double in size.
+// a root of 4096 places taken by its lowest bits; where all bits agree, by those of a second hash
+// that is keyed by a secret of the process: texts that a peer chose make no list. Collections walk
+// in the order of the same bits: texts that come from such a walk find the way to their nodes in
+// the processor's cache, however many there are. A node is linked by one compare-and-swap and never
+// moves or goes away. Nodes lie in chunks that double in size.
 //
 // Threads: any, without locks. Finding a known text only reads. Static storage is constant-
 // initialised: static initialisers of other files may intern.

@@ -29,11 +29,11 @@
 
 #include <chrono>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace Ipstated {
@@ -83,9 +83,6 @@ class Apply : public KernelObserver {
    struct ConfigWatch6;
    struct DirectoryWatch4;
    struct DirectoryWatch6;
-   struct Hash {
-      size_t operator()( Velon::IntfId id ) const { return id.hash(); }
-   };
 
    using Key4 = Velon::IpAddrWithMask;
    using Key6 = Velon::Ip6AddrWithMask;
@@ -138,8 +135,9 @@ class Apply : public KernelObserver {
    const KernelState & state_;
    const Options options_;
    AddressWriter writer_;
-   std::unordered_map< Velon::IntfId, std::unique_ptr< Intf >, Hash > intfs_;
-   std::unordered_map< Velon::IntfId, std::set< Velon::IntfId >, Hash > borrowers_; ///< by lender
+   // Ordered: writers choose the names, and so the hashes.
+   std::map< Velon::IntfId, std::unique_ptr< Intf > > intfs_;
+   std::map< Velon::IntfId, std::set< Velon::IntfId > > borrowers_; ///< by lender
    std::deque< Intf * > queue_;
    std::optional< Time > retryAt_;
    Zek::Ptr< DirectoryWatch4 > watch4_;
