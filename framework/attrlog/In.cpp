@@ -470,9 +470,11 @@ In::rootCame( Wire::Decoder & body ) {
    }
    if( !same ) {
       root = wire->type->genericIf->newEntityForAttrLogUnchecked( arguments.data() );
-      adapter_.childIs( *directory, root );
    }
-   if( Sa * sa = adapter_.adaptorIs( *root, flags ) ) bind( flow.id, *sa );
+   // First: who hears of it may end the connection, and it is a copy all the same.
+   const Sa::Ptr rootSa( adapter_.adaptorIs( *root, flags ) );
+   if( !same ) adapter_.childIs( *directory, root );
+   if( rootSa && rootSa->entity_ ) bind( flow.id, *rootSa );
    callOut( [&] { adapter_.owner_.onRoot( exportId, root.ptr() ); } );
 }
 

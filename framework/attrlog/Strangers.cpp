@@ -16,7 +16,7 @@ template< class Visit >
 void
 eachReference( const Entity & entity, const NboAttrLog::Plan & plan, Visit visit ) {
    auto pointer = [&]( const AttributeRow & row ) {
-      if( row.stored->encode ) return;
+      if( row.stored->hasWireForm() ) return;
       auto * target = *static_cast< PtrInterface * const * >( row.address( &entity ) );
       if( target ) visit( row, nullptr, target );
    };
