@@ -116,7 +116,8 @@ In::applyAll() {
       if( FrameHeader::checkOf( frame, static_cast< uint32_t >( records_ ) ) != header.check ) {
          malformed( FrameHeader{}, "the check of the next record's header", FrameHeader::checked );
       }
-      if( header.length < FrameHeader::size + 2 || header.length > quota.recordBytes ) {
+      const uint32_t longest = adapter_.says_ == Says::greeting ? greetingBytes : quota.recordBytes;
+      if( header.length < FrameHeader::size + 2 || header.length > longest ) {
          malformed( header, "a length of 22 bytes up to the quota", 0 );
       }
       if( buffer_.size() - applied_ < header.length ) break;
@@ -197,6 +198,9 @@ void
 In::record( const FrameHeader & header, Wire::Decoder & body ) {
    if( header.flags ) malformed( header, "known flags", 11 );
    if( header.kind > Kind::state ) malformed( header, "a kind of record", 10 );
+   if( adapter_.says_ != Says::state ) [[unlikely]] {
+      checkRole( header );
+   }
    if( header.flow == 0 ) {
       control( header.attribute, body );
       if( !body.failed() && body.left() ) body.fail( "the end of the record" );
@@ -211,6 +215,22 @@ In::record( const FrameHeader & header, Wire::Decoder & body ) {
    } else if( takes( flow.sa ) ) {
       entityRecord( flow, header, body );
    }
+}
+
+/// Before anything of the record is looked at.
+void
+In::checkRole( const FrameHeader & header ) {
+   const bool isGreeting = header.flow == 0 && header.attribute == firstUserControl;
+   if( adapter_.says_ == Says::greeting ) {
+      if( !isGreeting ) malformed( header, "a greeting before all else", 4 );
+      return;
+   }
+   if( header.flow == 0 &&
+       ( header.attribute >= firstUserControl || header.attribute == ackControl ||
+         header.attribute == againControl ) ) {
+      return;
+   }
+   malformed( header, "a mount for writing before", 4 );
 }
 
 // -- Control ----------------------------------------------------------------------------------

@@ -53,6 +53,14 @@ class IPSTATE_EXPORT StreamOwner {
 
 namespace NboAttrLog {
 
+/// What a peer has to say on a connection, for which it is held to that: nothing else makes
+/// anything here.
+enum class Says : uint8_t {
+   greeting, // the owner's first message, before all else
+   requests, // messages of the owner's, acknowledgements, and what it wants again
+   state,    // what it exports, or writes
+};
+
 class IPSTATE_EXPORT In {
  public:
    explicit In( StreamAdapter & adapter );
@@ -83,6 +91,8 @@ class IPSTATE_EXPORT In {
    friend struct FlowHead;
    friend class Zek::StreamAdapter;
    friend class Zek::Entity::ZekNboAttrLogSa;
+
+   static constexpr uint32_t greetingBytes = 64 << 10; // of a record before the peer is known
 
    struct WireType {
       const TypeDescriptor * type = nullptr; // null: unknown here
@@ -166,6 +176,7 @@ class IPSTATE_EXPORT In {
    bool takeValue( const Flow & flow, const AttributeRow & row, Wire::Decoder & body );
    bool takeState( const Flow & flow, Wire::Decoder & body );
    void record( const FrameHeader & header, Wire::Decoder & body );
+   void checkRole( const FrameHeader & header );
    void control( uint16_t message, Wire::Decoder & body );
    void typeDeclared( Wire::Decoder & body );
    void rootCame( Wire::Decoder & body );
@@ -331,6 +342,8 @@ class IPSTATE_EXPORT StreamAdapter {
    /// Whether the peer may write to what is exported.
    bool peerWrites() const { return peerWrites_; }
    void peerWritesIs( bool writes ) { peerWrites_ = writes; }
+   /// What the peer may send from now on: any state at first.
+   void peerSaysIs( NboAttrLog::Says says ) { says_ = says; }
 
    /// The connection is lost: flows, numbers and bytes are forgotten. The adaptors of what came
    /// from the peer stay, and keep it from local writes; what was exported is let go.
@@ -388,6 +401,7 @@ class IPSTATE_EXPORT StreamAdapter {
    Entity::ZekNboAttrLogSa * first_ = nullptr;
    size_t adaptors_ = 0;
    bool peerWrites_ = false;
+   NboAttrLog::Says says_ = NboAttrLog::Says::state;
    bool isOver_ = false;
    uint64_t connection_ = 0;
    std::vector< Export > exports_;

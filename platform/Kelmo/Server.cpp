@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -21,6 +22,8 @@ namespace {
 constinit Vistrel::TraceHandle traceHandle( "Kelmo", "Server" );
 constexpr unsigned faultLevel = 1;
 constexpr unsigned clientLevel = 5;
+
+using Clock = std::chrono::steady_clock;
 
 constexpr int mostEvents = 64;
 constexpr int mostAccepted = 16; // in one turn
@@ -126,6 +129,7 @@ class Server::Client final : public SessionOwner {
         session_( server.root_, *this ),
         connection_( session_, std::move( socket ), server.fd(), this ) {
       connection_.mostWaitingIs( mostWaiting );
+      session_.mostMountsIs( server.options_.mounts );
       session_.connected();
    }
 
@@ -133,6 +137,14 @@ class Server::Client final : public SessionOwner {
    void leave() { gone_ = true; }
    const Peer & peer() const { return peer_; }
    size_t waiting() const { return session_.output().size(); }
+   /// When it must have greeted; none once it has.
+   std::optional< Clock::time_point > greetsUntil() const {
+      if( gone_ || session_.isGreeted() ) return {};
+      return came_ + server_.options_.greeting;
+   }
+   void isLate() {
+      guarded( [] { throw Zek::StreamException( "expected a greeting within the time for it" ); } );
+   }
    void onEvents( uint32_t events ) {
       if( events & ~uint32_t( EPOLLOUT ) ) {
          guarded( [this] {
@@ -190,6 +202,7 @@ class Server::Client final : public SessionOwner {
    std::string name_;
    Session session_;
    Connection connection_;
+   const Clock::time_point came_ = Clock::now();
    bool gone_ = false;
 };
 
@@ -203,8 +216,9 @@ Server::Server( const Zek::Entity::Ptr & root, const std::string & path, ServerO
      listener_( options_.listener >= 0
                    ? options_.listener
                    : socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) ),
+     timer_( timerfd_create( CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC ) ),
      spare_( openSpare() ) {
-   if( !epoll_ || !listener_ || !spare_ ) {
+   if( !epoll_ || !listener_ || !timer_ || !spare_ ) {
       throwSystemError( "cannot listen at '" + path_ + "'" );
    }
    if( options_.listener < 0 ) {
@@ -215,7 +229,11 @@ Server::Server( const Zek::Entity::Ptr & root, const std::string & path, ServerO
    }
    epoll_event event{};
    event.events = EPOLLIN;
-   if( epoll_ctl( epoll_.fd(), EPOLL_CTL_ADD, listener_.fd(), &event ) != 0 ) {
+   epoll_event late{};
+   late.events = EPOLLIN;
+   late.data.ptr = this;
+   if( epoll_ctl( epoll_.fd(), EPOLL_CTL_ADD, listener_.fd(), &event ) != 0 ||
+       epoll_ctl( epoll_.fd(), EPOLL_CTL_ADD, timer_.fd(), &late ) != 0 ) {
       throwSystemError( "cannot wait for clients at '" + path_ + "'" );
    }
 }
@@ -348,17 +366,48 @@ Server::admit( Descriptor socket ) {
       name += ", " + peer.text() + ",";
       if( !isAdmitted( peer, options_.roles ) ) {
          fault( name + " is turned away: expected uid " + admitted( options_.roles ) );
-      } else if( clients_.size() >= options_.clients ) {
-         fault( name + " is turned away: expected no more than " +
-                std::to_string( options_.clients ) + " clients" );
+      } else if( const size_t most = mostClients( peer ); clients_.size() >= most ) {
+         fault( name + " is turned away: expected no more than " + std::to_string( most ) +
+                " clients" );
       } else {
          clients_.push_back(
             std::make_unique< Client >( *this, std::move( socket ), std::move( peer ), name ) );
+         awaitGreetings();
          Vistrel::trace( traceHandle, clientLevel, "admit", name, " came" );
       }
    } catch( const std::exception & error ) {
       fault( name + " is turned away: " + error.what() );
    }
+}
+
+/// So that whoever else connects, the machine's owner can.
+size_t
+Server::mostClients( const Peer & peer ) const {
+   const size_t all = options_.clients;
+   return all - ( peer.uid == 0 ? 0 : isOwn( peer ) ? all / 32 : all / 16 );
+}
+
+/// Ends those that have not greeted in time; waits for the next one's.
+void
+Server::awaitGreetings() {
+   std::optional< Clock::time_point > next;
+   const auto now = Clock::now();
+   for( const auto & client : clients_ ) {
+      const auto until = client->greetsUntil();
+      if( until && *until <= now ) {
+         client->isLate();
+      } else if( until && ( !next || *until < *next ) ) {
+         next = until;
+      }
+   }
+   itimerspec when{}; // nothing: it does not expire
+   if( next ) {
+      const auto left = std::chrono::duration_cast< std::chrono::nanoseconds >( *next - now );
+      when.it_value.tv_sec = left.count() / 1'000'000'000;
+      when.it_value.tv_nsec = left.count() % 1'000'000'000 + 1;
+      if( when.it_value.tv_nsec == 1'000'000'000 ) --when.it_value.tv_nsec;
+   }
+   timerfd_settime( timer_.fd(), 0, &when, nullptr );
 }
 
 void
@@ -378,7 +427,9 @@ Server::onReadable() {
    epoll_event events[mostEvents];
    const int count = epoll_wait( epoll_.fd(), events, mostEvents, 0 );
    for( int i = 0; i < count; ++i ) {
-      if( auto * client = static_cast< Client * >( events[i].data.ptr ) ) {
+      if( events[i].data.ptr == this ) {
+         awaitGreetings();
+      } else if( auto * client = static_cast< Client * >( events[i].data.ptr ) ) {
          client->onEvents( events[i].events );
       } else {
          accept();

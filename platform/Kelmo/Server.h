@@ -20,6 +20,7 @@
 #include "framework/Export.h"
 #include "platform/Kelmo/Socket.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,8 +52,13 @@ struct ServerOptions {
    std::vector< std::string > writable{};
    /// Says why a mount that is allowed otherwise is not; empty when it is, or may be.
    std::function< std::string( const Mount & ) > refuses{};
-   /// Clients at a time; one more is turned away.
+   /// Clients at a time; one more is turned away. Of 16, the last one is kept for root and the
+   /// server's own user, and of 32 the last one for root alone.
    size_t clients = 256;
+   /// Mounts of a client.
+   size_t mounts = 64;
+   /// Within which a client must have greeted.
+   std::chrono::milliseconds greeting{ 5000 };
    /// A socket that listens already, as a service manager hands it over; -1: the server makes one.
    /// It becomes the server's, its file does not.
    int listener = -1;
@@ -102,6 +108,8 @@ class IPSTATE_EXPORT Server {
    void accept();
    bool turnAway();
    void admit( Descriptor socket );
+   void awaitGreetings();
+   size_t mostClients( const Peer & peer ) const;
    void fault( const std::string & text );
 
    Zek::Entity::Ptr root_;
@@ -109,6 +117,7 @@ class IPSTATE_EXPORT Server {
    ServerOptions options_;
    Descriptor epoll_;
    Descriptor listener_;
+   Descriptor timer_;    // for who has not greeted in time
    Descriptor spare_;    // given up to accept and turn away a client when there is no other
    uint64_t device_ = 0; // of our socket file
    uint64_t inode_ = 0;

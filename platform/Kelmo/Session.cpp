@@ -120,6 +120,7 @@ Session::mount( const Mount & mount ) {
    if( !problem.empty() ) Zek::throwRangeException( problem );
    imports_.push_back( { mount } );
    synchronised_ = false;
+   roleIs();
    if( !connected_ ) return;
    ask( static_cast< uint32_t >( imports_.size() ) );
    owner_.onOutput();
@@ -143,6 +144,7 @@ Session::connected() {
    connected_ = true;
    greeted_ = false;
    synchronised_ = false;
+   roleIs();
    Out & out = adapter_.nboAttrLogOut();
    Zek::Wire::Encoder body = out.control( helloMessage );
    body.u32( magic );
@@ -196,6 +198,14 @@ Session::isAtRest() const {
    return out().isClean() && output().empty();
 }
 
+/// What the peer may say by what it is to this end.
+void
+Session::roleIs() {
+   using Zek::NboAttrLog::Says;
+   const bool sendsState = !imports_.empty() || adapter_.peerWrites();
+   adapter_.peerSaysIs( !greeted_ ? Says::greeting : sendsState ? Says::state : Says::requests );
+}
+
 // -- What the peer says -----------------------------------------------------------------------
 
 void
@@ -209,6 +219,7 @@ Session::onControl( uint16_t message, Zek::Wire::Decoder & body ) {
          body.fail( "version 2 of the attribute log" );
       } else {
          greeted_ = true;
+         roleIs();
       }
       return;
    }
@@ -348,7 +359,9 @@ Session::mountAsked( uint32_t id, const Mount & mount ) {
    for( auto & e : exports_ ) {
       if( e->id == id ) reason = "the number is in use";
    }
-   if( reason.empty() && exports_.size() >= 4096 ) reason = "too many mounts";
+   if( reason.empty() && exports_.size() >= mostMounts_ ) {
+      reason = "more than " + std::to_string( mostMounts_ ) + " mounts";
+   }
    bool allowed = reason.empty();
    if( allowed && !callOut( [&] { allowed = owner_.allows( mount, reason ); } ) ) return;
    if( !allowed ) {
@@ -357,7 +370,10 @@ Session::mountAsked( uint32_t id, const Mount & mount ) {
    }
    exports_.push_back( std::make_unique< Export >( id, mount ) );
    Export & wanted = *exports_.back();
-   if( mount.mode() == "w" ) adapter_.peerWritesIs( true );
+   if( mount.mode() == "w" ) {
+      adapter_.peerWritesIs( true );
+      roleIs();
+   }
    look( wanted );
    if( !wanted.root && !wanted.refused ) adapter_.exportAbsent( id );
 }

@@ -53,6 +53,9 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    void mount( const Mount & mount );
    /// A new connection: says who we are and asks for every mount.
    void connected();
+   /// Mounts that the peer may ask for.
+   void mostMountsIs( size_t mounts ) { mostMounts_ = mounts; }
+   bool isGreeted() const { return greeted_; }
    /// The connection is lost. What was mounted stays as it was, read-only as it was.
    void disconnected();
 
@@ -104,6 +107,7 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
 
    template< class Work >
    bool callOut( Work work );
+   void roleIs();
    void mountAsked( uint32_t id, const Mount & mount );
    void look( Export & wanted );
    void refuse( uint32_t id, const std::string & reason );
@@ -118,6 +122,7 @@ class IPSTATE_EXPORT Session final : public Zek::StreamOwner {
    Zek::StreamAdapter & adapter_;
    std::vector< Import > imports_; // the mount's number is its place, from 1
    std::vector< std::unique_ptr< Export > > exports_;
+   size_t mostMounts_ = 64;
    bool connected_ = false;
    bool greeted_ = false;
    bool synchronised_ = false;

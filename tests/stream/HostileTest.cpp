@@ -3,10 +3,12 @@
 #include "Ip/Ip.h"
 #include "framework/attrlog/StreamAdapter.h"
 #include "tests/stream/FuzzWorld.h"
+#include "tests/stream/Memory.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <set>
 
 namespace ipstate::test {
@@ -24,10 +26,20 @@ idOf( const char * type, const char * attribute ) {
 /// A world, and a peer that was greeted and says whatever the test wants.
 class Peer {
  public:
-   explicit Peer( uint8_t flags = 0 ) : world( Setup{ .flags = flags } ) {
-      control( 64, []( auto & out ) {
+   explicit Peer( uint8_t flags = 0, bool greets = true ) : world( Setup{ .flags = flags } ) {
+      if( greets ) greet();
+   }
+   std::string greet() {
+      return control( 64, []( auto & out ) {
          out.u32( Kelmo::Session::magic );
          out.u16( Kelmo::Session::version );
+      } );
+   }
+   std::string mount( const char * at, const char * mode, uint32_t number = 1 ) {
+      return control( 65, [&]( auto & out ) {
+         out.u32( number );
+         for( const char * text : { at, "Zek::Dir", mode } ) out.text( text );
+         out.u8( 0 );
       } );
    }
 
@@ -158,6 +170,54 @@ struct Statuses : Peer {
 };
 
 } // namespace
+
+TEST( Hostile, aPeerSaysNoMoreThanIsItsBusiness ) {
+   const std::string early = ", offset 4: expected a greeting before all else";
+   EXPECT_EQ( Peer( 0, false ).declare( "Zek::Dir" ), "flow 0, attribute 1" + early );
+   EXPECT_EQ( Peer( Setup::owner, false ).mount( "all", "r" ), "flow 0, attribute 65" + early );
+   EXPECT_EQ( Peer( 0, false ).send( 7, 258, Kind::value ), "flow 7, attribute 258" + early );
+   // Of a record that is longer nothing is waited for.
+   const ptrdiff_t before = heldBytes();
+   Peer stranger( 0, false );
+   const ptrdiff_t made = heldBytes() - before;
+   auto greetingOf = []( Peer & peer, size_t bytes ) {
+      return peer.frame( 0, 64, Kind::value, [=]( auto & out ) {
+         out.bytes( std::string( bytes, 'x' ).data(), bytes );
+      } );
+   };
+   const std::string kept = greetingOf( stranger, 65000 );
+   const ptrdiff_t framed = heldBytes() - before - made;
+   EXPECT_EQ( stranger.raw( kept.substr( 0, kept.size() - 1 ) ), "" );
+   EXPECT_LT( heldBytes() - before - made - framed, 160 << 10 );
+   Peer another( 0, false );
+   EXPECT_NE( another.raw( greetingOf( another, 66000 ) ).find( "expected a length of 22 bytes" ),
+              std::string::npos );
+   // A reader makes nothing at the server that it reads from, before and behind its mounts.
+   for( bool mounts : { false, true } ) {
+      auto peer = [=] {
+         auto made = std::make_unique< Peer >( Setup::owner );
+         if( mounts ) {
+            EXPECT_EQ( made->mount( "all", "r" ), "" );
+         }
+         return made;
+      };
+      const std::string refused = ", offset 4: expected a mount for writing before";
+      EXPECT_EQ( peer()->declare( "Zek::Dir" ), "flow 0, attribute 1" + refused );
+      EXPECT_EQ( peer()->root(), "flow 0, attribute 5" + refused );
+      EXPECT_EQ( peer()->instance( 1, 5, 2, 1, "a" ), "flow 1, attribute 5" + refused );
+      EXPECT_EQ( peer()->control( ackControl, []( auto & out ) { out.u64( 0 ); } ), "" );
+   }
+   // And mounts no more than a few.
+   Peer many( Setup::owner );
+   std::string answers;
+   for( uint32_t number = 1; number < 70; ++number ) {
+      EXPECT_EQ( many.mount( "all", "r", number ), "" );
+      Kelmo::Session & session = many.world.session();
+      answers += session.output().view();
+      session.carried( session.output().size() );
+   }
+   EXPECT_NE( answers.find( "more than 64 mounts" ), std::string::npos );
+}
 
 TEST( Hostile, whatIsMalformedIsRefusedInWords ) {
    auto flow = []( uint32_t number ) {

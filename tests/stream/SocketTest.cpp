@@ -449,6 +449,92 @@ TEST_F( Sockets, AdmitByCredentials ) {
               " of uid 65534, is turned away: expected uid 0 or group 54321" );
 }
 
+TEST_F( Sockets, KeepRoomForRoot ) {
+   if( !mayBeOthers() ) GTEST_SKIP();
+   constexpr gid_t friends = 54321;
+   serve( { .roles = { { friends, { "" } } }, .clients = 32 } );
+   int said[2], held[2];
+   ASSERT_EQ( pipe( said ) + pipe( held ), 0 );
+   // Tells how many of its connections are greeted, and keeps them until the test has ended.
+   const pid_t child = forkAs( 65534, friends, [&] {
+      uint8_t greeted = 0;
+      for( int i = 0; i < 33; ++i ) {
+         char byte;
+         greeted += read( connectRaw( path ), &byte, 1 ) == 1;
+      }
+      close( held[1] );
+      return write( said[1], &greeted, 1 ) == 1 ? static_cast< int >( read( held[0], said, 1 ) )
+                                                : 1;
+   } );
+   pollfd wait{ said[0], POLLIN, 0 };
+   while( poll( &wait, 1, 1 ) == 0 && waitpid( child, nullptr, WNOHANG ) == 0 ) settle();
+   uint8_t greeted = 0;
+   EXPECT_EQ( read( said[0], &greeted, 1 ), 1 );
+   EXPECT_EQ( greeted, 30 );
+   EXPECT_NE( server->lastFault().find( "expected no more than 30 clients" ), std::string::npos );
+   const int own = connectRaw( path );
+   settle();
+   char byte;
+   EXPECT_EQ( read( own, &byte, 1 ), 1 );
+   for( int fd : { own, said[0], said[1], held[0], held[1] } ) close( fd );
+   waitpid( child, nullptr, 0 );
+}
+
+TEST_F( Sockets, EndWhoDoesNotGreetInTime ) {
+   serve( { .greeting = milliseconds( 30 ) } );
+   source.lay();
+   mount();
+   settle();
+   const int silent = connectRaw( path );
+   settle();
+   ASSERT_EQ( server->clients(), 2u );
+   for( auto end = Clock::now() + std::chrono::seconds( 5 );
+        server->clients() == 2 && Clock::now() < end; ) {
+      pollfd wait{ server->fd(), POLLIN, 0 };
+      poll( &wait, 1, 100 );
+      settle();
+   }
+   EXPECT_EQ( server->clients(), 1u ); // who has, stays
+   EXPECT_NE( server->lastFault().find( "expected a greeting within the time for it" ),
+              std::string::npos );
+   close( silent );
+}
+
+/// A peer that knows the page of the attribute log and nothing of this code reads and writes.
+TEST_F( Sockets, SpeakWithAPeerWrittenFromTheirPage ) {
+   auto config = Ip::configFactory( "config" );
+   source.root->dirIs( "ip" )->entityIs( config );
+   for( const char * name : { "Ethernet1", "Vlan7" } ) {
+      config->ipIntfConfigIs( Velon::IntfId( name ) )->maxMssEgressIs( 1400 );
+   }
+   serve( { .writable = { "ip/config" } } );
+   const std::string output = directory + "/output";
+   const pid_t child = fork();
+   if( child == 0 ) {
+      const int file = open( output.c_str(), O_WRONLY | O_CREAT, 0600 );
+      dup2( file, STDOUT_FILENO );
+      dup2( file, STDERR_FILENO );
+      execlp( "python3", "python3", IPSTATE_SOURCE_DIR "/tests/stream/attribute_log_peer.py",
+              path.c_str(), nullptr );
+      _exit( 127 );
+   }
+   int status = 0;
+   while( waitpid( child, &status, WNOHANG ) == 0 ) {
+      settle();
+      usleep( 1000 );
+   }
+   if( WEXITSTATUS( status ) == 127 ) GTEST_SKIP() << "python3 is not installed";
+   std::ifstream file( output );
+   const std::string told( std::istreambuf_iterator< char >( file ), {} );
+   EXPECT_EQ( told, "Ethernet1 forwarding=1 maxMssEgress=1400\n"
+                    "Vlan7 forwarding=1 maxMssEgress=1400\n"
+                    "seen\n" );
+   EXPECT_EQ( status, 0 );
+   EXPECT_FALSE( config->ipIntfConfig( Velon::IntfId( "Ethernet1" ) )->forwarding() );
+   EXPECT_TRUE( config->ipIntfConfig( Velon::IntfId( "Vlan7" ) )->forwarding() );
+   EXPECT_EQ( server->faults(), 0u );
+}
+
 /// A loop of a process of its own that mounts one path; 0 when it is there, 2 when it is refused.
 int
 mountElsewhere( const std::string & path, const char * at, const char * mode ) {
