@@ -32,6 +32,11 @@ clearAddr( const Operation & operation, const SourceIntfDir & dir, Velon::IntfId
 
 // -- SourceIntfSm -----------------------------------------------------------------------------
 
+void
+SourceIntfSm::handleInitialized() {
+   initializedIs( true );
+}
+
 SourceIntf::Ptr
 SourceIntfSm::registerSourceIntf( Velon::IntfId intf ) {
    return registerUser( { traceHandle, "registerSourceIntf",
@@ -69,6 +74,11 @@ SourceIntfSm::ZekIpIntfStatus::handleDel() {
 }
 
 // -- VrfSourceIntfSm --------------------------------------------------------------------------
+
+void
+VrfSourceIntfSm::handleInitialized() {
+   initializedIs( true );
+}
 
 SourceIntf::Ptr
 VrfSourceIntfSm::registerSourceIntf( Velon::IntfId intf ) {

@@ -44,6 +44,11 @@ checkIntf( const Operation & operation, const SourceIntfDir & dir, const View * 
 
 // -- SourceIntfSm -----------------------------------------------------------------------------
 
+void
+SourceIntfSm::handleInitialized() {
+   initializedIs( true );
+}
+
 SourceIntf::Ptr
 SourceIntfSm::registerSourceIntf( Velon::IntfId intf ) {
    return registerUser( { traceHandle, "registerSourceIntf",
@@ -84,6 +89,11 @@ SourceIntfSm::ZekIpStatus::handleIntfInVrfChanged() {
 }
 
 // -- VrfSourceIntfSm --------------------------------------------------------------------------
+
+void
+VrfSourceIntfSm::handleInitialized() {
+   initializedIs( true );
+}
 
 SourceIntf::Ptr
 VrfSourceIntfSm::registerSourceIntf( Velon::IntfId intf ) {

@@ -7,25 +7,17 @@ namespace Zek::TypeLang {
 
 namespace {
 
-// The holes of one reaction's callback.
-struct Callback {
-   std::string declaration;
-   std::string definition;
-};
+bool
+uses( const Reaction & reaction, Action::Kind kind ) {
+   for( const Action & action : reaction.actions ) {
+      if( action.kind == kind ) return true;
+   }
+   return false;
+}
 
-// One action as statements. `key` names the changed member's key, or is empty.
+// A handler's call. `key` names the changed member's key, or is empty.
 std::string
-actionText( const Reaction & reaction, const Action & action, const std::string & key ) {
-   if( action.kind == Action::Kind::feed ) {
-      Holes h{ { "c", action.target }, { "w", reaction.attribute }, { "key", key } };
-      return fill( R"(   if( const auto member = input->$w$( $key$ ) ) {
-      machine->$c$Is( member );
-   } else {
-      machine->$c$Del( $key$ );
-   }
-)",
-                   h );
-   }
+handlerCall( const Action & action, const std::string & key ) {
    // The checker chose a handler that takes what there is: the reactor's key, the changed
    // member's, or both in this order.
    std::vector< std::string > arguments;
@@ -36,30 +28,43 @@ actionText( const Reaction & reaction, const Action & action, const std::string 
    return "   " + call( on + action.target, arguments, ";\n", 3 );
 }
 
-// Statements of a list of actions; between two the reactor must still be live.
-std::string
-actionsText( const Reaction & reaction, const std::string & key ) {
-   std::string out;
-   for( const Action & action : reaction.actions ) {
-      if( !out.empty() ) out += "   if( !live() ) return;\n";
-      out += actionText( reaction, action, key );
+// Statements of a reaction. Those that feed a collection are steps of their own: they run whatever
+// the handlers before them throw. Between two the reactor must still be live.
+class Steps {
+ public:
+   void handler( const std::string & statement ) {
+      if( steps_.empty() || steps_.back().feeds ) steps_.push_back( {} );
+      std::string & text = steps_.back().text;
+      if( !text.empty() ) text += "   if( !live() ) return;\n";
+      text += statement;
    }
-   return out;
-}
-
-bool
-uses( const Reaction & reaction, Action::Kind kind ) {
-   for( const Action & action : reaction.actions ) {
-      if( action.kind == kind ) return true;
+   void feed( const std::string & statements ) { steps_.push_back( { statements, true } ); }
+   std::string text() const {
+      if( steps_.empty() ) return "";
+      if( steps_.size() == 1 ) return steps_.front().text;
+      std::string out;
+      for( const Step & step : steps_ ) {
+         const bool oneLine = step.text.find( '\n' ) == step.text.size() - 1;
+         out += ( out.empty() ? "   zekInAnyCase(\n" : ",\n" ) + std::string( "      [&] {" ) +
+                ( oneLine ? step.text.substr( 2, step.text.size() - 3 ) + " }"
+                          : "\n" + indented( step.text, 6 ) + "      }" );
+      }
+      return out + " );\n";
    }
-   return false;
-}
 
-// The lines that start a callback: nothing for the dead; machine and input outlive what follows.
-// A reactor's own handlers hold what they go on using after an announcement.
+ private:
+   struct Step {
+      std::string text;
+      bool feeds = false;
+   };
+   std::vector< Step > steps_;
+};
+
+// What a reaction's statements use: machine and input outlive them. A reactor's own handlers hold
+// what they go on using after an announcement.
 std::string
 opening( const Holes & h, const Reaction & reaction ) {
-   std::string out = "   if( !live() ) return;\n";
+   std::string out;
    if( uses( reaction, Action::Kind::owner ) || uses( reaction, Action::Kind::feed ) ) {
       out += fill( "   const Zek::Ptr< $Machine$ > machine = owner();\n", h );
    }
@@ -67,64 +72,75 @@ opening( const Holes & h, const Reaction & reaction ) {
    return out;
 }
 
-Callback
-callback( const Reaction & reaction, Holes h ) {
+// The callbacks of one reaction. Each asks whether the reactor lives and calls a forwarder, which
+// has a name to break on.
+struct Callbacks {
+   std::string declaration;
+   std::string definition;
+};
+
+Callbacks
+callbacksOf( const Reaction & reaction, Holes h ) {
    const Member & watched = *reaction.watched;
-   bool keyed = watched.kind == MemberKind::collection;
+   const bool keyed = watched.kind == MemberKind::collection;
    h["A"] = capitalised( watched.name );
    h["w"] = watched.name;
    h["K"] = keyed ? cppStored( watched.keyType ) : "";
+   h["taken"] = keyed ? fill( " const $K$ & key ", h ) : "";
+   h["given"] = keyed ? " key " : "";
    h["opening"] = opening( h, reaction );
-   h["actions"] = actionsText( reaction, keyed ? "key" : "" );
-   Callback out;
-   if( !keyed ) {
-      // Owner's handlers are reached through a forwarder that has a name to break on.
-      if( uses( reaction, Action::Kind::owner ) ) {
-         out.declaration = fill( "      void on$A$() override;\n"
-                                 "      void zek_handle$X$_$w$();\n",
-                                 h );
-         out.definition = fill( R"(void
-$Class$::on$A$() {
-   if( live() ) zek_handle$X$_$w$();
-}
-
-void
-$Class$::zek_handle$X$_$w$() {
-$opening$
-$actions$
-}
-
-)",
-                                h );
-         return out;
-      }
-      out.declaration = fill( "      void on$A$() override;\n", h );
-      out.definition = fill( "void\n$Class$::on$A$() {\n$opening$\n$actions$\n}\n\n", h );
-      return out;
-   }
-   out.declaration = fill( "      void on$A$( const $K$ & key ) override;\n", h );
-   out.definition =
-      fill( "void\n$Class$::on$A$( const $K$ & key ) {\n$opening$\n$actions$\n}\n\n", h );
+   Steps steps;
+   Callbacks out;
    for( const Action & action : reaction.actions ) {
-      if( action.kind != Action::Kind::feed ) continue;
+      if( action.kind != Action::Kind::feed ) {
+         steps.handler( handlerCall( action, keyed ? "key" : "" ) );
+         continue;
+      }
       h["c"] = action.target;
-      out.declaration += fill( "      void on$A$zekImmediate() override;\n", h );
+      steps.feed( fill( R"(   if( const auto member = input->$w$( key ) ) {
+      machine->$c$Is( member );
+   } else {
+      machine->$c$Del( key );
+   }
+)",
+                        h ) );
+      out.declaration += fill( R"(      void on$A$zekImmediate() override {
+         if( live() ) zek_handle$X$_$w$();
+      }
+      void zek_handle$X$_$w$();
+)",
+                               h );
       out.definition += fill( R"(void
-$Class$::on$A$zekImmediate() {
-   if( !live() ) return;
+$Class$::zek_handle$X$_$w$() {
    const Zek::Ptr< $Machine$ > machine = owner();
    const auto input = notifier();
-   for( auto i = input->$w$IteratorConst(); i && live(); ++i ) {
-      machine->$c$Is( input->$w$( i.key() ) );
-   }
-   for( auto i = machine->$c$IteratorConst(); i && live(); ++i ) {
-      if( !input->$w$Has( i.key() ) ) machine->$c$Del( i.key() );
-   }
+   zekFeedAll(
+      input->$w$IteratorConst(),
+      [&]( auto & key ) { machine->$c$Is( input->$w$( key ) ); },
+      [&] { return machine->$c$IteratorConst(); },
+      [&]( auto & key ) {
+         if( !input->$w$Has( key ) ) machine->$c$Del( key );
+      } );
 }
 
 )",
                               h );
    }
+   h["steps"] = steps.text();
+   out.declaration.insert( 0, fill( R"(      void on$A$($taken$) override {
+         if( live() ) zek_handle$X$_$w$($given$);
+      }
+      void zek_handle$X$_$w$($taken$);
+)",
+                                    h ) );
+   out.definition.insert( 0, fill( R"(void
+$Class$::zek_handle$X$_$w$($taken$) {
+$opening$
+$steps$
+}
+
+)",
+                                   h ) );
    return out;
 }
 
@@ -132,33 +148,27 @@ $Class$::on$A$zekImmediate() {
 // what feeds a reactor collection.
 std::string
 attachment( const Type & machine, const Member & reactor, Reaction::When when ) {
-   std::string out;
+   Steps steps;
    bool listed = false;
    bool needsMachine = false;
-   auto add = [&]( const std::string & statement ) {
-      if( !out.empty() ) out += "   if( !live() ) return;\n";
-      out += statement;
-   };
    for( const Reaction & r : reactor.reactions ) {
       if( r.when != when ) continue;
       listed = true;
       for( const Action & action : r.actions ) {
          if( action.kind == Action::Kind::owner ) needsMachine = true;
-         add( actionText( r, action, "" ) );
+         steps.handler( handlerCall( action, "" ) );
       }
    }
    for( const Reaction & r : reactor.reactions ) {
       if( r.when != Reaction::When::on ) continue;
       if( uses( r, Action::Kind::feed ) ) {
-         add( "   on" + capitalised( r.attribute ) + "zekImmediate();\n" );
+         steps.feed( "   on" + capitalised( r.attribute ) + "zekImmediate();\n" );
       } else if( !listed && r.watched->kind != MemberKind::collection ) {
-         add( "   on" + capitalised( r.attribute ) + "();\n" );
+         steps.handler( "   on" + capitalised( r.attribute ) + "();\n" );
       }
    }
-   if( needsMachine ) {
-      out = "   const Zek::Ptr< " + machine.name + " > machine = owner();\n" + out;
-   }
-   return out;
+   if( !needsMachine ) return steps.text();
+   return "   const Zek::Ptr< " + machine.name + " > machine = owner();\n" + steps.text();
 }
 
 const Reaction *
@@ -185,7 +195,7 @@ emitReactor( const Type & machine, const Member & m ) {
    std::string definitions;
    for( const Reaction & r : m.reactions ) {
       if( r.when != Reaction::When::on ) continue;
-      Callback c = callback( r, h );
+      Callbacks c = callbacksOf( r, h );
       callbacks += c.declaration;
       definitions += c.definition;
    }
@@ -287,8 +297,7 @@ $Self$::$x$() const {
 void
 $Self$::$x$Is( const $InputPtr$ & input ) {
    if( $x$() == input ) return;
-   Zek::reactorIs( $x$_, *this, input );
-   announce( &NotifieeConst::on$X$ );
+   Zek::reactorIs( $x$_, *this, input, [&] { announce( &NotifieeConst::on$X$ ); } );
 }
 
 void
@@ -318,18 +327,19 @@ $Self$::$x$Del() {
    h["Shown"] = h["Input"];
    h["hasValue"] = "false";
    h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
-   h["gone"] = "   reactor->zekRelease();\n";
+   h["gone"] = "   reactor->zekRelease();\n   $x$Notify( removedKey );\n";
    if( const Reaction * gone = reactionOf( m, Reaction::When::gone ) ) {
-      h["gone"] =
-         fill( "   {\n      const Zek::ReleaseAtEnd< $Reactor$ > release{ *reactor };\n", h );
+      std::string handlers;
       for( const Action & action : gone->actions ) {
          bool own = action.kind == Action::Kind::self;
          bool takesKey = !action.handler->arguments.empty();
-         h["gone"] += "      " + std::string( own ? "reactor->" : "" ) + action.target +
-                      ( takesKey ? "( reactor->fwkKey() );\n" : "();\n" );
+         handlers += ( handlers.empty() ? "" : " " ) + std::string( own ? "reactor->" : "" ) +
+                     action.target + ( takesKey ? "( reactor->fwkKey() );" : "();" );
       }
-      h["gone"] += "   }\n";
+      h["gone"] = "   Zek::reactorGone(\n      *reactor, [&] { " + handlers +
+                  " }, [&] { $x$Notify( removedKey ); } );\n";
    }
+   h["gone"] = fill( h["gone"], h );
    out.declaration += fill( R"(   /// The reactor under `key`, or null.
    Zek::Ptr< $Reactor$ > $x$( const $K$ & key ) const;
 )",
@@ -351,7 +361,7 @@ $Self$::$x$( const $K$ & key ) const {
 $Self$::$x$Is( const $InputPtr$ & input ) {
    if( !input ) Zek::throwNullParameterException( "$full$", "$x$" );
    const $InputPtr$ held = input;
-   if( Zek::reactorIs< $Reactor$ >( $x$_, *this, held ) ) $x$Notify( held->fwkKey() );
+   Zek::reactorIs< $Reactor$ >( $x$_, *this, held, [&] { $x$Notify( held->fwkKey() ); } );
 }
 
 )",
@@ -360,7 +370,6 @@ $Self$::$x$Is( const $InputPtr$ & input ) {
    const Zek::Ptr< $Reactor$ > reactor = $x$_.take( removedKey );
    if( !reactor ) return;
 $gone$
-   $x$Notify( removedKey );
 )",
                         h );
    out.zombie = fill( "   for( $X$Iterator i( $x$_ ); i; ++i ) {\n"

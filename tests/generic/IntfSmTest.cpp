@@ -206,6 +206,42 @@ TEST( IntfSm, SurvivesNestedChangesAndExceptions ) {
                         "activeAddrChanged 4: Ethernet1 10.0.0.4/24\n" );
 }
 
+// What a client throws in answer to an announcement leaves the mutator, after the machine has done
+// what it must do itself.
+TEST( IntfSm, FollowsAlsoWhenAClientThrows ) {
+   IntfWorld< V4 > four;
+   IntfWorld< V6 > six;
+   four.start();
+   six.start();
+   four.recorder->then = six.recorder->then = []( const std::string & what ) {
+      if( what.starts_with( "intfStatusChanged" ) ) throw std::runtime_error( what );
+   };
+   const Intf e1( "Ethernet1" );
+   EXPECT_THROW( V4::is( *four.red, V4::recordMade( e1 ) ), std::runtime_error );
+   EXPECT_THROW( V6::is( *six.red, V6::recordMade( e1 ) ), std::runtime_error );
+   EXPECT_TRUE( four.machine->ipv4IntfStatusHas( e1 ) );
+   EXPECT_TRUE( six.machine->ipv6IntfStatusHas( e1 ) );
+   EXPECT_THROW( V4::del( *four.red, e1 ), std::runtime_error );
+   EXPECT_THROW( V6::del( *six.red, e1 ), std::runtime_error );
+   EXPECT_FALSE( four.machine->ipv4IntfStatusHas( e1 ) );
+   EXPECT_FALSE( six.machine->ipv6IntfStatusHas( e1 ) );
+}
+
+TEST( IntfSm, EndsAReactionWhoseReactorGoes ) {
+   IntfWorld< V4 > w;
+   const Intf e1( "Ethernet1" );
+   w.intfIs( "Ethernet1" );
+   w.start();
+   w.seen();
+   const auto reactor = w.machine->ipv4IntfStatus( e1 );
+   w.recorder->then = [&]( const std::string & what ) {
+      if( what == "dpRoutingChanged 1" ) w.machine->ipv4IntfStatusDel( e1 );
+   };
+   reactor->notifierIs( V4::recordMade( e1 ) ); // forwarding first, then the primary address
+   EXPECT_EQ( w.seen(), "dpRoutingChanged 1: Ethernet1 -\n" );
+   EXPECT_FALSE( reactor->isRegisteredNotifiee() );
+}
+
 TEST( IntfSm, TracesEachHandler ) {
    Traces traces( "Ira::IpGenIntfSm/8" );
    auto lines = [&]( std::initializer_list< const char * > texts ) {

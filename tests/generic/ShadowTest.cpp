@@ -811,9 +811,14 @@ class Model {
    void membersChanged( const Members & members, const std::vector< MMachine * > & machines,
                         unsigned i ) {
       for( MMachine * m : std::vector< MMachine * >( machines ) ) {
+         bool threw = false;
          if( m->kind == MMachine::intf ) {
             m->view->counters.changedIntf = intfOf( i );
-            bump( *m->view, 0 );
+            try {
+               bump( *m->view, 0 );
+            } catch( const Boom & ) {
+               threw = true; // its reactors follow all the same
+            }
          }
          const auto found = members.find( intfOf( i ) );
          if( found != members.end() ) {
@@ -821,6 +826,7 @@ class Model {
          } else {
             inputDel( *m, intfOf( i ) );
          }
+         if( threw ) throw Boom();
       }
    }
 
@@ -859,9 +865,7 @@ class Model {
             each( walked->secondary, [&]( const auto & ) { secondaryHandled( *w ); } );
          }
       } catch( const Boom & ) {
-         const auto own = m.reactors.find( i );
-         if( own != m.reactors.end() && own->second == w ) m.reactors.erase( own );
-         release( *w );
+         if( w->machine ) join( *w ); // it goes on watching
          throw;
       }
       if( w->machine ) join( *w );

@@ -154,6 +154,10 @@ TYPED_TEST_SUITE( Registries, Kinds );
 TYPED_TEST( Registries, FollowAnInterfaceThatComesChangesAndGoes ) {
    using K = TypeParam;
    Registered< K > w;
+   EXPECT_TRUE( w.machine->initialized() );
+   w.machine->initializedIs( false );
+   w.machine->handleInitialized();
+   EXPECT_TRUE( w.machine->initialized() );
    const std::string one = K::shownOne, two = K::shownTwo;
    const auto sip = w.machine->registerSourceIntf( e1 );
    EXPECT_EQ( orDash( sip->ipAddr().toString() ), K::none );

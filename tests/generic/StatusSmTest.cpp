@@ -3,6 +3,7 @@
 
 #include "tests/generic/World.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace Generic {
@@ -256,13 +257,60 @@ TEST( StatusSm, LetsExceptionsThroughAndGoesOn ) {
    EXPECT_EQ( w.seen(), "addrChanged 2: - Ethernet1 10.0.0.1/24\n"
                         "addrChanged 3: - Ethernet1 10.0.0.2/24\n"
                         "activeAddrChanged 2: - Ethernet1 10.0.0.2/24\n" );
-   // A start that throws leaves no reactor; the next change of the entry starts again.
+   // A start that throws ends its reports; the machine goes on watching.
    EXPECT_THROW( w.intfIs( "Ethernet2" ), std::runtime_error );
-   EXPECT_FALSE( w.machine->ipv4IntfStatusHas( Intf( "Ethernet2" ) ) );
-   w.status->ipIntfStatusNotify( Intf( "Ethernet2" ) );
+   Zek::constCast( w.status->ipIntfStatus( Intf( "Ethernet2" ) ) )
+      ->activeAddrWithMaskIs( v4( "10.0.0.3/24" ) );
    EXPECT_EQ( w.seen(), "addrChanged 4: - Ethernet2 0.0.0.0/0\n"
-                        "addrChanged 5: - Ethernet2 0.0.0.0/0\n"
-                        "activeAddrChanged 3: - Ethernet2 0.0.0.0/0\n" );
+                        "addrChanged 5: - Ethernet2 10.0.0.3/24\n"
+                        "activeAddrChanged 3: - Ethernet2 10.0.0.3/24\n" );
+}
+
+// What a client throws in answer to an announcement leaves the mutator, after the machine has done
+// what it must do itself.
+template< class F, class Vrfs, class Intfs, class Resync >
+void
+followsAlsoWhenAClientThrows( Vrfs vrfs, Intfs intfs, Resync resync ) {
+   StatusWorld< F > w;
+   w.start();
+   w.recorder->then = [&]( const std::string & what ) { throw std::runtime_error( what ); };
+   EXPECT_THROW( F::vrfIs( *w.status, Vrf( "blue" ) ), std::runtime_error );
+   EXPECT_EQ( vrfs( *w.machine ), 2u );
+   EXPECT_THROW( F::vrfDel( *w.status, Vrf( "blue" ) ), std::runtime_error );
+   EXPECT_EQ( vrfs( *w.machine ), 1u );
+   // Many at once: the first exception leaves when all have their reactors.
+   w.machine->zekDoZombieReactors( true );
+   for( const char * name : { "Ethernet1", "Ethernet2", "Ethernet3" } ) {
+      auto record = F::recordMade( Intf( name ) );
+      if constexpr( std::is_same_v< F, V6 > ) addrIs( *record, "2001:db8::1/64" );
+      F::is( *w.status, record );
+   }
+   w.machine->zekDoZombieReactors( false );
+   w.seen();
+   EXPECT_THROW( resync( *w.machine ), std::runtime_error );
+   EXPECT_EQ( intfs( *w.machine ), 3u );
+   const std::string told = w.seen();
+   EXPECT_EQ( std::count( told.begin(), told.end(), '\n' ), 3 ) << told;
+}
+
+TEST( StatusSm, FollowsAlsoWhenAClientThrows ) {
+   using Sm = IpGen::StatusSm;
+   followsAlsoWhenAClientThrows< V4 >(
+      []( Sm & m ) { return m.vrfIpv4StatusCount(); },
+      []( Sm & m ) { return m.ipv4IntfStatusCount(); },
+      []( Sm & m ) { m.ipv4StatusReactor()->onIpIntfStatuszekImmediate(); } );
+   followsAlsoWhenAClientThrows< V6 >(
+      []( Sm & m ) { return m.vrfIpv6StatusCount(); },
+      []( Sm & m ) { return m.ipv6IntfStatusCount(); },
+      []( Sm & m ) { m.ipv6StatusReactor()->onIntfzekImmediate(); } );
+}
+
+TEST( StatusSm, EndsAReactionWhoseReactorGoes ) {
+   StatusWorld< V4 > w;
+   w.start();
+   w.recorder->then = [&]( const std::string & ) { w.machine->ipv4StatusDel(); };
+   V4::vrfIs( *w.status, Vrf( "blue" ) );
+   EXPECT_FALSE( w.machine->vrfIpv4StatusHas( Vrf( "blue" ) ) );
 }
 
 TEST( StatusSm, TracesEachHandler ) {

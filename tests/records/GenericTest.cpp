@@ -191,10 +191,23 @@ TEST( Generic, ReadsTheInputsOfMachines ) {
    EXPECT_EQ( read( "initialized" ), GenericValue( true ) );
    EXPECT_EQ( read( "ipv4Status" ).object(), status.ptr() );
    EXPECT_EQ( read( "ipv6Status" ).shape(), "a null pointer" );
+   // What is held by a pointer to const stays out of reach.
+   const auto held = companion( "IpGen::Ipv4Status" )
+                        .genericIfAttributeOp( view, GenericOperation::read, "ipStatus" );
+   for( const GenericValue & value : { read( "ipv4Status" ), held } ) {
+      EXPECT_EQ( rejection( [&] {
+                    companion( "Ip::Status" )
+                       .genericIfAttributeOp( value, GenericOperation::remove, "ipIntfStatus",
+                                              { ethernet1 } );
+                 } ),
+                 "Ip::Status::ipIntfStatus cannot be removed from: the object is held by a const "
+                 "pointer" );
+   }
    auto inputs = type.genericIfIterator( machine, type.attribute( "ipv4IntfStatus" ).id );
    ASSERT_TRUE( inputs );
    EXPECT_EQ( inputs.key(), GenericValue( ethernet1 ) );
    EXPECT_EQ( inputs.value().object(), record.ptr() );
+   EXPECT_TRUE( inputs.value().isConst() );
    EXPECT_FALSE( ++inputs );
    EXPECT_EQ( type.genericIfAttributeOp( machine, GenericOperation::count, "ipv6IntfStatus" ),
               GenericValue( uint64_t( 0 ) ) );
