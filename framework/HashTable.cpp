@@ -3,7 +3,6 @@
 #include "framework/Assert.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -71,7 +70,8 @@ HashTable::make( const HashTableOps & ops, uint8_t shift, uint32_t length ) {
       memory = mmap( nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
       if( memory == MAP_FAILED ) memory = nullptr;
    } else {
-      memory = std::calloc( 1, bytes );
+      memory = ::operator new( bytes );
+      std::memset( memory, 0, bytes );
    }
    if( !memory ) throw std::bad_alloc();
    return new( memory ) Rep( header );
@@ -94,7 +94,7 @@ HashTable::release( Rep * rep, uint32_t from, uint32_t to ) {
 void
 HashTable::destroy( Rep * rep, uint32_t from ) {
    if( !rep->isMapped ) {
-      std::free( rep );
+      ::operator delete( rep );
       return;
    }
    size_t bytes = rep->bytes();
@@ -188,7 +188,8 @@ HashTable::emptySlot( const Rep * rep, uint32_t at ) {
 
 // -- Growth -----------------------------------------------------------------------------------
 
-// REQUIRES no growth in progress. Afterwards there is room for one more member.
+// REQUIRES no growth in progress. Afterwards there is room for one more member. Changes nothing
+// on bad_alloc.
 void
 HashTable::grow() {
    Rep * old = rep_;
@@ -215,7 +216,15 @@ HashTable::grow() {
    old->begin = 0;
    passCursors( old, rep );
    rep_ = rep;
-   migrate( old->length < atOnce ? old->length : slotsPerStep );
+   try {
+      migrate( old->length < atOnce ? old->length : slotsPerStep );
+   } catch( ... ) {
+      rep = std::exchange( rep_, old ); // widened, perhaps
+      old->count = rep->count;
+      passCursors( rep, old );
+      destroy( rep, 0 );
+      throw;
+   }
 }
 
 // Moves so many slots of the old array, and members of the last one's hash. On bad_alloc nothing
@@ -469,7 +478,8 @@ HashTable::memberAfter( const PtrInterface * member ) const {
 
 void
 HashTable::passCursors( Rep * from, Rep * to ) {
-   to->cursors = from->cursors;
+   // An array that lives on must not pass on again those that have gone meanwhile.
+   to->cursors = std::exchange( from->cursors, nullptr );
    if( to->cursors ) to->cursors->previous_ = &to->cursors;
 }
 

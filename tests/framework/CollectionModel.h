@@ -1,7 +1,8 @@
 // Random stories told to a collection and to a std::map beside it, with iterators alive meanwhile.
 //
 // Whatever happens to the collection, an iterator must stay on its key and step to what the model
-// calls the next one.
+// calls the next one. The order in which keys come is a dimension of each story: a copy of a walk,
+// forwards, backwards or from its middle, crowds an array as no random order does.
 
 #pragma once
 
@@ -10,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -38,6 +41,12 @@ struct Clash { // three hashes in all, those at the upper end
       static constexpr uint32_t hashes[] = { 0xffffffff, 0x7fffffff, 0xfffffffe };
       return hashes[number % 3];
    }
+   uint32_t number;
+};
+
+struct Same { // one hash for all
+   Same( uint32_t n ) : number( n ) {}
+   uint32_t hash() const { return 0x5eed; }
    uint32_t number;
 };
 
@@ -83,19 +92,31 @@ class Node final : public Base {
    static uint64_t alive() { return allocTrackTypeInfo_.liveObjects(); }
 };
 
+/// How the keys of a story's changes follow each other.
+enum class KeyOrder { random, forwards, backwards, fromTheMiddle, clustered };
+constexpr KeyOrder keyOrders[] = { KeyOrder::random, KeyOrder::forwards, KeyOrder::backwards,
+                                   KeyOrder::fromTheMiddle, KeyOrder::clustered };
+
 template< class Map, class Key, class Order >
 class Story {
  public:
-   explicit Story( uint32_t seed ) : random_( seed ) {}
+   explicit Story( uint32_t seed, KeyOrder order = KeyOrder::random )
+      : random_( seed ),
+        order_( order ) {}
 
    /// `keys` numbers take part; of 100 changes of the members, `insertions` add or change.
    void tell( int steps, uint32_t keys, uint32_t insertions ) {
+      walk_.clear();
+      for( uint32_t n = 0; n < keys; ++n ) walk_.emplace_back( n );
+      std::sort( walk_.begin(), walk_.end(), Order() );
+      at_ = order_ == KeyOrder::backwards ? keys : order_ == KeyOrder::fromTheMiddle ? keys / 2 : 0;
       for( int i = 0; i < steps && !testing::Test::HasFatalFailure(); ++i ) {
-         Key key( any( keys ) );
+         // Made and gone before the next change.
+         if( any( 2 ) ) typename Map::IteratorConst passing( map );
          if( any( 100 ) < insertions ) {
-            set( key );
+            set( next() );
          } else {
-            remove( key );
+            remove( any( 2 ) ? next() : Key( any( keys ) ) );
          }
          tellIterators( keys );
          if( any( 300 ) == 0 ) checkWalk();
@@ -109,7 +130,7 @@ class Story {
       map.clear();
       model.clear();
       checkWalk();
-      for( Cursor & c : cursors_ ) check( c );
+      for( const auto & c : cursors_ ) check( *c );
    }
    void checkWalk() {
       auto expected = model.begin();
@@ -134,6 +155,24 @@ class Story {
    };
 
    uint32_t any( uint32_t below ) { return static_cast< uint32_t >( random_() % below ); }
+   // The key of the next change: round and round the walk, but where the order is random.
+   Key next() {
+      const auto keys = static_cast< uint32_t >( walk_.size() );
+      switch( order_ ) {
+      case KeyOrder::random:
+         return walk_[any( keys )];
+      case KeyOrder::forwards:
+      case KeyOrder::fromTheMiddle:
+         return walk_[at_++ % keys];
+      case KeyOrder::backwards:
+         at_ = at_ ? at_ - 1 : keys - 1;
+         return walk_[at_];
+      case KeyOrder::clustered:
+         if( any( 64 ) == 0 ) at_ = any( keys );
+         return walk_[( at_ + any( 8 ) ) % keys];
+      }
+      return walk_.front();
+   }
 
    void set( const Key & key ) {
       int value = static_cast< int >( any( 3 ) );
@@ -164,21 +203,23 @@ class Story {
       if( cursors_.size() < 6 ) {
          if( any( 2 ) ) {
             auto first = model.begin();
-            cursors_.push_back( { typename Map::Iterator( map ), {} } );
-            if( first != model.end() ) cursors_.back().on.push_back( first->first );
+            cursors_.emplace_back( new Cursor{ typename Map::Iterator( map ), {} } );
+            if( first != model.end() ) cursors_.back()->on.push_back( first->first );
          } else {
             Key key( any( keys ) );
-            cursors_.push_back( { typename Map::Iterator( map, key ), {} } );
-            if( model.count( key ) ) cursors_.back().on.push_back( key );
+            cursors_.emplace_back( new Cursor{ typename Map::Iterator( map, key ), {} } );
+            if( model.count( key ) ) cursors_.back()->on.push_back( key );
          }
-         check( cursors_.back() );
+         check( *cursors_.back() );
       }
-      Cursor & c = cursors_[any( static_cast< uint32_t >( cursors_.size() ) )];
+      const uint32_t chosen = any( static_cast< uint32_t >( cursors_.size() ) );
+      Cursor & c = *cursors_[chosen];
       check( c );
-      if( c.on.empty() ) {
-         Cursor last = cursors_.back();
+      if( c.on.empty() || any( 8 ) == 0 ) {
+         const Cursor last = *cursors_.back();
          c = last;
-         cursors_.pop_back();
+         check( c );
+         cursors_.erase( cursors_.begin() + any( static_cast< uint32_t >( cursors_.size() ) ) );
          return;
       }
       ++c.at;
@@ -196,7 +237,10 @@ class Story {
    }
 
    std::mt19937 random_;
-   std::vector< Cursor > cursors_;
+   const KeyOrder order_;
+   std::vector< Key > walk_;                          // all keys in the order of the collection
+   uint32_t at_ = 0;                                  // a place in it
+   std::vector< std::unique_ptr< Cursor > > cursors_; // alone, so that a stray one is found
 };
 
 } // namespace CollectionTest

@@ -1,7 +1,11 @@
 #include "framework/RbTreeMap.h"
+#include "framework/ValueSet.h"
 #include "tests/framework/CollectionModel.h"
 
+#include <algorithm>
 #include <functional>
+#include <random>
+#include <set>
 
 namespace CollectionTest {
 namespace {
@@ -11,9 +15,11 @@ using TreeMap = Zek::RbTreeMap< TreeNode, Id, int >;
 static_assert( sizeof( TreeMap ) == sizeof( void * ) );
 
 TEST( RbTreeMap, FollowsTheModelThroughRandomChanges ) {
-   for( uint32_t seed = 1; seed <= 4; ++seed ) {
+   uint32_t seed = 0;
+   for( KeyOrder order : keyOrders ) {
+      ++seed;
       {
-         Story< TreeMap, Id, std::less< Id > > story( seed );
+         Story< TreeMap, Id, std::less< Id > > story( seed, order );
          for( uint32_t keys : { 3u, 12u, 40u, 2000u } ) {
             for( uint32_t insertions : { 70u, 30u } ) {
                for( int round = 0; round < 40; ++round ) {
@@ -68,6 +74,37 @@ TEST( RbTreeMap, ARemovedNodeIsNotInsertedAgain ) {
    map.valueIs( Id( 1 ), 0 );
    Zek::Ptr< TreeNode > taken = map.take( Id( 1 ) );
    EXPECT_DEATH( map.insert( taken.ptr() ), "a node belongs to one collection" );
+}
+
+// -- Sets inside values -----------------------------------------------------------------------
+
+TEST( ValueSet, FollowsTheModelWhileItIsWalkedByKey ) {
+   std::mt19937 random( 1 );
+   for( KeyOrder order : { KeyOrder::random, KeyOrder::forwards, KeyOrder::backwards } ) {
+      Zek::ValueSet< uint32_t > set;
+      std::set< uint32_t > model;
+      uint32_t on = 0;
+      for( uint32_t i = 0; i < 4000; ++i ) {
+         const uint32_t key = order == KeyOrder::random     ? random() % 64
+                              : order == KeyOrder::forwards ? i % 64
+                                                            : 63 - i % 64;
+         if( random() % 3 ) {
+            ASSERT_EQ( set.insert( key ), model.insert( key ).second );
+         } else {
+            // By the set's own key, which goes with it.
+            auto own = std::find( set.begin(), set.end(), key );
+            ASSERT_EQ( set.remove( own == set.end() ? key : *own ), model.erase( key ) == 1 );
+         }
+         auto next = model.upper_bound( on );
+         auto at = std::upper_bound( set.begin(), set.end(), on );
+         ASSERT_EQ( at == set.end(), next == model.end() );
+         if( at != set.end() ) {
+            ASSERT_EQ( *at, *next );
+         }
+         on = at == set.end() ? 0 : *at;
+         ASSERT_TRUE( std::equal( set.begin(), set.end(), model.begin(), model.end() ) );
+      }
+   }
 }
 
 } // namespace
