@@ -18,6 +18,7 @@ NotifieeConst::handleZeroRef() {
    if( isRegisteredNotifiee() && notifier_ && notifier_->notifieeList().isBeingCalled( this ) ) {
       // Its call goes on, but no visit starts another one: leaving the list makes the visit hold
       // it. Its notifier stays, since the callback may still be using it.
+      isWeakNotifieeIs( false );
       registeredIs( false );
    } else if( lastReferenceGone() ) {
       detach();
@@ -27,11 +28,12 @@ NotifieeConst::handleZeroRef() {
 
 void
 NotifieeConst::hasNotificationActiveIs( bool active ) {
-   bool before = unusual();
+   if( active == hasNotificationActive() ) return;
+   const bool before = unusual();
+   const bool isMember = notifier_ && isRegisteredNotifiee();
+   if( isMember && !before ) notifier_->notifieeList().reserveUnusual();
    notificationActiveIs( active );
-   if( unusual() != before && notifier_ && isRegisteredNotifiee() ) {
-      notifier_->notifieeList().unusualChanged( this );
-   }
+   if( isMember && unusual() != before ) notifier_->notifieeList().unusualChanged( this );
 }
 
 void
@@ -74,9 +76,14 @@ NotifieeConst::isWeakNotifieeIs( bool weak ) {
    if( weak == isWeakNotifiee() ) return;
    if( notifier_ && !weak ) notifier_->referencesInc();
    // The place of a registered notifiee does not depend on its hold.
-   if( !isRegisteredNotifiee() ) leave();
+   if( notifier_ && !isRegisteredNotifiee() ) {
+      if( weak ) {
+         notifier_->notifieeList().addPassive( this );
+      } else {
+         notifier_->notifieeList().removePassive( this );
+      }
+   }
    flag( weakFlag, weak );
-   if( !isRegisteredNotifiee() ) join();
    if( notifier_ && weak ) notifier_->referencesDec();
 }
 
@@ -89,6 +96,10 @@ void
 NotifieeConst::assign( const Notifier * notifier, bool partial ) {
    if( notifier == notifier_ ) return;
    bool counted = !isWeakNotifiee();
+   if( notifier && ( isRegisteredNotifiee() || !counted ) ) {
+      notifier->notifieeList().reserve( partial || !hasNotificationActive(),
+                                        !isRegisteredNotifiee() );
+   }
    if( notifier && counted ) notifier->referencesInc();
    leave();
    const Notifier * old = std::exchange( notifier_, notifier );
@@ -100,14 +111,16 @@ NotifieeConst::assign( const Notifier * notifier, bool partial ) {
 
 void
 NotifieeConst::registeredIs( bool registered ) {
-   leave();
-   flag( registeredFlag, registered );
-   try {
-      join();
-   } catch( ... ) {
-      flag( registeredFlag, !registered );
-      throw;
+   if( notifier_ ) {
+      NotifieeList & list = notifier_->notifieeList();
+      const bool weak = isWeakNotifiee();
+      if( registered ) {
+         weak ? list.promote( this ) : list.add( this );
+      } else {
+         weak ? list.demote( this ) : list.remove( this );
+      }
    }
+   flag( registeredFlag, registered );
 }
 
 void

@@ -13,13 +13,15 @@
 //    Ptr< const T > notifier() const { return notifierAs< T >(); }
 //
 // None of the switches delivers anything retroactively. All of them may be used from inside
-// callbacks.
+// callbacks. Those that need memory and find none throw std::bad_alloc and have changed nothing; to
+// leave a list needs none.
 
 #pragma once
 
 #include "framework/Export.h"
 #include "framework/Ptr.h"
 
+#include <cstdint>
 #include <typeinfo>
 
 namespace Zek {
@@ -117,6 +119,8 @@ class IPSTATE_EXPORT PtrInterface::NotifieeConst : public PtrInterface {
    // The list's mark while it calls this notifiee in place; it has converted to a block before
    // anything else happens to this notifiee or the list.
    bool calledInPlace_ = false;
+   // The lower half of its place in the array of a long list; see there.
+   uint16_t place_ = 0;
    const Notifier * notifier_ = nullptr;
 };
 

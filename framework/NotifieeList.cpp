@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -54,23 +55,54 @@ struct NotifieeList::Visit {
 };
 
 /// Everything that does not fit the word. The array follows: the registered notifiees in order,
-/// then the passive ones in any order.
+/// with holes perhaps, then the passive ones in any order.
 struct NotifieeList::Block {
    Visit * innermost = nullptr;
+   /// Their places, the holes included.
    uint32_t registered = 0;
-   /// How many of them are suspended or watch a base part of the notifier only.
+   /// How many of them are suspended, watch a base part of the notifier only, or are holes.
    uint32_t unusual = 0;
+   uint32_t holes = 0;
    uint32_t passive = 0;
    uint32_t capacity = 0;
+   /// Something for settle() may have come up.
+   bool unsettled = false;
    /// The notifier, when the visits in progress hold a reference to it.
    const Notifier * kept = nullptr;
    Extras * extras = nullptr;
-   /// Something for settle() may have come up.
-   bool unsettled = false;
+
+   /// In lists of no more places, who leaves makes the others move up. There the places that
+   /// registered notifiees know may be those of earlier times.
+   static constexpr uint32_t fewPlaces = 64;
+   bool leavesHoles() const { return registered > fewPlaces; }
 
    NotifieeConst ** members() { return reinterpret_cast< NotifieeConst ** >( this + 1 ); }
    NotifieeConst ** passives() { return members() + registered; }
    NotifieeConst ** end() { return members() + registered + passive; }
+
+   void put( NotifieeConst ** place, NotifieeConst * notifiee ) {
+      *place = notifiee;
+      notifiee->place_ = static_cast< uint16_t >( place - members() );
+   }
+   NotifieeConst ** find( NotifieeConst ** from, NotifieeConst ** to, const NotifieeConst * what ) {
+      const auto first = static_cast< size_t >( from - members() );
+      const auto last = static_cast< size_t >( to - members() );
+      for( size_t at = what->place_; at < last; at += size_t{ UINT16_MAX } + 1 ) {
+         if( at >= first && members()[at] == what ) return members() + at;
+      }
+      return std::find( from, to, what );
+   }
+   /// One more registered one, for which there is room at passives().
+   void append( NotifieeConst * notifiee ) {
+      put( passives(), notifiee );
+      registered++;
+      unusual += notifiee->unusual();
+      if( registered == fewPlaces + 1 ) {
+         for( NotifieeConst ** at = members(); at != passives(); ++at ) put( at, *at );
+      }
+   }
+   void erase( NotifieeConst * notifiee );
+   void closeHoles();
 
    static Block * make( uint32_t capacity ) {
       void * memory = ::operator new( sizeof( Block ) + capacity * sizeof( NotifieeConst * ) );
@@ -90,7 +122,7 @@ NotifieeList::~NotifieeList() {
 uint32_t
 NotifieeList::count() const {
    if( !word_ ) return 0;
-   return holdsBlock() ? block()->registered : 1;
+   return holdsBlock() ? block()->registered - block()->holes : !departed();
 }
 
 NotifieeList::Extras *
@@ -99,78 +131,137 @@ NotifieeList::extras() const {
 }
 
 void
-NotifieeList::extrasIs( Extras * extras ) {
+NotifieeList::extrasIs( std::unique_ptr< Extras > extras ) {
    if( !extras && !this->extras() ) return;
    Block * b = roomFor( 0 );
-   Extras * old = std::exchange( b->extras, extras );
+   const std::unique_ptr< Extras > old( std::exchange( b->extras, extras.release() ) );
    settleUnlessVisited();
-   delete old;
 }
 
 // ---- members ------------------------------------------------------------------------------
 
 void
+NotifieeList::reserve( bool unusual, bool passive ) {
+   if( word_ || unusual || passive ) roomFor( 1 );
+}
+
+void
 NotifieeList::add( NotifieeConst * notifiee ) {
-   bool unusual = notifiee->unusual();
-   if( !word_ && !unusual ) {
+   if( !word_ && !notifiee->unusual() ) {
       word_ = reinterpret_cast< uintptr_t >( notifiee );
       return;
    }
    Block * b = roomFor( 1 );
-   if( b->passive ) *b->end() = *b->passives();
-   *b->passives() = notifiee;
-   b->registered++;
-   b->unusual += unusual;
+   if( b->passive ) b->put( b->end(), *b->passives() );
+   b->append( notifiee );
 }
 
 void
 NotifieeList::addPassive( NotifieeConst * notifiee ) {
    Block * b = roomFor( 1 );
-   *b->end() = notifiee;
+   b->put( b->end(), notifiee );
    b->passive++;
 }
 
 void
 NotifieeList::remove( NotifieeConst * notifiee ) {
-   if( inPlace() == notifiee && !notifiee->calledInPlace_ ) {
-      word_ = 0;
+   if( !holdsBlock() ) {
+      assertThat( inPlace() == notifiee, "registered notifiee is in the list", "NotifieeList" );
+      if( notifiee->calledInPlace_ ) {
+         notifiee->calledInPlace_ = false;
+         notifiee->referencesInc();
+         word_ |= blockTag | departedTag;
+      } else {
+         word_ = 0;
+      }
       return;
    }
-   Block * b = roomFor( 0 );
-   NotifieeConst ** place = std::find( b->members(), b->passives(), notifiee );
-   assertThat( place != b->passives(), "registered notifiee is in the list", "NotifieeList" );
-   auto index = static_cast< uint32_t >( place - b->members() );
-   for( Visit * v = b->innermost; v; v = v->outer ) {
-      v->pause( b->members() );
+   block()->erase( notifiee );
+   settleUnlessVisited();
+}
+
+/// Takes a registered notifiee out; what visits are about to call stays the same.
+void
+NotifieeList::Block::erase( NotifieeConst * notifiee ) {
+   NotifieeConst ** place = find( members(), passives(), notifiee );
+   assertThat( place != passives(), "registered notifiee is in the list", "NotifieeList" );
+   const auto index = static_cast< size_t >( place - members() );
+   const bool leavesHole = leavesHoles();
+   for( Visit * v = innermost; v; v = v->outer ) {
+      v->pause( members() );
       if( index >= v->end ) continue;
-      v->end--;
+      if( !leavesHole ) v->end--;
       if( index >= v->next ) continue;
-      if( v->current( b->members() ) == notifiee ) {
+      if( v->current( members() ) == notifiee ) {
          notifiee->referencesInc();
          v->held = notifiee;
       }
-      v->next--;
+      if( !leavesHole ) v->next--;
    }
-   std::copy( place + 1, b->passives(), place );
-   b->registered--;
-   if( b->passive ) *b->passives() = *b->end();
-   b->unusual -= notifiee->unusual();
-   settleUnlessVisited();
+   unusual -= notifiee->unusual();
+   if( leavesHole ) {
+      *place = nullptr;
+      holes++;
+      unusual++;
+      if( holes * 2 > registered ) closeHoles();
+   } else {
+      std::copy( place + 1, passives(), place );
+      registered--;
+      if( passive ) put( passives(), *end() );
+   }
+}
+
+/// REQUIRES all visits paused.
+void
+NotifieeList::Block::closeHoles() {
+   for( Visit * v = innermost; v; v = v->outer ) {
+      NotifieeConst ** next = members() + v->next;
+      const auto before = std::count( members(), next, nullptr );
+      v->end -= static_cast< size_t >( before + std::count( next, members() + v->end, nullptr ) );
+      v->next -= static_cast< size_t >( before );
+   }
+   NotifieeConst ** to = members();
+   for( NotifieeConst ** at = to; at != end(); ++at ) {
+      if( *at ) put( to++, *at );
+   }
+   registered -= holes;
+   unusual -= holes;
+   holes = 0;
 }
 
 void
 NotifieeList::removePassive( NotifieeConst * notifiee ) {
    Block * b = block();
-   NotifieeConst ** place = std::find( b->passives(), b->end(), notifiee );
+   NotifieeConst ** place = b->find( b->passives(), b->end(), notifiee );
    assertThat( place != b->end(), "weak notifiee is in the list", "NotifieeList" );
    b->passive--;
-   *place = *b->end();
+   if( place != b->end() ) b->put( place, *b->end() );
+   settleUnlessVisited();
+}
+
+void
+NotifieeList::promote( NotifieeConst * notifiee ) {
+   Block * b = block();
+   NotifieeConst ** place = b->find( b->passives(), b->end(), notifiee );
+   assertThat( place != b->end(), "weak notifiee is in the list", "NotifieeList" );
+   b->put( place, *b->passives() );
+   b->passive--;
+   b->append( notifiee );
+   settleUnlessVisited();
+}
+
+void
+NotifieeList::demote( NotifieeConst * notifiee ) {
+   Block * b = roomFor( 1 );
+   b->erase( notifiee );
+   b->put( b->end(), notifiee );
+   b->passive++;
    settleUnlessVisited();
 }
 
 void
 NotifieeList::unusualChanged( NotifieeConst * notifiee ) {
-   Block * b = roomFor( 0 );
+   Block * b = block();
    if( notifiee->unusual() ) {
       b->unusual++;
       for( Visit * v = b->innermost; v; v = v->outer ) v->pause( b->members() );
@@ -182,7 +273,7 @@ NotifieeList::unusualChanged( NotifieeConst * notifiee ) {
 
 bool
 NotifieeList::isBeingCalled( const NotifieeConst * notifiee ) const {
-   if( !holdsBlock() ) return inPlace() == notifiee && notifiee->calledInPlace_;
+   if( !holdsBlock() ) return inPlace() == notifiee && visitInProgress();
    Block * b = block();
    for( Visit * v = b->innermost; v; v = v->outer ) {
       if( v->current( b->members() ) == notifiee ) return true;
@@ -193,19 +284,22 @@ NotifieeList::isBeingCalled( const NotifieeConst * notifiee ) const {
 void
 NotifieeList::keep( const Notifier * notifier ) {
    notifier->referencesInc();
-   Block * b = roomFor( 0 );
-   b->kept = notifier;
-   b->unsettled = true;
+   if( holdsBlock() ) {
+      block()->kept = notifier;
+      block()->unsettled = true;
+   } else {
+      word_ |= blockTag | keptTag;
+   }
 }
 
 NotifieeList::NotifieeConst *
 NotifieeList::logAdaptor( uint32_t n ) const {
-   if( !word_ ) return nullptr;
+   if( !word_ || departed() ) return nullptr;
    NotifieeConst * single = holdsBlock() ? nullptr : inPlace();
    NotifieeConst ** at = single ? &single : block()->members();
    NotifieeConst ** end = single ? at + 1 : block()->passives();
    for( ; at != end; ++at ) {
-      if( ( *at )->zekIsLogAdaptor() && n-- == 0 ) return *at;
+      if( *at && ( *at )->zekIsLogAdaptor() && n-- == 0 ) return *at;
    }
    return nullptr;
 }
@@ -223,6 +317,7 @@ NotifieeList::tellLeaving() {
 void
 NotifieeList::detachAll() {
    auto forget = []( NotifieeConst * notifiee ) {
+      if( !notifiee ) return;
       notifiee->notifier_ = nullptr;
       notifiee->flag( NotifieeConst::partialFlag, false );
    };
@@ -231,7 +326,7 @@ NotifieeList::detachAll() {
    if( holdsBlock() ) {
       Block * b = block();
       std::for_each( b->members(), b->end(), forget );
-      b->registered = b->passive = b->unusual = 0;
+      b->registered = b->passive = b->unusual = b->holes = 0;
       settle();
    } else {
       forget( inPlace() );
@@ -244,7 +339,7 @@ NotifieeList::detachAll() {
 bool
 NotifieeList::visitInProgress() const {
    if( holdsBlock() ) return block()->innermost != nullptr;
-   return word_ && inPlace()->calledInPlace_;
+   return ( word_ & tags ) || ( word_ && inPlace()->calledInPlace_ );
 }
 
 /// The block, made or grown where needed, with room for `more` members.
@@ -268,13 +363,24 @@ NotifieeList::roomFor( uint32_t more ) {
 /// Moves what is in place, and the visit that may be in progress there, to a block.
 NotifieeList::Block *
 NotifieeList::makeBlock() {
+   std::unique_ptr< Visit > moved;
+   if( visitInProgress() ) moved.reset( new Visit{} );
    Block * b = Block::make( 2 );
-   if( NotifieeConst * notifiee = inPlace() ) {
-      *b->members() = notifiee;
-      b->registered = 1;
-      if( std::exchange( notifiee->calledInPlace_, false ) ) {
-         b->innermost = new Visit{ nullptr, nullptr, nullptr, true, 1, 1, nullptr };
-      }
+   NotifieeConst * notifiee = inPlace();
+   const bool isMember = notifiee && !departed();
+   if( isMember ) {
+      b->append( notifiee );
+      notifiee->calledInPlace_ = false;
+   }
+   if( moved ) {
+      moved->paused = true;
+      moved->next = moved->end = isMember;
+      moved->held = isMember ? nullptr : notifiee;
+      b->innermost = moved.release();
+   }
+   if( word_ & keptTag ) {
+      b->kept = &Notifier::of( *this );
+      b->unsettled = true;
    }
    word_ = reinterpret_cast< uintptr_t >( b ) + blockTag;
    return b;
@@ -305,14 +411,27 @@ NotifieeList::settleUnlessVisited() {
 
 // ---- visits -------------------------------------------------------------------------------
 
-/// The end of a visit in place that was moved to a block.
+/// The end of a visit in place during which something happened.
 void
-NotifieeList::endMovedVisit() {
-   Visit * moved = block()->innermost;
-   moved->releaseHeld();
-   block()->innermost = nullptr;
-   delete moved;
-   settle();
+NotifieeList::endEventfulVisit() {
+   if( departed() ) {
+      // Whatever its destruction does finds the visit still in progress.
+      NotifieeConst * held = inPlace();
+      word_ &= tags;
+      if( held ) held->referencesDec();
+   }
+   if( holdsBlock() ) {
+      Visit * moved = block()->innermost;
+      moved->releaseHeld();
+      block()->innermost = nullptr;
+      delete moved;
+      settle();
+      return;
+   }
+   const bool isKept = word_ & keptTag;
+   word_ &= ~tags;
+   if( NotifieeConst * notifiee = inPlace() ) notifiee->calledInPlace_ = false;
+   if( isKept ) Notifier::of( *this ).referencesDec();
 }
 
 /// In the catch block of a visit in place.
@@ -333,6 +452,7 @@ template< class Call >
 [[gnu::always_inline]] inline void
 NotifieeList::visitTagged( Call call, Accepts accepts ) {
    if( !holdsBlock() ) {
+      if( departed() ) return;
       // The outer visit holds the notifiee and finds all that happens to the word meanwhile.
       NotifieeConst * notifiee = inPlace();
       try {
@@ -351,6 +471,8 @@ NotifieeList::visitTagged( Call call, Accepts accepts ) {
    b->innermost = &visit;
    if( b->unusual ) [[unlikely]] {
       visit.cursor = cursor;
+      visit.pause( cursor );
+      if( b->holes && !visit.outer ) b->closeHoles();
       visitRest( visit, call, accepts, false );
       return;
    }
@@ -394,7 +516,9 @@ NotifieeList::visitRest( Visit & visit, Call call, Accepts accepts, bool thrown 
    if( thrown ) caught();
    visit.releaseHeld();
    while( visit.next != visit.end ) {
-      NotifieeConst & notifiee = *block()->members()[visit.next++];
+      NotifieeConst * at = block()->members()[visit.next++];
+      if( !at ) continue;
+      NotifieeConst & notifiee = *at;
       bool wanted = notifiee.hasNotificationActive() &&
                     ( !pending || notifiee.zekIsLogAdaptor() ) &&
                     ( !( notifiee.flags_ & NotifieeConst::partialFlag ) || accepts( notifiee ) );

@@ -5,6 +5,8 @@
 //
 //    0          nobody
 //    n          the notifiee n alone; while it is being called, it is marked
+//    n | tags   n is being called, and has left meanwhile, or the notifier has lost its last
+//               reference, or both
 //    b | block  the block b: an array of notifiees, the visits in progress, extras
 //
 // A callback may do anything: remove its own notifiee or others, register new ones, attach and
@@ -23,6 +25,13 @@
 //   pass. Later notifiees are then skipped, but for attribute-log adaptors, which must learn of
 //   every change. The first exception is the one that leaves.
 //
+// Memory: who comes may need some, and nothing has changed when there is none. Who leaves, be it
+// during its own call, needs none.
+//
+// Many: a list of more than a few dozen leaves a hole where one leaves, and closes the holes when
+// they are half of it or before the next visit. A notifiee knows the lower half of its place. So
+// letting go of all costs the same each, in whatever order.
+//
 // Why in place: a visit of a single notifiee marks it, calls, and finds the word unchanged unless
 // something happened, so that the usual case counts nothing and waits for no store of its own.
 // That path is inlined into the mutator, where the callback is a constant. Why one block for all
@@ -37,6 +46,7 @@
 #include "framework/Ptr.h"
 
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -71,7 +81,8 @@ class IPSTATE_EXPORT NotifieeList {
    void doVisit( void ( N::*callback )() ) {
       if( word_ ) visitMembers( callback );
    }
-   /// The same for a callback with a key. The key must outlive the visit: it is not copied.
+   /// The same for a callback with a key. Whoever is called may change or destroy what the key was
+   /// taken from: where others are still to hear of it, the visit keeps a copy.
    template< class N, class K >
    void doVisit( void ( N::*callback )( const K & ), const std::type_identity_t< K > & key ) {
       if( word_ ) visitMembers( callback, key );
@@ -104,7 +115,7 @@ class IPSTATE_EXPORT NotifieeList {
 
    /// The optional parts, or null. The list owns them; other parts replace (and delete) them.
    Extras * extras() const;
-   void extrasIs( Extras * extras );
+   void extrasIs( std::unique_ptr< Extras > extras );
 
  private:
    friend class PtrInterface::NotifieeConst;
@@ -119,7 +130,7 @@ class IPSTATE_EXPORT NotifieeList {
    struct Keyed {
       using Callback = void ( NotifieeConst::* )( const K & );
       Callback callback;
-      const K & key;
+      const K key; // a copy, see doVisit()
       static void invoke( NotifieeConst & notifiee, const void * call ) {
          auto & self = *static_cast< const Keyed * >( call );
          ( notifiee.*self.callback )( self.key );
@@ -141,7 +152,7 @@ class IPSTATE_EXPORT NotifieeList {
          return;
       }
       try {
-         ( static_cast< N * >( inPlace() )->*callback )();
+         ( static_cast< N * >( untagged() )->*callback )();
       } catch( ... ) {
          thrownInPlace();
       }
@@ -155,7 +166,7 @@ class IPSTATE_EXPORT NotifieeList {
          return;
       }
       try {
-         ( static_cast< N * >( inPlace() )->*callback )( key );
+         ( static_cast< N * >( untagged() )->*callback )( key );
       } catch( ... ) {
          thrownInPlace();
       }
@@ -166,12 +177,21 @@ class IPSTATE_EXPORT NotifieeList {
    void visitKeyed( Invoke invoke, const void * call, Accepts accepts );
 
    // For notifiees. Members are registered ones, which are called, and passive ones, which only
-   // learn of the notifier's death (weak holders that are not registered).
-   void add( NotifieeConst * notifiee );
-   void addPassive( NotifieeConst * notifiee );
+   // learn of the notifier's death (weak holders that are not registered). Those that may throw
+   // bad_alloc say so; they have changed nothing then.
+
+   /// Throws. Afterwards one of such members, be it unusual or passive, is added without memory.
+   void reserve( bool unusual, bool passive );
+   void add( NotifieeConst * notifiee );        // throws without reserve()
+   void addPassive( NotifieeConst * notifiee ); // throws without reserve()
    void remove( NotifieeConst * notifiee );
    void removePassive( NotifieeConst * notifiee );
-   /// The registered notifiee was suspended or resumed.
+   /// Makes a passive member a registered one, and the other way round (throws).
+   void promote( NotifieeConst * notifiee );
+   void demote( NotifieeConst * notifiee );
+   /// One that is registered is to be suspended. Throws.
+   void reserveUnusual() { roomFor( 0 ); }
+   /// The registered notifiee was suspended, for which it has reserved, or resumed.
    void unusualChanged( NotifieeConst * notifiee );
    /// Whether a visit is just calling it.
    bool isBeingCalled( const NotifieeConst * notifiee ) const;
@@ -182,25 +202,34 @@ class IPSTATE_EXPORT NotifieeList {
    /// It dies: every member forgets it.
    void detachAll();
 
-   // The visit of a notifiee in place. It never is an unusual one.
-   static constexpr uintptr_t blockTag = 1;
-   bool holdsBlock() const { return word_ & blockTag; }
-   NotifieeConst * inPlace() const { return reinterpret_cast< NotifieeConst * >( word_ ); }
+   // Tags of the word. Without any, a notifiee in place; it never is an unusual one.
+   static constexpr uintptr_t blockTag = 1;    // a block, unless with one of the others
+   static constexpr uintptr_t departedTag = 2; // the notifiee being called left: the visit holds it
+   static constexpr uintptr_t keptTag = 4;     // the visit holds the notifier
+   static constexpr uintptr_t tags = blockTag | departedTag | keptTag;
+   bool holdsBlock() const { return ( word_ & tags ) == blockTag; }
+   NotifieeConst * inPlace() const { return reinterpret_cast< NotifieeConst * >( word_ & ~tags ); }
+   NotifieeConst * untagged() const { return reinterpret_cast< NotifieeConst * >( word_ ); }
+   bool departed() const { return !holdsBlock() && ( word_ & departedTag ); }
+
+   // The visit of a notifiee in place.
    bool beginInPlace() {
-      if( holdsBlock() || inPlace()->calledInPlace_ ) return false;
-      inPlace()->calledInPlace_ = true;
+      if( word_ & blockTag ) return false;
+      if( untagged()->calledInPlace_ ) return false;
+      untagged()->calledInPlace_ = true;
       return true;
    }
    void endInPlace() {
-      if( holdsBlock() ) [[unlikely]] {
-         endMovedVisit();
+      if( word_ & blockTag ) [[unlikely]] {
+         endEventfulVisit();
       } else {
-         inPlace()->calledInPlace_ = false;
+         untagged()->calledInPlace_ = false;
       }
    }
-   void endMovedVisit();
+   void endEventfulVisit();
    void thrownInPlace();
 
+   // REQUIRES holdsBlock().
    Block * block() const { return reinterpret_cast< Block * >( word_ - blockTag ); }
    Block * makeBlock();
    Block * roomFor( uint32_t more );

@@ -1,5 +1,7 @@
 #include "framework/Notifier.h"
 
+#include <cstddef>
+
 namespace Zek {
 
 Notifier::~Notifier() = default;
@@ -8,6 +10,19 @@ const std::type_info &
 Notifier::zekCallbackType() const {
    return typeid( *this );
 }
+
+// A list is a notifier's, at the same place in each: the compilers that this is for know it of
+// classes like this one too.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+
+const Notifier &
+Notifier::of( const NotifieeList & list ) {
+   return *reinterpret_cast< const Notifier * >( reinterpret_cast< const char * >( &list ) -
+                                                 offsetof( Notifier, notifieeList_ ) );
+}
+
+#pragma GCC diagnostic pop
 
 void
 Notifier::handleZeroRef() {

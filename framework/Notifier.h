@@ -35,7 +35,8 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
          watchedList().visitMembers( callback );
       }
    }
-   /// The same with the key of the member that changed; `key` must outlive the visit.
+   /// The same with the key of the member that changed. Where more than one watches, the visit
+   /// keeps a copy of it.
    template< class N, class K >
    [[gnu::always_inline]] void announce( void ( N::*callback )( const K & ),
                                          const std::type_identity_t< K > & key ) const {
@@ -55,6 +56,9 @@ class IPSTATE_EXPORT Notifier : public PtrInterface {
    bool notLogged_ = false;
 
  private:
+   friend class NotifieeList;
+   /// Whose list that is.
+   static const Notifier & of( const NotifieeList & list );
    /// The list, as a pointer of which the compiler knows nothing: else it would share registers
    /// between the visit and the test before it, and save them even where nobody watches.
    NotifieeList & watchedList() const {

@@ -656,15 +656,16 @@ TEST_F( NotifieeListStory, ExtrasLiveAsLongAsTheNotifierWithoutDisturbingTheList
    int gone = 0;
    auto & list = record->notifieeList();
    EXPECT_EQ( nullptr, list.extras() );
-   list.extrasIs( new Flag( gone ) );
+   list.extrasIs( std::make_unique< Flag >( gone ) );
    change();
-   auto w = watch( [&] { list.extrasIs( record->x() == 2 ? new Flag( gone ) : nullptr ); } );
+   auto w = watch(
+      [&] { list.extrasIs( record->x() == 2 ? std::make_unique< Flag >( gone ) : nullptr ); } );
    change();
    EXPECT_EQ( 1, gone );
    EXPECT_NE( nullptr, list.extras() );
    change();
    EXPECT_EQ( 2, gone );
-   list.extrasIs( new Flag( gone ) );
+   list.extrasIs( std::make_unique< Flag >( gone ) );
    w->isRegisteredNotifieeIs( false );
    EXPECT_FALSE( list.idle() );
    watchers.clear();
