@@ -1,6 +1,11 @@
 #include "framework/Ptr.h"
 
+#include <cstdlib>
 #include <new>
+
+#if __has_include( <sys/single_threaded.h> )
+#include <sys/single_threaded.h>
+#endif
 
 namespace Zek {
 
@@ -11,10 +16,21 @@ namespace {
 // Head of the list of all allocation records. Records are only ever prepended.
 constinit std::atomic< AllocTrackTypeInfo * > allInfos{ nullptr };
 
-// Plain arithmetic unless counts are shared between threads.
+// Whether there is no other thread; false where that is not known.
+bool
+onlyThread() {
+#if __has_include( <sys/single_threaded.h> )
+   return __libc_single_threaded;
+#else
+   return false;
+#endif
+}
+
+// The counts of a type are shared by all trees, also by those of threads that share no object:
+// plain arithmetic only as long as there is one thread.
 void
 add( std::atomic< uint64_t > & counter ) {
-   if( VFPtrInterface::threadSafePointers_ ) {
+   if( !onlyThread() ) {
       counter.fetch_add( 1, std::memory_order_relaxed );
    } else {
       counter.store( counter.load( std::memory_order_relaxed ) + 1, std::memory_order_relaxed );
@@ -68,8 +84,58 @@ PtrInterface::lastReferenceGone() {
    return true;
 }
 
+/// Of one thread: how deep destructions stand in each other, and those that wait.
+struct PtrInterface::Doomed {
+   static constexpr uint32_t deepest = 64;
+
+   /// Keeps it for later; false without memory.
+   bool add( PtrInterface * object ) {
+      if( count == capacity ) {
+         const size_t more = capacity ? 2 * capacity : 64;
+         void * grown = std::realloc( waiting, more * sizeof( PtrInterface * ) );
+         if( !grown ) return false;
+         waiting = static_cast< PtrInterface ** >( grown );
+         capacity = more;
+      }
+      waiting[count++] = object;
+      return true;
+   }
+   /// At the end of the outermost destruction.
+   void finish() {
+      while( count ) {
+         PtrInterface * next = waiting[--count];
+         next->destroyNow();
+      }
+      std::free( waiting );
+      waiting = nullptr;
+      capacity = 0;
+   }
+
+   uint32_t depth;
+   PtrInterface ** waiting;
+   size_t count;
+   size_t capacity;
+
+   // In the block of static storage that a thread begins with: reached without a call.
+   [[gnu::tls_model( "initial-exec" )]] static thread_local constinit Doomed ofThread;
+};
+
+thread_local constinit PtrInterface::Doomed PtrInterface::Doomed::ofThread{ 0, nullptr, 0, 0 };
+
 void
 PtrInterface::destroy() {
+   Doomed & doomed = Doomed::ofThread;
+   if( doomed.depth >= Doomed::deepest && doomed.add( this ) ) [[unlikely]]
+      return;
+   ++doomed.depth;
+   destroyNow();
+   if( doomed.depth == 1 && doomed.count ) [[unlikely]]
+      doomed.finish();
+   --doomed.depth;
+}
+
+void
+PtrInterface::destroyNow() {
    AllocTrackTypeInfo & info = zekAllocTrackTypeInfo();
    delete this;
    trackDeallocation( info, info.size() );

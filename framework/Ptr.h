@@ -126,11 +126,16 @@ class IPSTATE_EXPORT PtrInterface : public VFPtrInterface {
    /// first runs onZeroReferences() and returns false when that revived the object; else the
    /// count is set out of reach and destroy() must follow.
    bool lastReferenceGone();
+   /// Where destructions stand deep in each other, as along a chain of objects that hold the next
+   /// one, this one waits for those above it to end: the stack's depth has a bound.
    void destroy();
 
    void notificationActiveIs( bool active ) { flagIs( activeFlag, active ); }
 
  private:
+   struct Doomed;
+   void destroyNow();
+
    static constexpr uint32_t countMask = 0x3fffffff;
    static constexpr uint32_t zombieFlag = 0x40000000;
    static constexpr uint32_t activeFlag = 0x80000000;

@@ -16,7 +16,6 @@ struct Emission {
    std::string definition;                // source, inside the scope
    std::string globalDefinition;          // source, outside all namespaces
    std::string attrLog;                   // header of the adaptors, inside the scope
-   std::string constant;                  // function that makes a constant of the model
    std::vector< std::string > registered; // descriptors to register, in order
 };
 

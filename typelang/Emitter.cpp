@@ -163,9 +163,8 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
 
 )";
    Scopes scopes( out );
-   std::string constants, registrations;
+   std::string registrations;
    for( const Emission & emission : emissions ) {
-      if( !emission.constant.empty() ) constants += "      " + emission.constant + "();\n";
       if( !emission.definition.empty() ) {
          scopes.enter( emission.scope );
          out += emission.definition + "\n";
@@ -180,9 +179,9 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
    }
    scopes.leave();
    out +=
-      "// Makes the constants and registers the types of this file when the library is loaded.\n"
+      "// Registers the types of this file when the library is loaded.\n"
       "namespace {\n\nstruct Initialiser {\n   Initialiser() {\n" +
-      constants + registrations +
+      registrations +
       "   }\n} initialiser;\n\n} // namespace\n\n"
       "// Has a linker that is told to look for it (-u) take this file from a static library.\n"
       "extern \"C\" void\n" +
@@ -207,12 +206,10 @@ emitFunction( const Function & function ) {
                function.name,
             arguments, ";\n", 0 );
    if( function.init ) {
-      // Inside a function, for the initialisers of other files: theirs may run before this one's.
+      // Made for each caller: what threads share has no counts that change.
       const std::string type = cppStored( function.result );
-      out.constant = joined( function.scope, "::" ) + "::" + function.name;
-      out.definition = type + "\n" + function.name + "() {\n   static const " + type + " value{ " +
-                       cppExpression( function.init, function.result, nullptr ) +
-                       " };\n   return value;\n}\n";
+      out.definition = type + "\n" + function.name + "() {\n   return " + type + "( " +
+                       cppExpression( function.init, function.result, nullptr ) + " );\n}\n";
    }
    return out;
 }

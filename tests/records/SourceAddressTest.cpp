@@ -3,36 +3,11 @@
 
 #include "Ip6/Ip6.h"
 #include "platform/Vistrel/Trace.h"
+#include "tests/framework/OutOfMemory.h"
 #include "tests/records/Records.h"
 
-#include <cstdlib>
-#include <new>
-
+using OutOfMemory::allocations;
 using Velon::Ip6Addr;
-
-namespace {
-
-/// Allocations of this program, the library's included.
-std::atomic< size_t > allocations{ 0 };
-
-} // namespace
-
-void *
-operator new( size_t bytes ) {
-   ++allocations;
-   if( void * memory = std::malloc( bytes ) ) return memory;
-   throw std::bad_alloc();
-}
-
-void
-operator delete( void * memory ) noexcept {
-   std::free( memory );
-}
-
-void
-operator delete( void * memory, size_t ) noexcept {
-   std::free( memory );
-}
 
 namespace {
 
