@@ -46,6 +46,7 @@ registerUser( const Operation & operation, Dir & dir, Velon::IntfId intf, const 
 template< class Dir, class Record >
 void
 unregisterUser( const Operation & operation, Dir & dir, const Zek::Ptr< Record > & sip ) {
+   Zek::assertThat( sip != nullptr, "sip", operation.handle.source() );
    const Zek::Ptr< Record > record = sip;
    const Velon::IntfId intf = record->intfId();
    operation.trace( ":", intf );

@@ -180,6 +180,7 @@ MulticastGroupInfo::isValid() const {
 
 bool
 intfConfigGlobalAddrConfigured( Zek::Ptr< const IntfConfig > config ) {
+   if( !config ) return false;
    for( auto i = config->addrIteratorConst(); i; ++i ) {
       if( !i.key().addr().isLinkLocal() ) return true;
    }
@@ -188,7 +189,7 @@ intfConfigGlobalAddrConfigured( Zek::Ptr< const IntfConfig > config ) {
 
 bool
 intfLinkLocalAddrConfigured( Zek::Ptr< const IntfConfig > config ) {
-   return !( config->linkLocalAddrWithMask() == Velon::Ip6AddrWithMask() );
+   return config && !( config->linkLocalAddrWithMask() == Velon::Ip6AddrWithMask() );
 }
 
 bool

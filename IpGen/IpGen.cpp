@@ -37,6 +37,50 @@ activeAddrOf( const Ip6::IntfStatus & record ) {
    return record.linkLocalAddrWithMask();
 }
 
+// The records behind a view, by the names that each family has for them.
+Zek::Ptr< const Ip::IpIntfStatus >
+intfOf( const Ip::Status & status, Velon::IntfId intfId ) {
+   return status.ipIntfStatus( intfId );
+}
+
+Zek::Ptr< const Ip::IpIntfStatus >
+intfOf( const Ip::VrfIpIntfStatus & vrf, Velon::IntfId intfId ) {
+   return vrf.ipIntfStatus( intfId );
+}
+
+Zek::Ptr< const Ip6::IntfStatus >
+intfOf( const Ip6::Status & status, Velon::IntfId intfId ) {
+   return status.intf( intfId );
+}
+
+Zek::Ptr< const Ip6::IntfStatus >
+intfOf( const Ip6::VrfIp6IntfStatus & vrf, Velon::IntfId intfId ) {
+   return vrf.ip6IntfStatus( intfId );
+}
+
+Zek::Ptr< const Ip::VrfIpIntfStatus >
+vrfOf( const Ip::Status & status, const L3::VrfName & name ) {
+   return status.vrfIpIntfStatus( name );
+}
+
+Zek::Ptr< const Ip6::VrfIp6IntfStatus >
+vrfOf( const Ip6::Status & status, const L3::VrfName & name ) {
+   return status.vrfIp6IntfStatus( name );
+}
+
+// The same where there may be none: a view over no record knows of nothing.
+template< class Held >
+auto
+intfIn( const Zek::Ptr< const Held > & held, Velon::IntfId intfId ) {
+   return held ? intfOf( *held, intfId ) : nullptr;
+}
+
+template< class Held >
+auto
+vrfIn( const Zek::Ptr< const Held > & held, const L3::VrfName & name ) {
+   return held ? vrfOf( *held, name ) : nullptr;
+}
+
 // The questions that a record answers alike in every binding; all take none for an answer.
 template< class Record >
 bool
@@ -89,33 +133,32 @@ Ipv4Status::af() const {
 
 bool
 Ipv4Status::intf( Velon::IntfId intfId ) const {
-   return ipStatus()->ipIntfStatusHas( intfId );
+   return intfIn( ipStatus(), intfId ) != nullptr;
 }
 
 L3::VrfName
 Ipv4Status::vrf( Velon::IntfId intfId ) const {
-   return vrfOf( ipStatus()->ipIntfStatus( intfId ) );
+   return vrfOf( intfIn( ipStatus(), intfId ) );
 }
 
 bool
 Ipv4Status::vrfIpIntfStatus( const L3::VrfName & vrfName ) const {
-   return ipStatus()->vrfIpIntfStatusHas( vrfName );
+   return vrfIn( ipStatus(), vrfName ) != nullptr;
 }
 
 bool
 Ipv4Status::intfInVrf( const L3::VrfName & vrfName, Velon::IntfId intfId ) const {
-   const auto vrf = ipStatus()->vrfIpIntfStatus( vrfName );
-   return vrf && vrf->ipIntfStatusHas( intfId );
+   return intfIn( vrfIn( ipStatus(), vrfName ), intfId ) != nullptr;
 }
 
 bool
 Ipv4Status::addr( Velon::IntfId intfId, const Velon::IpGenAddrWithMask & address ) const {
-   return addrOf( ipStatus()->ipIntfStatus( intfId ), address );
+   return addrOf( intfIn( ipStatus(), intfId ), address );
 }
 
 Velon::IpGenAddrWithMask
 Ipv4Status::activeAddr( Velon::IntfId intfId ) const {
-   return activeAddrOf( ipStatus()->ipIntfStatus( intfId ) );
+   return activeAddrOf( intfIn( ipStatus(), intfId ) );
 }
 
 // -- Ipv6Status -------------------------------------------------------------------------------
@@ -127,33 +170,32 @@ Ipv6Status::af() const {
 
 bool
 Ipv6Status::intf( Velon::IntfId intfId ) const {
-   return ip6Status()->intfHas( intfId );
+   return intfIn( ip6Status(), intfId ) != nullptr;
 }
 
 L3::VrfName
 Ipv6Status::vrf( Velon::IntfId intfId ) const {
-   return vrfOf( ip6Status()->intf( intfId ) );
+   return vrfOf( intfIn( ip6Status(), intfId ) );
 }
 
 bool
 Ipv6Status::vrfIpIntfStatus( const L3::VrfName & vrfName ) const {
-   return ip6Status()->vrfIp6IntfStatusHas( vrfName );
+   return vrfIn( ip6Status(), vrfName ) != nullptr;
 }
 
 bool
 Ipv6Status::intfInVrf( const L3::VrfName & vrfName, Velon::IntfId intfId ) const {
-   const auto vrf = ip6Status()->vrfIp6IntfStatus( vrfName );
-   return vrf && vrf->ip6IntfStatusHas( intfId );
+   return intfIn( vrfIn( ip6Status(), vrfName ), intfId ) != nullptr;
 }
 
 bool
 Ipv6Status::addr( Velon::IntfId intfId, const Velon::IpGenAddrWithMask & address ) const {
-   return addrOf( ip6Status()->intf( intfId ), address );
+   return addrOf( intfIn( ip6Status(), intfId ), address );
 }
 
 Velon::IpGenAddrWithMask
 Ipv6Status::activeAddr( Velon::IntfId intfId ) const {
-   return activeAddrOf( ip6Status()->intf( intfId ) );
+   return activeAddrOf( intfIn( ip6Status(), intfId ) );
 }
 
 // -- IntfStatus -------------------------------------------------------------------------------
@@ -173,22 +215,22 @@ Ipv4IntfStatus::af() const {
 
 bool
 Ipv4IntfStatus::intf( Velon::IntfId intfId ) const {
-   return vrfIpIntfStatus()->ipIntfStatusHas( intfId );
+   return intfIn( vrfIpIntfStatus(), intfId ) != nullptr;
 }
 
 bool
 Ipv4IntfStatus::dpRouting( Velon::IntfId intfId ) const {
-   return dpRoutingOf( vrfIpIntfStatus()->ipIntfStatus( intfId ) );
+   return dpRoutingOf( intfIn( vrfIpIntfStatus(), intfId ) );
 }
 
 bool
 Ipv4IntfStatus::addr( Velon::IntfId intfId, const Velon::IpGenAddrWithMask & address ) const {
-   return addrOf( vrfIpIntfStatus()->ipIntfStatus( intfId ), address );
+   return addrOf( intfIn( vrfIpIntfStatus(), intfId ), address );
 }
 
 Velon::IpGenAddrWithMask
 Ipv4IntfStatus::activeAddr( Velon::IntfId intfId ) const {
-   return activeAddrOf( vrfIpIntfStatus()->ipIntfStatus( intfId ) );
+   return activeAddrOf( intfIn( vrfIpIntfStatus(), intfId ) );
 }
 
 // -- Ipv6IntfStatus ---------------------------------------------------------------------------
@@ -200,22 +242,22 @@ Ipv6IntfStatus::af() const {
 
 bool
 Ipv6IntfStatus::intf( Velon::IntfId intfId ) const {
-   return vrfIp6IntfStatus()->ip6IntfStatusHas( intfId );
+   return intfIn( vrfIp6IntfStatus(), intfId ) != nullptr;
 }
 
 bool
 Ipv6IntfStatus::dpRouting( Velon::IntfId intfId ) const {
-   return dpRoutingOf( vrfIp6IntfStatus()->ip6IntfStatus( intfId ) );
+   return dpRoutingOf( intfIn( vrfIp6IntfStatus(), intfId ) );
 }
 
 bool
 Ipv6IntfStatus::addr( Velon::IntfId intfId, const Velon::IpGenAddrWithMask & address ) const {
-   return addrOf( vrfIp6IntfStatus()->ip6IntfStatus( intfId ), address );
+   return addrOf( intfIn( vrfIp6IntfStatus(), intfId ), address );
 }
 
 Velon::IpGenAddrWithMask
 Ipv6IntfStatus::activeAddr( Velon::IntfId intfId ) const {
-   return activeAddrOf( vrfIp6IntfStatus()->ip6IntfStatus( intfId ) );
+   return activeAddrOf( intfIn( vrfIp6IntfStatus(), intfId ) );
 }
 
 // -- Multicast groups -------------------------------------------------------------------------
@@ -232,6 +274,20 @@ v6Key( const IntfAddrInfo & info ) {
    return { info.intfId(), info.addr().v6Addr() };
 }
 
+// What a view asks its record; one over no record has no pairs and takes none.
+template< class Groups >
+bool
+hasPair( const Zek::Ptr< Groups > & groups, const auto & key ) {
+   return groups && groups->mcaddrHas( key );
+}
+
+template< class Groups >
+Groups &
+toChange( const Zek::Ptr< Groups > & groups ) {
+   Zek::assertThat( groups != nullptr, "a record behind MulticastGroupsForApplications", "IpGen" );
+   return *groups;
+}
+
 } // namespace
 
 Velon::AddressFamily
@@ -241,13 +297,13 @@ Ipv4MulticastGroupsForApplications::af() const {
 
 bool
 Ipv4MulticastGroupsForApplications::mcaddr( const IntfAddrInfo & info ) const {
-   return groups()->mcaddrHas( v4Key( info ) );
+   return hasPair( groups(), v4Key( info ) );
 }
 
 void
 Ipv4MulticastGroupsForApplications::mcaddrIs( const IntfAddrInfo & info, bool present ) {
    if( present ) {
-      groups()->mcaddrIs( v4Key( info ) );
+      toChange( groups() ).mcaddrIs( v4Key( info ) );
    } else {
       mcaddrDel( info );
    }
@@ -255,7 +311,7 @@ Ipv4MulticastGroupsForApplications::mcaddrIs( const IntfAddrInfo & info, bool pr
 
 void
 Ipv4MulticastGroupsForApplications::mcaddrDel( const IntfAddrInfo & info ) {
-   groups()->mcaddrDel( v4Key( info ) );
+   toChange( groups() ).mcaddrDel( v4Key( info ) );
 }
 
 Velon::AddressFamily
@@ -265,13 +321,13 @@ Ipv6MulticastGroupsForApplications::af() const {
 
 bool
 Ipv6MulticastGroupsForApplications::mcaddr( const IntfAddrInfo & info ) const {
-   return groups()->mcaddrHas( v6Key( info ) );
+   return hasPair( groups(), v6Key( info ) );
 }
 
 void
 Ipv6MulticastGroupsForApplications::mcaddrIs( const IntfAddrInfo & info, bool present ) {
    if( present ) {
-      groups()->mcaddrIs( v6Key( info ) );
+      toChange( groups() ).mcaddrIs( v6Key( info ) );
    } else {
       mcaddrDel( info );
    }
@@ -279,7 +335,7 @@ Ipv6MulticastGroupsForApplications::mcaddrIs( const IntfAddrInfo & info, bool pr
 
 void
 Ipv6MulticastGroupsForApplications::mcaddrDel( const IntfAddrInfo & info ) {
-   groups()->mcaddrDel( v6Key( info ) );
+   toChange( groups() ).mcaddrDel( v6Key( info ) );
 }
 
 // -- McaddrIteratorConst ----------------------------------------------------------------------
@@ -311,16 +367,22 @@ struct Walk {
       Vistrel::trace( traceHandle, traceLevel, function, signature, found,
                       iterator.currIntfAddrInfo().pretty().view() );
    }
-   void start( McaddrIteratorConst & iterator, const Groups & groups ) const {
-      take( iterator, groups.mcaddrIteratorConst(), none );
+   void start( McaddrIteratorConst & iterator, const Zek::Ptr< Groups > & groups ) const {
+      if( groups && groups->mcaddrCount() ) {
+         take( iterator, groups->mcaddrIteratorConst(), none );
+      } else {
+         Vistrel::trace( traceHandle, traceLevel, function, signature, none );
+         iterator.doneIs( true );
+      }
    }
    template< class Key >
-   void advance( McaddrIteratorConst & iterator, const Groups & groups, const Key & key ) const {
-      if( groups.mcaddrCount() == 0 ) {
-         take( iterator, groups.mcaddrIteratorConst(), none );
+   void advance( McaddrIteratorConst & iterator, const Zek::Ptr< Groups > & groups,
+                 const Key & key ) const {
+      if( !groups || groups->mcaddrCount() == 0 ) {
+         start( iterator, groups );
          return;
       }
-      Entries at = groups.mcaddrIteratorConst( key );
+      Entries at = groups->mcaddrIteratorConst( key );
       if( at ) ++at;
       take( iterator, at, " Current was the last element" );
    }
@@ -328,13 +390,13 @@ struct Walk {
 
 template< class Groups >
 Walk< Groups >
-v4Walk( const Groups *, const char * function, const char * signature ) {
+v4Walk( const Zek::Ptr< Groups > &, const char * function, const char * signature ) {
    return { function, signature, " No V4 mcaddr entries", " Found V4 mcaddr entry" };
 }
 
 template< class Groups >
 Walk< Groups >
-v6Walk( const Groups *, const char * function, const char * signature ) {
+v6Walk( const Zek::Ptr< Groups > &, const char * function, const char * signature ) {
    return { function, signature, " No V6 mcaddr entries", " Found V6 mcaddr entry" };
 }
 
@@ -343,21 +405,34 @@ familyNotSupported() {
    Zek::assertionFailed( "AddressFamily not supported", "IpGen" );
 }
 
+// The record behind a handle that says it is of that binding's family.
+template< class Binding >
+auto
+groupsOf( const Zek::Ptr< MulticastGroupsForApplications > & minfo ) {
+   const auto binding = Zek::ptrCast< Binding >( minfo );
+   Zek::assertThat( binding != nullptr,
+                    "a derived type of MulticastGroupsForApplications that is not of this library",
+                    "IpGen" );
+   return binding->groups();
+}
+
 } // namespace
 
 void
 McaddrIteratorConst::doInitializeCurrentIntfAddrInfo() {
    constexpr char function[] = "doInitializeCurrentIntfAddrInfo";
    Vistrel::trace( traceHandle, traceLevel, function, initialising );
+   if( !minfo() ) {
+      doneIs( true );
+      return;
+   }
    const Velon::AddressFamily family = minfo()->af();
    if( family == Velon::AddressFamily::ipv4 ) {
-      const auto & held = static_cast< const Ipv4MulticastGroupsForApplications & >( *minfo() );
-      ipv4MinfoIs( held.groups() );
-      v4Walk( ipv4Minfo().ptr(), function, initialising ).start( *this, *ipv4Minfo() );
+      ipv4MinfoIs( groupsOf< Ipv4MulticastGroupsForApplications >( minfo() ) );
+      v4Walk( ipv4Minfo(), function, initialising ).start( *this, ipv4Minfo() );
    } else if( family == Velon::AddressFamily::ipv6 ) {
-      const auto & held = static_cast< const Ipv6MulticastGroupsForApplications & >( *minfo() );
-      ipv6MinfoIs( held.groups() );
-      v6Walk( ipv6Minfo().ptr(), function, initialising ).start( *this, *ipv6Minfo() );
+      ipv6MinfoIs( groupsOf< Ipv6MulticastGroupsForApplications >( minfo() ) );
+      v6Walk( ipv6Minfo(), function, initialising ).start( *this, ipv6Minfo() );
    } else {
       familyNotSupported();
    }
@@ -366,13 +441,17 @@ McaddrIteratorConst::doInitializeCurrentIntfAddrInfo() {
 McaddrIteratorConst &
 McaddrIteratorConst::operator+=( uint32_t ) {
    constexpr char function[] = "operator+=";
+   if( !minfo() ) {
+      doneIs( true );
+      return *this;
+   }
    const Velon::AddressFamily family = minfo()->af();
    if( family == Velon::AddressFamily::ipv4 ) {
-      v4Walk( ipv4Minfo().ptr(), function, advancing )
-         .advance( *this, *ipv4Minfo(), v4Key( currIntfAddrInfo() ) );
+      v4Walk( ipv4Minfo(), function, advancing )
+         .advance( *this, ipv4Minfo(), v4Key( currIntfAddrInfo() ) );
    } else if( family == Velon::AddressFamily::ipv6 ) {
-      v6Walk( ipv6Minfo().ptr(), function, advancing )
-         .advance( *this, *ipv6Minfo(), v6Key( currIntfAddrInfo() ) );
+      v6Walk( ipv6Minfo(), function, advancing )
+         .advance( *this, ipv6Minfo(), v6Key( currIntfAddrInfo() ) );
    } else {
       familyNotSupported();
    }

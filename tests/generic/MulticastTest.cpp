@@ -110,16 +110,41 @@ TEST( MulticastDeathTest, ABareHandleAnswersNothing ) {
    EXPECT_DEATH( bare->mcaddrDel( {} ), text );
 }
 
-// A handle that says it is of no family.
+// A handle that holds no record of ours, whatever it says of its family.
 class Stranger final : public IpGen::MulticastGroupsForApplications {
  public:
-   Velon::AddressFamily af() const override { return Velon::AddressFamily::none; }
+   explicit Stranger( Velon::AddressFamily family ) : family_( family ) {}
+   Velon::AddressFamily af() const override { return family_; }
+
+ private:
+   const Velon::AddressFamily family_;
 };
 
-TEST( MulticastDeathTest, NoOtherFamilyIsWalked ) {
-   const auto stranger = Zek::allocate< Stranger >();
-   EXPECT_DEATH( McaddrIteratorConst{ stranger },
+TEST( MulticastDeathTest, NoOtherFamilyNorHandleIsWalked ) {
+   EXPECT_DEATH( McaddrIteratorConst{ Zek::allocate< Stranger >( Velon::AddressFamily::none ) },
                  "^assertion 'AddressFamily not supported' failed .source IpGen.\n$" );
+   for( auto family : { Velon::AddressFamily::ipv4, Velon::AddressFamily::ipv6 } ) {
+      EXPECT_DEATH( McaddrIteratorConst{ Zek::allocate< Stranger >( family ) },
+                    "^assertion 'a derived type of MulticastGroupsForApplications that is not of "
+                    "this library' failed" );
+   }
+}
+
+TEST( MulticastDeathTest, WithoutARecordThereIsNothingToWalkNorToChange ) {
+   McaddrIteratorConst none;
+   none += 1;
+   EXPECT_TRUE( none.done() );
+   EXPECT_TRUE( McaddrIteratorConst( Handle() ).done() );
+   const Handle handles[] = { IpGen::ipv4MulticastGroupsForApplicationsFactory( nullptr ),
+                              IpGen::ipv6MulticastGroupsForApplicationsFactory( nullptr ) };
+   for( const Handle & handle : handles ) {
+      McaddrIteratorConst walk( handle );
+      walk += 1;
+      EXPECT_TRUE( walk.done() && !walk.currIntfAddrInfo() );
+      EXPECT_FALSE( handle->mcaddr( pair( "Ethernet1", "224.0.0.5" ) ) );
+      EXPECT_DEATH( handle->mcaddrIs( pair( "Ethernet1", "224.0.0.5" ), true ),
+                    "^assertion 'a record behind MulticastGroupsForApplications' failed" );
+   }
 }
 
 } // namespace

@@ -59,6 +59,24 @@ TEST( Views, AnswerFromIpv6Records ) {
    EXPECT_EQ( w.redView->activeAddr( e1 ), gen( "fe80::1/64" ) );
 }
 
+TEST( Views, OfNoRecordKnowOfNothing ) {
+   const IpGen::Status::Ptr all[] = { IpGen::ipv4StatusFactory( nullptr ),
+                                      IpGen::ipv6StatusFactory( nullptr ) };
+   for( const auto & view : all ) {
+      EXPECT_FALSE( view->intf( e1 ) || view->vrfIpIntfStatus( Vrf( "red" ) ) );
+      EXPECT_FALSE( view->intfInVrf( Vrf( "red" ), e1 ) || view->addr( e1, gen( "fe80::1/64" ) ) );
+      EXPECT_EQ( view->vrf( e1 ), L3::VrfName() );
+      EXPECT_EQ( view->activeAddr( e1 ), IpGenAddrWithMask() );
+   }
+   const IpGen::IntfStatus::Ptr ofVrf[] = { IpGen::ipv4IntfStatusFactory( nullptr ),
+                                            IpGen::ipv6IntfStatusFactory( nullptr ) };
+   for( const auto & view : ofVrf ) {
+      EXPECT_FALSE( view->intf( e1 ) || view->dpRouting( e1 ) ||
+                    view->addr( e1, gen( "10.0.0.1/24" ) ) );
+      EXPECT_EQ( view->activeAddr( e1 ), IpGenAddrWithMask() );
+   }
+}
+
 template< class F >
 void
 answersWhatIsThere() {

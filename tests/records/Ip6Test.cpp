@@ -100,6 +100,8 @@ TEST( Ip6IntfConfig, RefusesAnMssTooLargeBeforeItStoresIt ) {
 }
 
 TEST( Ip6IntfConfig, KnowsWhetherIpv6IsConfigured ) {
+   EXPECT_FALSE( Ip6::intfConfigGlobalAddrConfigured( nullptr ) );
+   EXPECT_FALSE( Ip6::intfLinkLocalAddrConfigured( nullptr ) );
    const struct {
       const char * intf;
       bool enable;
