@@ -5,6 +5,9 @@
 #include "framework/Relay.h"
 #include "framework/Rows.h"
 
+#include <memory>
+#include <utility>
+
 namespace Zek {
 
 // -- Children ---------------------------------------------------------------------------------
@@ -21,6 +24,7 @@ Entity::children() const {
 
 namespace {
 
+// Never holds anything: its iterators are at the end and leave no trace in it.
 const Entity::EntityDirectory noChildren;
 
 // The directory is keyed by interned names; a text that nobody interned names no child.
@@ -31,6 +35,12 @@ findChild( const Entity::EntityDirectory & members, std::string_view name ) {
 }
 
 } // namespace
+
+const Entity::EntityDirectory &
+Entity::directory() const {
+   Children * held = children();
+   return held ? held->members : noChildren;
+}
 
 Ptr< Entity >
 Entity::entity( const String & name ) const {
@@ -51,22 +61,63 @@ Entity::entityCount() const {
    return held ? held->members.count() : 0;
 }
 
+namespace {
+
+// How an error calls an entity.
+std::string
+quotedName( const Entity & entity ) {
+   const Name name = entity.fullName();
+   return name.empty() ? std::string( "a nameless " ) + entity.fwkType()->fullName
+                       : "'" + std::string( name.view() ) + "'";
+}
+
+// Whether anything can stand below it.
+bool
+ownsMembersNow( const Entity & entity ) {
+   for( const TypeDescriptor * type = entity.fwkType(); type; type = type->base ) {
+      for( const AttributeRow & row : type->attributes ) {
+         if( row.has( ownsMembers ) && row.collection->count( &entity ) ) return true;
+      }
+   }
+   return false;
+}
+
+} // namespace
+
+/// A child has one parent, and stands nowhere above it.
+void
+Entity::requireNoOtherPlace( const Entity & child ) const {
+   if( child.parent_ ) {
+      throwRangeException( quotedName( child ) + " has a parent already and cannot be a child of " +
+                           quotedName( *this ) + " too" );
+   }
+   if( &child != this && !ownsMembersNow( child ) ) return;
+   for( const Entity * at = this; at; at = at->parent_ ) {
+      if( at != &child ) continue;
+      throwRangeException(
+         quotedName( child ) + " cannot be a child of " +
+         ( at == this ? "itself" : quotedName( *this ) + ", which is below it" ) );
+   }
+}
+
 void
 Entity::entityIs( const Zek::Ptr< Entity > & child ) {
    if( !child ) throwNullParameterException( fwkType()->fullName, "entity" );
    const Zek::Ptr< Entity > added = child;
-   const Name key = added->childKey();
+   const Name key = added->childKeyToPut();
    if( key.empty() ) {
-      throwRangeException( "an entity without a name cannot be a child of '" +
-                           std::string( fullName().view() ) + "'" );
+      throwRangeException( "an entity without a name cannot be a child of " + quotedName( *this ) );
    }
    Children * held = children();
-   if( !held ) {
-      held = new Children;
-      notifieeList().extrasIs( held );
-   }
-   Entity * present = held->members.find( key );
+   Entity * present = held ? held->members.find( key ) : nullptr;
    if( present == added.ptr() ) return;
+   requireNoOtherPlace( *added );
+   const String announced( key.view() );
+   if( !held ) {
+      auto made = std::make_unique< Children >();
+      held = made.get();
+      notifieeList().extrasIs( std::move( made ) );
+   }
    if( present ) {
       disownMember( *held->members.replace( added.ptr() ) );
    } else {
@@ -74,7 +125,7 @@ Entity::entityIs( const Zek::Ptr< Entity > & child ) {
    }
    added->parentAttrIdIs( entityAttr );
    added->parentIs( this );
-   entityNotify( String( key.view() ) );
+   entityNotify( announced );
 }
 
 Zek::Ptr< Entity >
@@ -101,19 +152,23 @@ Entity::entityDel( const String & name ) {
    Children * held = children();
    Name key;
    if( !held || !Name::find( name.view(), key ) ) return nullptr;
+   const String announced = name; // may be the child's
    Zek::Ptr< Entity > removed = held->members.take( key );
    if( !removed ) return nullptr;
    disownMember( *removed );
-   entityNotify( String( key.view() ) );
+   entityNotify( announced );
    return removed;
+}
+
+Zek::Ptr< Entity >
+Entity::entityDel( const EntityIteratorConst & at ) {
+   return at ? entityDel( String( at.key().view() ) ) : nullptr;
 }
 
 void
 Entity::entityDelAll() {
    const Zek::Ptr< Entity > self( this ); // the last child's callback may drop this entity
-   for( EntityIteratorConst i = entityIteratorConst(); i; ++i ) {
-      entityDel( String( i.key().view() ) );
-   }
+   for( EntityIteratorConst i = entityIteratorConst(); i; ++i ) entityDel( i );
 }
 
 void
@@ -123,8 +178,22 @@ Entity::entityNotify( const String & name ) {
 
 Entity::EntityIteratorConst
 Entity::entityIteratorConst() const {
-   Children * held = children();
-   return EntityIteratorConst( held ? held->members : noChildren );
+   return EntityIteratorConst( directory() );
+}
+
+Entity::EntityIteratorConst
+Entity::entityIteratorConst( const String & name ) const {
+   return EntityIteratorConst( directory(), Name( name ) );
+}
+
+Entity::EntityIterator
+Entity::entityIterator() {
+   return EntityIterator( directory() );
+}
+
+Entity::EntityIterator
+Entity::entityIterator( const String & name ) {
+   return EntityIterator( directory(), Name( name ) );
 }
 
 Zek::Ptr< Entity >
@@ -194,7 +263,17 @@ NamedEntity::name() const {
 
 Name
 NamedEntity::childKey() const {
-   return fwkKey();
+   return key_;
+}
+
+Name
+NamedEntity::childKeyToPut() const {
+   return zekKeyToPut();
+}
+
+void
+NamedEntity::childHeldIs( bool held ) const {
+   zekHeldIs( held );
 }
 
 NamedEntity::~NamedEntity() = default;
@@ -313,7 +392,7 @@ constexpr CollectionOps childOps = {
    &firstChild,
    &childAfter,
    &findChildByKey,
-   nullptr, // the key is the child's name
+   nullptr, // a text made of the child's key
    nullptr,
    []( void * object, const void * member, const void * const *, const CollectionOps & ) {
       static_cast< Entity * >( object )->entityIs( *static_cast< const Entity::Ptr * >( member ) );

@@ -56,9 +56,12 @@ class IPSTATE_EXPORT Entity : public Notifier {
 
    struct EntityKeyFunktor {
       Name operator()( const Entity & child ) const { return child.childKey(); }
+      static Name toPut( const Entity & child ) { return child.childKeyToPut(); }
+      static void heldIs( const Entity & child, bool held ) { child.childHeldIs( held ); }
    };
    using EntityDirectory = HashMap< Entity, Name, EntityKeyFunktor >;
    using EntityIteratorConst = EntityDirectory::IteratorConst;
+   using EntityIterator = EntityDirectory::Iterator;
 
    /// 1: the entity's own name; empty for a member that its key identifies.
    virtual Name name() const;
@@ -68,6 +71,7 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// 3: the owner, or null. Not counted; the owner clears it.
    Entity * parent() const { return parent_; }
    void parentIs( Entity * parent ) { parent_ = parent; }
+   void parentIs( const Zek::Ptr< Entity > & parent ) { parent_ = parent.ptr(); }
    /// 4: name of the parent's collection that holds this entity; empty without parent.
    String parentAttrName() const;
    /// Its number.
@@ -81,9 +85,12 @@ class IPSTATE_EXPORT Entity : public Notifier {
    /// The child after `name` in the directory's order, be that one present or not; null at the
    /// end.
    Zek::Ptr< const Entity > entityAfter( const String & name ) const;
+   /// The key under which a directory keeps it; of what stands in a collection of its parent the
+   /// key as text. A child that is renamed keeps its key.
+   virtual Name childKey() const { return name(); }
    /// Takes `child` into the directory under its name and becomes its parent; replaces another
-   /// child of that name. Announces onEntity( name ). Throws RangeException on null or a
-   /// nameless child.
+   /// child of that name. Announces onEntity( name ). RangeException, and nothing changes, on null,
+   /// on a nameless child, on one that has another parent or stands above this entity.
    void entityIs( const Zek::Ptr< Entity > & child );
    /// The child of that name, made and announced when there is none. `typeName` is the full name of
    /// a named entity type that is made of its name alone; RejectedException for others,
@@ -91,9 +98,14 @@ class IPSTATE_EXPORT Entity : public Notifier {
    Zek::Ptr< Entity > entityIs( std::string_view typeName, const Name & name );
    /// Removes and returns the child, its parent cleared, or returns null. Announces.
    Zek::Ptr< Entity > entityDel( const String & name );
+   /// At the end, nothing.
+   Zek::Ptr< Entity > entityDel( const EntityIteratorConst & at );
    void entityDelAll();
    void entityNotify( const String & name );
    EntityIteratorConst entityIteratorConst() const;
+   EntityIteratorConst entityIteratorConst( const String & name ) const;
+   EntityIterator entityIterator();
+   EntityIterator entityIterator( const String & name );
 
    /// The descendant at `path` ("ip/input/status"), following `entity` directories; null when
    /// any step is missing. The empty path is this entity.
@@ -123,8 +135,10 @@ class IPSTATE_EXPORT Entity : public Notifier {
  private:
    struct Children;
    Children * children() const;
-   /// The key under which a parent keeps it as a child.
-   virtual Name childKey() const { return name(); }
+   const EntityDirectory & directory() const;
+   void requireNoOtherPlace( const Entity & child ) const;
+   virtual Name childKeyToPut() const { return name(); }
+   virtual void childHeldIs( bool ) const {}
 
    Entity * parent_ = nullptr;
 };
@@ -137,25 +151,31 @@ class IPSTATE_EXPORT NamedEntity : public Entity {
    /// told, and a member keyed by its name keeps its key.
    void nameIsFromBackup( const Name & name ) {
       name_ = name;
-      if( !isKeyed_ ) key_ = name;
+      if( !holders_ ) key_ = name;
    }
-   /// The key under which directories and collections keep it: the name that it had when one of
-   /// them first asked.
-   const Name & fwkKey() const {
-      isKeyed_ = true;
+   /// The key under which directories and collections keep it: the name that it had when the first
+   /// of those that hold it took it.
+   const Name & fwkKey() const { return key_; }
+   Name childKey() const override;
+
+   /// For collections: the key under which it is to be put in, and who takes and loses it.
+   const Name & zekKeyToPut() const {
+      if( !holders_ ) key_ = name_;
       return key_;
    }
+   void zekHeldIs( bool held ) const { holders_ += held ? 1u : ~0u; }
 
  protected:
    explicit NamedEntity( const Name & name ) : name_( name ), key_( name ) {}
    ~NamedEntity() override;
 
  private:
-   Name childKey() const override;
+   Name childKeyToPut() const override;
+   void childHeldIs( bool held ) const override;
 
    Name name_;
-   Name key_;
-   mutable bool isKeyed_ = false;
+   mutable Name key_;
+   mutable uint32_t holders_ = 0; // collections that have it under its key
 };
 
 /// A directory: a named entity whose content is its `entity` collection.

@@ -39,9 +39,8 @@ template< class Use >
 auto
 withMemberKey( const AttributeRow & row, const PtrInterface * member, Use use ) {
    if( row.collection->hasMemberKey() ) return use( row.collection->memberKey( member ) );
-   // The children directory is keyed by the child's name.
-   const String name( static_cast< const Entity * >( member )->name().view() );
-   return use( static_cast< const void * >( &name ) );
+   const String key( static_cast< const Entity * >( member )->childKey().view() );
+   return use( static_cast< const void * >( &key ) );
 }
 
 } // namespace Zek

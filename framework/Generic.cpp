@@ -1,6 +1,7 @@
 #include "framework/Generic.h"
 
 #include "framework/Entity.h"
+#include "framework/EntityUriPath.h"
 #include "framework/ValueSet.h"
 
 #include <algorithm>
@@ -364,10 +365,8 @@ class Members {
 
 GenericValue
 keyOfMember( const AttributeRow & row, const PtrInterface * member ) {
-   if( row.collection->hasMemberKey() ) {
-      return GenericValue( *row.keyType, row.collection->memberKey( member ) );
-   }
-   return String( static_cast< const Entity * >( member )->name().view() );
+   return withMemberKey( row, member,
+                         [&]( const void * key ) { return GenericValue( *row.keyType, key ); } );
 }
 
 GenericValue

@@ -5,8 +5,9 @@
 //    HashMap< ZekMcaddr, Velon::IpAddr >         member nodes (framework/Node.h)
 //
 // The map is one pointer. It holds a reference to every member. A member's key must not change
-// while it is in the map. Order: by reversed hash, then by key; it depends on the members alone.
-// Everything that does not depend on the types is in framework/HashTable.h, once.
+// while it is in the map; one that is keyed by a name that may change keeps the key under which it
+// was put in, and is told of it (see KeyOf). Order: by reversed hash, then by key; nothing else
+// counts. What does not depend on the types is in framework/HashTable.h, once.
 //
 // Iterators keep the member they stand on alive and tolerate every change of the map: a
 // removed member still answers, and the next step goes to the next member present. Members
@@ -29,6 +30,35 @@ struct FwkKeyFunktor {
    decltype( auto ) operator()( const Member & member ) const {
       return member.fwkKey();
    }
+   /// Members that choose their key when they are put into their first collection.
+   template< class Member >
+   static decltype( auto ) toPut( const Member & member ) requires requires {
+      member.zekKeyToPut();
+   }
+   { return member.zekKeyToPut(); }
+   template< class Member >
+   static void heldIs( const Member & member, bool held ) requires requires {
+      member.zekHeldIs( held );
+   }
+   { member.zekHeldIs( held ); }
+};
+
+/// What a collection must know of its members' keys, by its functor. Beside the call operator a
+/// functor may have toPut( member ), the key under which a member is to be put in, and
+/// heldIs( member, bool ), which learns of each collection that takes or loses a member.
+template< class Member, class KeyFunktor >
+struct KeyOf {
+   static constexpr bool isTold = requires( const Member & m ) { KeyFunktor::heldIs( m, true ); };
+   static decltype( auto ) toPut( const Member & member ) {
+      if constexpr( requires { KeyFunktor::toPut( member ); } ) {
+         return KeyFunktor::toPut( member );
+      } else {
+         return KeyFunktor()( member );
+      }
+   }
+   static void heldIs( [[maybe_unused]] const Member & member, [[maybe_unused]] bool held ) {
+      if constexpr( isTold ) KeyFunktor::heldIs( member, held );
+   }
 };
 
 template< class Member, class Key, class KeyFunktor = FwkKeyFunktor >
@@ -36,6 +66,9 @@ class HashMap {
  public:
    using MemberType = Member;
    using KeyType = Key;
+
+   HashMap() = default;
+   ~HashMap() { letGo(); }
 
    size_t count() const { return table_.count(); }
    /// The member under `key`, or null. The map's reference is the only one: a caller that keeps
@@ -48,19 +81,34 @@ class HashMap {
 
    /// Adds a member. REQUIRES none under its key.
    void insert( Member * member ) {
-      const Key & key = keyOf( untyped( member ) );
+      const Key & key = Keys::toPut( *member );
       assertKey( member, key );
       table_.insert( ops, reversedHashOf( key ), &key, untyped( member ) );
+      Keys::heldIs( *member, true );
    }
    /// Puts `member` in the place of the one under its key, which is returned. REQUIRES one there.
    Ptr< Member > replace( Member * member ) {
-      const Key & key = keyOf( untyped( member ) );
+      const Key & key = Keys::toPut( *member );
       Slot * slot = slotOf( key );
       assertThat( slot != nullptr, "fwkKey() == KeyFunktor()( _value )", "HashMap" );
       assertKey( member, key );
       Member * old = typed( slot->member );
       table_.replace( slot, untyped( member ) );
+      Keys::heldIs( *member, true );
+      Keys::heldIs( *old, false );
       return Ptr< Member >::adopt( old );
+   }
+   /// Puts a member that lives elsewhere under its key, in the place of another one if need be.
+   /// False when it stands there already.
+   bool put( Member * member ) {
+      Member * present = find( Keys::toPut( *member ) );
+      if( present == member ) return false;
+      if( present ) {
+         replace( member );
+      } else {
+         insert( member );
+      }
+      return true;
    }
    /// Removes and returns the member under `key`, or returns null. `key` may be the member's own.
    Ptr< Member > take( const Key & key ) {
@@ -68,10 +116,14 @@ class HashMap {
       if( !slot ) return nullptr;
       Member * member = typed( slot->member );
       table_.unlink( slot );
+      Keys::heldIs( *member, false );
       return Ptr< Member >::adopt( member );
    }
    /// Empties the map first, then drops the members in order.
-   void clear() { table_.clear(); }
+   void clear() {
+      letGo();
+      table_.clear();
+   }
    /// Makes room for so many members in an empty map.
    void reserve( size_t members ) { table_.reserve( ops, members ); }
 
@@ -136,6 +188,14 @@ class HashMap {
 
  private:
    using Slot = HashTable::Slot;
+   using Keys = KeyOf< Member, KeyFunktor >;
+
+   // Before all members leave.
+   void letGo() {
+      if constexpr( Keys::isTold ) {
+         for( IteratorConst i( *this ); i; ++i ) Keys::heldIs( *i.ptr(), false );
+      }
+   }
 
    Slot * slotOf( const Key & key ) const {
       auto same = [&key]( const PtrInterface * member ) { return keyOf( member ) == key; };

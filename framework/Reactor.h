@@ -8,6 +8,7 @@
 
 #pragma once
 
+#include "framework/HashMap.h"
 #include "framework/Notifiee.h"
 #include "framework/Ptr.h"
 
@@ -131,7 +132,7 @@ template< class R, class Reactors, class Machine, class Input, class Announce >
 void
 reactorIs( Reactors & reactors, Machine & machine, const Ptr< const Input > & input,
            const Announce & announce ) {
-   const auto key = input->fwkKey();
+   const auto key = KeyOf< Input, FwkKeyFunktor >::toPut( *input );
    if( Ptr< R > present = reactors.find( key ) ) {
       present->notifierIs( input );
       return;

@@ -44,6 +44,7 @@ shareCollection( Holes & h, const Type & type, Pieces & out ) {
    $X$Iterator $x$Iterator( const $K$ & key );
 $isDeclaration$
    $Removed$ $x$Del( const $K$ & key );
+   /// At the end, nothing.
    $Removed$ $x$Del( const $X$IteratorConst & at );
    void $x$DelAll();
    /// $notifies$
@@ -94,7 +95,7 @@ $delBody$
 
 $Removed$
 $Self$::$x$Del( const $X$IteratorConst & at ) {
-   return $x$Del( $K$( at.key() ) );
+   return at ? $x$Del( $K$( at.key() ) ) : $Removed$();
 }
 
 void
@@ -605,14 +606,7 @@ $checks$
 $Self$::$x$Is( const $Ptr$ & member ) {
    if( !member ) Zek::throwNullParameterException( "$full$", "$x$" );
    const $Ptr$ held = member;
-   $CM$ * present = $x$_.find( held->fwkKey() );
-   if( present == held.ptr() ) return;
-   if( present ) {
-      $x$_.replace( held.ptr() );
-   } else {
-      $x$_.insert( held.ptr() );
-   }
-   $x$Notify( held->fwkKey() );
+   if( $x$_.put( held.ptr() ) ) $x$Notify( held->fwkKey() );
 }
 
 )",

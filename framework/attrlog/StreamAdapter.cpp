@@ -290,7 +290,7 @@ StreamAdapter::reset() {
 void
 StreamAdapter::childIs( Entity & directory, const Entity::Ptr & child ) {
    const AttributeRow & row = *Entity::zekTypeDescriptor_.attribute( entityAttr );
-   const String key( child->name().view() );
+   const String key( child->childKey().view() );
    auto place = [&] { directory.entityIs( child ); };
    if( Sa * sa = adaptorOf( directory ) ) {
       in_.change( *sa, row, &key, child.ptr(), true, place );

@@ -1,6 +1,8 @@
 // Collections of records while they change: parents, removals, iterators, callbacks that interfere.
 
 #include "Ip/Ip.h"
+#include "IpGen/IpGenStatusSm.h"
+#include "framework/EntityUriPath.h"
 #include "tests/records/Records.h"
 
 using namespace Records;
@@ -58,7 +60,91 @@ TEST( Parents, ThatDieAreForgottenByMembersThatLiveOn ) {
    EXPECT_EQ( record->references(), 1u );
 }
 
+TEST( Parents, AreOneForEachChildAndNeverItsOwn ) {
+   auto root = Zek::dirFactory();
+   auto a = root->dirIs( "a" ), b = root->dirIs( "b" ), below = root->dirIs( "a/below" );
+   auto config = Ip::configFactory( "config" );
+   auto record = config->ipIntfConfigIs( ethernet1 );
+   a->entityIs( config );
+   Story story( *b ), ownStory( *below );
+   auto refusalOf = [&]( const Zek::Ptr< Zek::Entity > & parent,
+                         const Zek::Ptr< Zek::Entity > & child ) {
+      return refusal< Zek::RangeException >( [&] { parent->entityIs( child ); } );
+   };
+   EXPECT_EQ( refusalOf( b, below ),
+              "'a/below' has a parent already and cannot be a child of 'b' too" );
+   EXPECT_EQ( refusalOf( record, config ),
+              "'a/config' has a parent already and cannot be a child of "
+              "'a/config/ipIntfConfig[Ethernet1]' too" );
+   root->entityDel( "a" );
+   EXPECT_EQ( refusalOf( a, a ), "'a' cannot be a child of itself" );
+   EXPECT_EQ( refusalOf( below, a ), "'a' cannot be a child of 'a/below', which is below it" );
+   EXPECT_EQ( refusalOf( record, a ),
+              "'a' cannot be a child of 'a/config/ipIntfConfig[Ethernet1]', which is below it" );
+   EXPECT_EQ( story.told() + ownStory.told(), "" );
+   EXPECT_EQ( below->entityCount() + b->entityCount() + record->entityCount(), 0u );
+   EXPECT_EQ( below->fullName(), "a/below" );
+   b->entityIs( a );
+   EXPECT_EQ( below->fullName(), "b/a/below" );
+   record->parentIs( Ip::Config::Ptr( config ) );
+}
+
+// -- Names and keys ---------------------------------------------------------------------------
+
+TEST( RenamedMembers, KeepTheirKeyUntilNoCollectionHoldsThem ) {
+   auto root = Zek::dirFactory();
+   auto dir = Ip::ipInputStatusDirFactory( "inputs" );
+   auto input = Ip::Input::statusFactory( "first" );
+   input->nameIsFromBackup( "kernel" );
+   EXPECT_EQ( input->fwkKey(), "kernel" );
+   root->entityIs( input );
+   input->nameIsFromBackup( "restored" );
+   dir->inputStatusIs( input );
+   EXPECT_EQ( dir->inputStatus( "kernel" ), input ) << "one key at a time";
+   Zek::Wire::Buffer bytes;
+   Zek::Wire::Encoder out( bytes );
+   Zek::EntityUriPath( *input ).encodeTo( out );
+   Zek::Wire::Decoder in( bytes.data(), bytes.size() );
+   EXPECT_EQ( Zek::EntityUriPath::resolve( *root, in ), input.ptr() );
+   EXPECT_EQ( root->entityDel( "kernel" ), input );
+   EXPECT_EQ( input->fwkKey(), "kernel" );
+   dir = nullptr;
+   root->entityIs( input );
+   EXPECT_EQ( root->entity( "restored" ), input );
+   root->entityDelAll();
+   input->nameIsFromBackup( "again" );
+   dir = Ip::ipInputStatusDirFactory( "inputs" );
+   dir->inputStatusIs( input );
+   dir->inputStatusIs( input );
+   EXPECT_EQ( dir->inputStatusDel( "again" ), input );
+}
+
 // -- Removals ---------------------------------------------------------------------------------
+
+TEST( Removals, AtTheEndOfAWalkDoNothing ) {
+   auto intf = Ip::ipIntfConfigFactory( ethernet1 );
+   intf->secondaryWithMaskDel( intf->secondaryWithMaskIterator() );
+   auto status = Ip::ipIntfStatusFactory( ethernet1, nullptr );
+   EXPECT_EQ( status->mcaddrDel( status->mcaddrIterator() ), Ip::MulticastGroupInfo() );
+   auto groups = Ip::multicastGroupsForApplicationsFactory();
+   groups->mcaddrDel( groups->mcaddrIterator() );
+   auto errors = Ip::ipConfigErrorFactory();
+   EXPECT_EQ( errors->ipIntfConfigErrorDel( errors->ipIntfConfigErrorIterator() ), "" );
+   auto config = Ip::configFactory();
+   EXPECT_EQ( config->ipIntfConfigDel( config->ipIntfConfigIterator( ethernet1 ) ), nullptr );
+   auto all = Ip::statusFactory();
+   EXPECT_EQ( all->ipIntfStatusDel( all->ipIntfStatusIterator() ), nullptr );
+   auto machine = IpGen::statusSmFactory( IpGen::ipv4StatusFactory( all ) );
+   machine->vrfIpv4StatusDel( machine->vrfIpv4StatusIterator() );
+   auto root = Zek::dirFactory();
+   EXPECT_EQ( root->entityDel( root->entityIterator() ), nullptr );
+   auto a = root->dirIs( "a" );
+   root->dirIs( "b" );
+   EXPECT_EQ( root->entityDel( root->entityIterator( "c" ) ), nullptr );
+   root->entityIterator( "a" ).ptr()->entityIs( Zek::dirFactory( "below" ) );
+   EXPECT_EQ( root->entityDel( root->entityIteratorConst( "a" ) ), a );
+   EXPECT_EQ( root->entityCount(), 1u );
+}
 
 TEST( Removals, ReturnWhatWasRemovedOrTheDefault ) {
    auto config = Ip::ipIntfConfigFactory( ethernet1 );

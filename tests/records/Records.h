@@ -95,6 +95,11 @@ class AnyValue {
    ~AnyValue() { ops_.destroy( at() ); }
 
    void * at() const { return memory_.get(); }
+   /// Takes the place of the value that is there.
+   void becomes( const AnyValue & other ) const {
+      ops_.destroy( at() );
+      ops_.copy( at(), other.at() );
+   }
    bool operator==( const AnyValue & other ) const { return ops_.equal( at(), other.at() ); }
    std::string text() const {
       std::string out;

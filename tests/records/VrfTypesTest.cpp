@@ -68,8 +68,9 @@ TEST( NamesFromBackup, LeaveMembersUnderTheirKeys ) {
    EXPECT_EQ( config->vrfConfigIs( "bgp" ), entry );
    EXPECT_NE( config->vrfConfigIs( "ospf" ), entry );
    EXPECT_EQ( config->vrfConfigDel( "bgp" ), entry );
-   EXPECT_EQ( root->entity( "restored" ), config );
    EXPECT_EQ( root->entityDel( "restored" ), config );
+   root->entityIs( config );
+   EXPECT_EQ( root->entity( "again" ), config ) << "by its name as it is now";
 }
 
 TEST( VrfProtocolLaunchStatus, StartsNowWithNoPhaseReached ) {

@@ -584,6 +584,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    ByTagIterator byTagIterator( const Sample::Tag & key );
    void byTagIs( const Sample::Tag & key, Sample::Colour value );
    Sample::Colour byTagDel( const Sample::Tag & key );
+   /// At the end, nothing.
    Sample::Colour byTagDel( const ByTagIteratorConst & at );
    void byTagDelAll();
    /// Announces the member under `key` without changing anything.
@@ -609,6 +610,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    ByPairIterator byPairIterator( const Sample::Pair & key );
    void byPairIs( const Sample::Pair & key, double value );
    double byPairDel( const Sample::Pair & key );
+   /// At the end, nothing.
    double byPairDel( const ByPairIteratorConst & at );
    void byPairDelAll();
    /// Announces the member under `key` without changing anything.
@@ -638,6 +640,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    PairIterator pairIterator( const uint32_t & key );
    void pairIs( const Sample::Pair & value );
    Sample::Pair pairDel( const uint32_t & key );
+   /// At the end, nothing.
    Sample::Pair pairDel( const PairIteratorConst & at );
    void pairDelAll();
    /// Announces the member under `key` without changing anything.
@@ -667,6 +670,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    GroupIterator groupIterator( const uint32_t & key );
    void groupIs( const Sample::Group & value );
    Sample::Group groupDel( const uint32_t & key );
+   /// At the end, nothing.
    Sample::Group groupDel( const GroupIteratorConst & at );
    void groupDelAll();
    /// Announces the member under `key` without changing anything.
@@ -692,6 +696,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    ColourIterator colourIterator( const Sample::Colour & key );
    void colourIs( const Sample::Colour & key );
    void colourDel( const Sample::Colour & key );
+   /// At the end, nothing.
    void colourDel( const ColourIteratorConst & at );
    void colourDelAll();
    /// Announces the member under `key` without changing anything.
@@ -716,6 +721,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
       Sample::Celsius origin,
       const Sample::Tag & given );
    Zek::Ptr< Sample::Plain > plainDel( const uint32_t & key );
+   /// At the end, nothing.
    Zek::Ptr< Sample::Plain > plainDel( const PlainIteratorConst & at );
    void plainDelAll();
    /// Announces the member under `key` without changing anything.
@@ -735,6 +741,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    /// The member under `key`, made and announced when there is none.
    Zek::Ptr< Sample::Child > childIs( const Zek::Name & key );
    Zek::Ptr< Sample::Child > childDel( const Zek::Name & key );
+   /// At the end, nothing.
    Zek::Ptr< Sample::Child > childDel( const ChildIteratorConst & at );
    void childDelAll();
    /// Announces the member under `key` without changing anything.
@@ -755,6 +762,7 @@ class IPSTATE_EXPORT Owner : public Zek::NamedEntity {
    /// RangeException on null.
    void seenIs( const Zek::Ptr< const Sample::Plain > & member );
    Zek::Ptr< const Sample::Plain > seenDel( const uint32_t & key );
+   /// At the end, nothing.
    Zek::Ptr< const Sample::Plain > seenDel( const SeenIteratorConst & at );
    void seenDelAll();
    /// Announces the member under `key` without changing anything.
@@ -1009,6 +1017,7 @@ class IPSTATE_EXPORT Unlogged : public Zek::NamedEntity {
    /// RangeException on null.
    void titledIs( const Zek::Ptr< Sample::Titled > & member );
    Zek::Ptr< Sample::Titled > titledDel( const Sample::Tag & key );
+   /// At the end, nothing.
    Zek::Ptr< Sample::Titled > titledDel( const TitledIteratorConst & at );
    void titledDelAll();
    /// Announces the member under `key` without changing anything.
@@ -1234,6 +1243,7 @@ class IPSTATE_EXPORT Follower : public Zek::Entity {
    /// RangeException on null.
    void plainIs( const Zek::Ptr< const Sample::Plain > & input );
    void plainDel( const uint32_t & key );
+   /// At the end, nothing.
    void plainDel( const PlainIteratorConst & at );
    void plainDelAll();
    /// Announces the member under `key` without changing anything.
@@ -1271,6 +1281,7 @@ class IPSTATE_EXPORT Follower : public Zek::Entity {
    /// RangeException on null.
    void coldIs( const Zek::Ptr< const Sample::Owner > & input );
    void coldDel( const Zek::Name & key );
+   /// At the end, nothing.
    void coldDel( const ColdIteratorConst & at );
    void coldDelAll();
    /// Announces the member under `key` without changing anything.
