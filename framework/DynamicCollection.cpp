@@ -176,8 +176,9 @@ take( void * object, const DynamicCollection & of, const void * key ) {
 
 void
 announce( const void * object, const DynamicCollection & of, const void * key ) {
+   const AnyKey announced( of.keyOps, key ); // a callback may take away what holds it
    static_cast< const DynamicEntity & >( *static_cast< const PtrInterface * >( object ) )
-      .changed( of.row, key );
+      .changed( of.row, announced.get() );
 }
 
 // -- Mutators ---------------------------------------------------------------------------------
@@ -192,8 +193,7 @@ valueIs( void * object, const DynamicCollection & of, const void * key, const vo
    } else {
       insert( object, of, nodeOf( of, key, value ).ptr() );
    }
-   const AnyKey announced( of.keyOps, key ); // a callback may take away what holds it
-   announce( object, of, announced.get() );
+   announce( object, of, key );
 }
 
 /// A member that exists must have been made with the same constructor arguments.

@@ -1190,9 +1190,18 @@ class IPSTATE_EXPORT Follower : public Zek::Entity {
       : public Zek::Reactor< Sample::Owner::NotifieeConst, Follower > {
     public:
       explicit ZekOwner( Follower * owner );
-      void onPlain( const uint32_t & key ) override;
-      void onPlainzekImmediate() override;
-      void onFloor() override;
+      void onPlain( const uint32_t & key ) override {
+         if( live() ) zek_handleOwner_plain( key );
+      }
+      void zek_handleOwner_plain( const uint32_t & key );
+      void onPlainzekImmediate() override {
+         if( live() ) zek_handleOwner_plain();
+      }
+      void zek_handleOwner_plain();
+      void onFloor() override {
+         if( live() ) zek_handleOwner_floor();
+      }
+      void zek_handleOwner_floor();
       void handleFloor();
       Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override;
       static Zek::AllocTrackTypeInfo allocTrackTypeInfo_;
@@ -1216,9 +1225,14 @@ class IPSTATE_EXPORT Follower : public Zek::Entity {
       ZekPlain( Follower * owner, const uint32_t & key );
       /// The key under which the machine keeps it.
       const uint32_t & fwkKey() const { return key_; }
-      void onColour() override;
+      void onColour() override {
+         if( live() ) zek_handlePlain_colour();
+      }
       void zek_handlePlain_colour();
-      void onTicks() override;
+      void onTicks() override {
+         if( live() ) zek_handlePlain_ticks();
+      }
+      void zek_handlePlain_ticks();
       void handleTicks();
       void handleGone();
       Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override;
@@ -1257,8 +1271,14 @@ class IPSTATE_EXPORT Follower : public Zek::Entity {
       ZekCold( Follower * owner, const Zek::Name & key );
       /// The key under which the machine keeps it.
       const Zek::Name & fwkKey() const { return key_; }
-      void onByTag( const Sample::Tag & key ) override;
-      void onByPair( const Sample::Pair & key ) override;
+      void onByTag( const Sample::Tag & key ) override {
+         if( live() ) zek_handleCold_byTag( key );
+      }
+      void zek_handleCold_byTag( const Sample::Tag & key );
+      void onByPair( const Sample::Pair & key ) override {
+         if( live() ) zek_handleCold_byPair( key );
+      }
+      void zek_handleCold_byPair( const Sample::Pair & key );
       Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override;
       static Zek::AllocTrackTypeInfo allocTrackTypeInfo_;
 
