@@ -5,12 +5,13 @@
 #              schemas under their folder names, the compiler of schemas, and packages for CMake and
 #              pkg-config
 #    tools     the programs of people and scripts
-#    agent     ipstated
+#    agent     ipstated, and what nothing else is said of
 #
 # `cmake --install <build> --component <name>` installs one of them.
 
 include( CMakePackageConfigHelpers )
 
+set( CMAKE_INSTALL_DEFAULT_COMPONENT_NAME agent )
 set( headers "${CMAKE_INSTALL_INCLUDEDIR}/ipstate" )
 set( package "${CMAKE_INSTALL_LIBDIR}/cmake/ipstate" )
 
