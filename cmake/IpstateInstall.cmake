@@ -70,3 +70,20 @@ install( FILES scripts/ipstate-gdb.py COMPONENT dev
 # Takes away what the last installation from this build folder brought.
 add_custom_target( uninstall
    COMMAND "${CMAKE_CURRENT_SOURCE_DIR}/scripts/uninstall" "${CMAKE_CURRENT_BINARY_DIR}" VERBATIM )
+
+# The agent as a service: what systemd, sysusers and tmpfiles read, and the figures' dashboard.
+if( TARGET ipstated )
+   set( service "${CMAKE_CURRENT_SOURCE_DIR}/agents/ipstated/service" )
+   configure_file( "${service}/ipstated.service.in"
+                   "${CMAKE_CURRENT_BINARY_DIR}/ipstated.service" @ONLY )
+   install( FILES "${CMAKE_CURRENT_BINARY_DIR}/ipstated.service" "${service}/ipstated.socket"
+            DESTINATION lib/systemd/system COMPONENT agent )
+   install( FILES "${service}/ipstated.sysusers" DESTINATION lib/sysusers.d
+            RENAME ipstated.conf COMPONENT agent )
+   install( FILES "${service}/ipstated.tmpfiles" DESTINATION lib/tmpfiles.d
+            RENAME ipstated.conf COMPONENT agent )
+   install( FILES "${service}/ipstated.conf"
+            DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/ipstate" COMPONENT agent )
+   install( FILES "${service}/apply.conf" "${service}/grafana.json"
+            DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT agent )
+endif()

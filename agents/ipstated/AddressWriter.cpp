@@ -1,8 +1,8 @@
 #include "agents/ipstated/AddressWriter.h"
 
-#include "Ip/IpUtils.h"
 #include "platform/Velon/Netlink.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -30,37 +30,60 @@ inWords( int result ) {
    return words;
 }
 
+constexpr uint16_t addressProto = 11; // IFA_PROTO, newer than some kernel headers
+
+/// A request about one address, under construction.
+class Request {
+ public:
+   Request( uint16_t type, uint16_t flags, uint8_t family, unsigned ifIndex, unsigned length ) {
+      header().nlmsg_len = NLMSG_LENGTH( sizeof( ifaddrmsg ) );
+      header().nlmsg_type = type;
+      header().nlmsg_flags = uint16_t( NLM_F_REQUEST | NLM_F_ACK | flags );
+      interface().ifa_family = family;
+      interface().ifa_prefixlen = uint8_t( length );
+      interface().ifa_index = ifIndex;
+   }
+   ifaddrmsg & interface() { return *static_cast< ifaddrmsg * >( NLMSG_DATA( &header() ) ); }
+
+   template< size_t bytes >
+   void add( uint16_t type, const std::array< uint8_t, bytes > & payload ) {
+      auto * attribute =
+         reinterpret_cast< rtattr * >( bytes_.data() + NLMSG_ALIGN( header().nlmsg_len ) );
+      attribute->rta_type = type;
+      attribute->rta_len = RTA_LENGTH( bytes );
+      memcpy( RTA_DATA( attribute ), payload.data(), bytes );
+      header().nlmsg_len = uint32_t( NLMSG_ALIGN( header().nlmsg_len ) + RTA_LENGTH( bytes ) );
+   }
+
+   /// 0 or a negative errno.
+   int send( int fd ) {
+      Velon::netlinkHandle handle{ fd };
+      return Velon::sendNetlinkMsg( &handle, &header() );
+   }
+
+ private:
+   nlmsghdr & header() { return *reinterpret_cast< nlmsghdr * >( bytes_.data() ); }
+
+   alignas( nlmsghdr ) std::array< char, 128 > bytes_{};
+};
+
 // Both attributes: an IPv4 address to another end of the link is another address.
 template< size_t bytes >
 std::string
 removeAddress( int fd, uint8_t family, unsigned ifIndex,
                const std::array< uint8_t, bytes > & address, unsigned length ) {
-   struct Attribute {
-      rtattr header;
-      std::array< uint8_t, bytes > address;
-   };
-   struct {
-      nlmsghdr header;
-      ifaddrmsg interface;
-      Attribute local, other;
-   } message{};
-   message.header.nlmsg_len = sizeof message;
-   message.header.nlmsg_type = RTM_DELADDR;
-   message.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-   message.interface.ifa_family = family;
-   message.interface.ifa_prefixlen = static_cast< uint8_t >( length );
-   message.interface.ifa_index = ifIndex;
-   message.local = { { sizeof( Attribute ), IFA_LOCAL }, address };
-   message.other = { { sizeof( Attribute ), IFA_ADDRESS }, address };
-   Velon::netlinkHandle handle{ fd };
-   const int result = Velon::sendNetlinkMsg( &handle, &message.header );
+   Request request( RTM_DELADDR, 0, family, ifIndex, length );
+   request.add( IFA_LOCAL, address );
+   request.add( IFA_ADDRESS, address );
+   const int result = request.send( fd );
    return result == -EADDRNOTAVAIL || result == -ENODEV ? std::string() : inWords( result );
 }
 
 } // namespace
 
-AddressWriter::AddressWriter()
-   : fd_( socket( AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE ) ) {
+AddressWriter::AddressWriter( uint8_t tag )
+   : fd_( socket( AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE ) ),
+     tag_( tag ) {
    if( fd_ < 0 ) {
       throw std::system_error( errno, std::generic_category(), "cannot open a netlink socket" );
    }
@@ -72,18 +95,27 @@ AddressWriter::~AddressWriter() {
    close( fd_ );
 }
 
+// The requests of Ip/IpUtils.h, which have no room for the tag.
+
 std::string
 AddressWriter::add( unsigned ifIndex, const Velon::IpAddrWithMask & address,
                     Ip::IpAddrScope scope ) const {
-   // Networks of one or two addresses have no broadcast.
-   const Velon::IpAddr broadcast = address.len() < 31 ? address.broadcast() : Velon::IpAddr();
-   return inWords( Ip::ipAddrAddCommon( fd_, ifIndex, address.addr(), int( address.len() ), false,
-                                        broadcast, scope ) );
+   Request request( RTM_NEWADDR, NLM_F_REPLACE, AF_INET, ifIndex, address.len() );
+   request.interface().ifa_scope = uint8_t( scope );
+   request.add( IFA_LOCAL, address.addr().bytes() );
+   if( address.len() < 31 ) { // networks of one or two addresses have no broadcast
+      request.add( IFA_BROADCAST, address.broadcast().bytes() );
+   }
+   if( tag_ ) request.add( addressProto, std::array{ tag_ } );
+   return inWords( request.send( fd_ ) );
 }
 
 std::string
 AddressWriter::add( unsigned ifIndex, const Velon::Ip6AddrWithMask & address ) const {
-   return inWords( Ip::ip6AddrAddCommon( fd_, ifIndex, address.addr(), int( address.len() ) ) );
+   Request request( RTM_NEWADDR, NLM_F_REPLACE, AF_INET6, ifIndex, address.len() );
+   request.add( IFA_LOCAL, address.addr().bytes() );
+   if( tag_ ) request.add( addressProto, std::array{ tag_ } );
+   return inWords( request.send( fd_ ) );
 }
 
 std::string

@@ -15,8 +15,9 @@ namespace Ipstated {
 /// In the network namespace in which it is made.
 class AddressWriter {
  public:
-   /// Throws std::system_error saying which call failed.
-   AddressWriter();
+   /// Addresses that it adds carry `tag` as their IFA_PROTO, where the kernel knows that (5.18);
+   /// 0 for none. Throws std::system_error saying which call failed.
+   explicit AddressWriter( uint8_t tag );
    ~AddressWriter();
    AddressWriter( const AddressWriter & ) = delete;
    AddressWriter & operator=( const AddressWriter & ) = delete;
@@ -34,6 +35,7 @@ class AddressWriter {
 
  private:
    int fd_;
+   uint8_t tag_;
 };
 
 } // namespace Ipstated

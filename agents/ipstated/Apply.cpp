@@ -206,7 +206,8 @@ Apply::Apply( Ip::Config::PtrConst config4, Ip6::Config::PtrConst config6,
               Ip::IpConfigError::Ptr errors, const KernelState & state, const Options & options )
    : errors_( std::move( errors ) ),
      state_( state ),
-     options_( options ) {
+     options_( options ),
+     writer_( options.tag ) {
    watch4_ = watching< DirectoryWatch4 >( *config4, *this );
    for( auto i = config4->ipIntfConfigIteratorConst(); i; ++i ) {
       directoryChanged( *config4, i.key() );
@@ -277,6 +278,20 @@ Apply::touchBorrowers( const Intf & lender ) {
 
 // -- Following the kernel ---------------------------------------------------------------------
 
+namespace {
+
+Ip::IpAddrScope
+scopeOf( const Key4 &, const Ip4Address & address ) {
+   return Ip::IpAddrScope( address.scope );
+}
+
+Ip::IpAddrScope
+scopeOf( const Key6 &, const Ip6Address & ) {
+   return Ip::IpAddrScope::universe; // which the kernel knows by itself
+}
+
+} // namespace
+
 void
 Apply::onInterface( const Interface & interface ) {
    Intf & there = intf( Velon::IntfId( interface.name ) );
@@ -323,7 +338,8 @@ Apply::onAddress4( const Interface & interface, const Ip4Address & address,
                    Difference difference ) {
    if( address.peer == address.local ) { // else it is another object, which is never configured
       told( intf( Velon::IntfId( interface.name ) ),
-            Key4( Velon::IpAddr( address.local ), address.prefixLength ), difference, false );
+            Key4( Velon::IpAddr( address.local ), address.prefixLength ), difference, address,
+            false );
    }
 }
 
@@ -331,16 +347,24 @@ void
 Apply::onAddress6( const Interface & interface, const Ip6Address & address,
                    Difference difference ) {
    told( intf( Velon::IntfId( interface.name ) ),
-         Key6( Velon::Ip6Addr( address.address ), address.prefixLength ), difference,
+         Key6( Velon::Ip6Addr( address.address ), address.prefixLength ), difference, address,
          address.dadFailed() );
 }
 
-template< class Key >
+template< class Key, class Address >
 void
-Apply::told( Intf & intf, const Key & key, Difference difference, bool dadFailed ) {
+Apply::told( Intf & intf, const Key & key, Difference difference, const Address & address,
+             bool dadFailed ) {
    Book< Key > & book = intf.book( key );
    auto & entry = book.entries[key];
    entry.present = difference != Difference::removed;
+   const bool isTagged = options_.recognises && options_.tag != 0 && address.proto == options_.tag;
+   const bool isRemembered =
+      !remembered_.empty() && remembered_.erase( { intf.id.toString(), key.toString() } ) > 0;
+   if( entry.present && !entry.installed && ( isTagged || isRemembered ) ) {
+      entry.installed = true;
+      entry.scope = scopeOf( key, address );
+   }
    entry.dadFailed = entry.present && dadFailed;
    entry.pending = entry.pending && !entry.present;
    entry.leaving = entry.leaving && difference == Difference::changed;
@@ -365,6 +389,7 @@ Apply::onPrimary4( const Interface & interface ) {
 
 void
 Apply::onSynchronized() {
+   remembered_.clear(); // what the kernel has not got is nobody's
    // What came and went while the dump ran is not told.
    auto forget = [&]( Intf & intf, auto & book ) {
       for( auto & [key, entry] : book.entries ) {
@@ -464,8 +489,20 @@ Apply::borrowed( const Intf & intf ) {
 }
 
 bool
+Apply::covers( const Intf & intf ) const {
+   return !options_.covers || options_.covers( intf.id.toString() );
+}
+
+void
+Apply::coverageChanged() {
+   for( auto & [id, each] : intfs_ ) {
+      touchAll( *each );
+   }
+}
+
+bool
 Apply::isWanted( const Intf & intf, const Key4 & key ) {
-   if( !intf.config4 || !isInVrf( *intf.config4, intf.vrf ) ) {
+   if( !intf.config4 || !isInVrf( *intf.config4, intf.vrf ) || !covers( intf ) ) {
       return false;
    }
    const Ip::IpIntfConfig & config = *intf.config4;
@@ -477,7 +514,7 @@ Apply::isWanted( const Intf & intf, const Key4 & key ) {
 
 bool
 Apply::isWanted( const Intf & intf, const Key6 & key ) {
-   if( !intf.config6 || !isInVrf( *intf.config6, intf.vrf ) ) {
+   if( !intf.config6 || !isInVrf( *intf.config6, intf.vrf ) || !covers( intf ) ) {
       return false;
    }
    const Ip6::IntfConfig & config = *intf.config6;
@@ -604,6 +641,7 @@ Apply::removeIfUnwanted( Intf & intf, Book< Key > & book, unsigned index, const 
       return;
    }
    const std::string refusal = writer_.remove( index, key );
+   count( &Statistics::removed, refusal );
    if( !refusal.empty() ) {
       book.errors[key] = "cannot be removed: " + refusal;
       retry( now );
@@ -639,6 +677,7 @@ Apply::installIfWanted( Intf & intf, Book< Key > & book, unsigned index, const K
       }
       if( fault.empty() && !( entry.installed && ( entry.isThere() || entry.pending ) ) ) {
          fault = install( index, key, scope );
+         count( &Statistics::installed, fault );
          entry.installed = fault.empty();
          entry.pending = entry.installed && !entry.isThere();
          entry.scope = scope;
@@ -689,6 +728,39 @@ Apply::rivalOf( const Intf & intf, const Key6 & key ) {
 }
 
 void
+Apply::count( uint64_t Statistics::*done, const std::string & refusal ) {
+   ++( statistics_.*( refusal.empty() ? done : &Statistics::refused ) );
+   // Before the kernel's own words, which may name anything.
+   if( !refusal.empty() )
+      ++statistics_.refusals[refusal.substr( 0, refusal.find_first_of( ":(" ) )];
+}
+
+// -- What is its own --------------------------------------------------------------------------
+
+void
+Apply::ownIs( const Owned & owned ) {
+   remembered_.emplace( owned.intf, owned.address );
+}
+
+std::vector< Apply::Owned >
+Apply::owned() const {
+   std::vector< Owned > all;
+   for( const auto & [intf, address] : remembered_ ) {
+      all.push_back( { intf, address } );
+   }
+   for( const auto & [id, each] : intfs_ ) {
+      auto ofFamily = [&, name = id.toString()]( const auto & book ) {
+         for( const auto & [key, entry] : book.entries ) {
+            if( entry.installed ) all.push_back( { name, key.toString() } );
+         }
+      };
+      ofFamily( each->book4 );
+      ofFamily( each->book6 );
+   }
+   return all;
+}
+
+void
 Apply::retry( Time now ) {
    if( !retryAt_ ) {
       retryAt_ = now + options_.retryDelay;
@@ -712,6 +784,10 @@ Apply::conditionsOf( const Intf & intf ) {
    }
    ofFamily( intf.config4, "IPv4" );
    ofFamily( intf.config6, "IPv6" );
+   if( !covers( intf ) && ( ( intf.config4 && hasAddresses( *intf.config4 ) ) ||
+                            ( intf.config6 && hasAddresses( *intf.config6 ) ) ) ) {
+      conditions.push_back( "this agent is not to configure it" );
+   }
    if( intf.config4 && intf.config4->addrSource() == Ip::AddrSource::dhcp ) {
       conditions.push_back( "its primary IPv4 address comes from DHCP: none is installed" );
    }

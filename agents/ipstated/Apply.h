@@ -7,6 +7,8 @@
 //
 // What is wanted is installed, and becomes Apply's own by that, even where the kernel had it
 // before. What is its own and not wanted any more is removed. All else in the kernel is left alone.
+// Addresses are installed with a tag by which an agent that keeps its configuration knows its own
+// again after a restart; where the kernel knows no tags, by a list that it keeps.
 //
 // Requests are believed no further than their answer: only the kernel's events say that an address
 // is there or gone. One that is wanted and goes (removing a primary takes the secondaries of its
@@ -29,11 +31,13 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Ipstated {
@@ -47,6 +51,25 @@ class Apply : public KernelObserver {
       size_t mostPerTurn = 256;
       /// Before trying again what the kernel refused or never told of.
       KernelFeed::Duration retryDelay = std::chrono::seconds( 10 );
+      /// Whether an interface of that name may be configured; empty: each.
+      std::function< bool( const std::string & name ) > covers{};
+      /// With which addresses are installed; 0: none.
+      uint8_t tag = addressTag;
+      /// What the kernel has with that tag is its own from an earlier run.
+      bool recognises = false;
+   };
+
+   /// An address of its own, as a list keeps it.
+   struct Owned {
+      std::string intf;
+      std::string address;
+   };
+
+   struct Statistics {
+      uint64_t installed = 0; ///< requests that the kernel took
+      uint64_t removed = 0;
+      uint64_t refused = 0;                       ///< those that it refused
+      std::map< std::string, uint64_t > refusals; ///< by the kernel's reason
    };
 
    /// Make it before the feed starts, which must tell it everything. `state` is the feed's.
@@ -63,6 +86,17 @@ class Apply : public KernelObserver {
    void serve( Time now );
    /// When serve() wants to be called; none while all is at rest.
    std::optional< Time > deadline() const;
+
+   /// Which interfaces may be configured is to be asked anew.
+   void coverageChanged();
+   /// Its own from an earlier run, if the kernel has it: before the feed tells of it.
+   void ownIs( const Owned & owned );
+   /// What is its own.
+   std::vector< Owned > owned() const;
+
+   /// Interfaces with something to look at.
+   size_t queued() const { return queue_.size(); }
+   const Statistics & statistics() const { return statistics_; }
 
    void onInterface( const Interface & interface ) override;
    void onInterfaceGone( const Interface & interface ) override;
@@ -93,8 +127,9 @@ class Apply : public KernelObserver {
    void directoryChanged( const Ip::Config & directory, Velon::IntfId id );
    void directoryChanged( const Ip6::Config & directory, Velon::IntfId id );
    void lenderIs( Intf & borrower, Velon::IntfId lender );
-   template< class Key >
-   void told( Intf & intf, const Key & key, Difference difference, bool dadFailed );
+   template< class Key, class Address >
+   void told( Intf & intf, const Key & key, Difference difference, const Address & address,
+              bool dadFailed );
 
    void queue( Intf & intf );
    template< class Key >
@@ -111,6 +146,7 @@ class Apply : public KernelObserver {
    void touchWanted( Intf & intf, Book< Key6 > & book );
 
    std::optional< Key4 > borrowed( const Intf & intf );
+   bool covers( const Intf & intf ) const;
    bool isWanted( const Intf & intf, const Key4 & key );
    bool isWanted( const Intf & intf, const Key6 & key );
    static std::string rivalOf( const Intf & intf, const Key4 & key );
@@ -127,6 +163,7 @@ class Apply : public KernelObserver {
    std::string install( unsigned index, const Key4 & key, Ip::IpAddrScope scope );
    std::string install( unsigned index, const Key6 & key, Ip::IpAddrScope scope );
    void retry( Time now );
+   void count( uint64_t Statistics::*done, const std::string & refusal );
 
    std::vector< std::string > conditionsOf( const Intf & intf );
    void writeErrors( const Intf & intf );
@@ -140,6 +177,8 @@ class Apply : public KernelObserver {
    std::map< Velon::IntfId, std::set< Velon::IntfId > > borrowers_; ///< by lender
    std::deque< Intf * > queue_;
    std::optional< Time > retryAt_;
+   Statistics statistics_;
+   std::set< std::pair< std::string, std::string > > remembered_; ///< own, not seen yet
    Zek::Ptr< DirectoryWatch4 > watch4_;
    Zek::Ptr< DirectoryWatch6 > watch6_;
 };

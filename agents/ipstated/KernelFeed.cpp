@@ -6,6 +6,7 @@
 #include <cstring>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace Ipstated {
 
@@ -58,11 +59,14 @@ class KernelFeed::Applier : public MessageHandler {
       }
       Interface & interface = state_.at( link.index );
       bool fresh = !interface.present || interface.name != link.name;
-      if( fresh && interface.present && live_ ) {
+      const bool renamed = fresh && interface.present && live_;
+      if( renamed ) {
+         feed_.observer_.onRename( interface, link.name );
          feed_.observer_.onInterfaceGone( interface );
       }
       bool vrfChanged = interface.isVrf != link.isVrf || ( fresh && link.isVrf );
       uint32_t flagsBefore = interface.flags;
+      const LinkFacts factsBefore = std::exchange( interface.link, link.facts );
       state_.nameIs( interface, link.name );
       interface.flags = link.flags;
       interface.isVrf = link.isVrf;
@@ -74,10 +78,16 @@ class KernelFeed::Applier : public MessageHandler {
          if( live_ ) {
             feed_.observer_.onInterface( interface );
          }
+         if( renamed ) {
+            feed_.observer_.onRenamed( interface );
+         }
       } else {
          refresh( interface );
          if( live_ ) {
             tellFlags( interface, flagsBefore );
+            if( !( factsBefore == interface.link ) ) {
+               feed_.observer_.onLink( interface, factsBefore );
+            }
          }
       }
       if( vrfChanged ) {
@@ -988,6 +998,9 @@ KernelFeed::tellDifferences( const Interface & before, const Interface & after )
    }
    if( before.up() != after.up() || before.noArp() != after.noArp() ) {
       observer_.onFlags( after );
+   }
+   if( !( before.link == after.link ) ) {
+      observer_.onLink( after, before.link );
    }
    if( !( before.config4 == after.config4 ) ) {
       observer_.onConfig4( after );

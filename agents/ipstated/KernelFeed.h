@@ -60,6 +60,13 @@ class KernelObserver {
    /// Up or down, or the ARP flag.
    virtual void onFlags( const Interface & ) {}
 
+   /// What is shown of the link: its state, MTU, hardware address or kind.
+   virtual void onLink( const Interface &, const LinkFacts & /*before*/ ) {}
+
+   /// A rename that was seen: the one name is told as gone and the other as there between these.
+   virtual void onRename( const Interface & /*before*/, const std::string & /*now*/ ) {}
+   virtual void onRenamed( const Interface & ) {}
+
    virtual void onConfig4( const Interface & ) {}
    virtual void onConfig6( const Interface & ) {}
 

@@ -1,6 +1,8 @@
 #include "agents/ipstated/KernelState.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 
 #include <linux/if.h>
 #include <linux/if_addr.h>
@@ -20,6 +22,25 @@ Ip6Address::settled() const {
 bool
 Ip6Address::dadFailed() const {
    return flags & IFA_F_DADFAILED;
+}
+
+const char *
+LinkFacts::stateText() const {
+   static constexpr std::array names{ "UNKNOWN", "NOTPRESENT", "DOWN", "LOWERLAYERDOWN",
+                                      "TESTING", "DORMANT",    "UP" };
+   return state < names.size() ? names[state] : "UNKNOWN";
+}
+
+std::string
+LinkFacts::addressText() const {
+   std::string text;
+   for( char each : address ) {
+      char digits[4];
+      snprintf( digits, sizeof digits, "%02x:", uint8_t( each ) );
+      text += digits;
+   }
+   if( !text.empty() ) text.pop_back();
+   return text;
 }
 
 bool

@@ -23,6 +23,9 @@
 
 namespace Ipstated {
 
+/// The IFA_PROTO by which addresses of this agent are known; none of the kernel's own.
+inline constexpr uint8_t addressTag = 105;
+
 /// An IPv4 address as a number, first byte highest.
 using RawIp4 = uint32_t;
 
@@ -38,6 +41,7 @@ struct Ip4Address {
    uint8_t prefixLength = 0;
    uint8_t scope = 0;  ///< the kernel's route scope: 0 universe, 253 link, 254 host
    uint32_t flags = 0; ///< IFA_F_...
+   uint8_t proto = 0;  ///< who set it, as IFA_PROTO says; 0 where nobody did
    std::string label;
 
    bool primary() const;
@@ -55,6 +59,7 @@ struct Ip6Address {
    uint8_t prefixLength = 0;
    uint8_t scope = 0;
    uint32_t flags = 0; ///< IFA_F_...
+   uint8_t proto = 0;
 
    /// False while duplicate address detection has neither passed nor failed.
    bool settled() const;
@@ -83,11 +88,27 @@ struct Ip6Config {
    bool operator==( const Ip6Config & other ) const = default;
 };
 
+/// What the kernel says of the link itself. No record has a place for it; it is shown beside them.
+struct LinkFacts {
+   uint8_t state = 0;   ///< IF_OPER_...
+   uint32_t mtu = 0;    ///< bytes
+   std::string address; ///< of the hardware, as bytes; empty where it has none
+   std::string kind;    ///< "veth", "vlan", "bridge"; empty for what is made of hardware
+
+   /// "UP", "DOWN", "UNKNOWN", as ip(8) says.
+   const char * stateText() const;
+   /// "02:00:00:00:00:01"
+   std::string addressText() const;
+
+   bool operator==( const LinkFacts & other ) const = default;
+};
+
 struct Interface {
    int index = 0;
    bool present = false; ///< the kernel has told its name
    std::string name;
    uint32_t flags = 0; ///< IFF_...
+   LinkFacts link;
    bool isVrf = false;
    uint32_t table = 0; ///< routing table, of a VRF device
    int master = 0;     ///< interface index of the device that holds this one, 0 for none

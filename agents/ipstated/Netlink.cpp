@@ -30,6 +30,7 @@ namespace {
 constexpr uint16_t newMulticast = 56;
 constexpr uint16_t delMulticast = 57;
 constexpr uint16_t getMulticast = 58;
+constexpr uint16_t addressProto = 11; // IFA_PROTO
 constexpr int groupIp4Multicast = 37;
 constexpr int groupIp6Multicast = 38;
 
@@ -96,6 +97,12 @@ class Attributes {
 
    uint32_t u32( Known known ) const {
       uint32_t value = 0;
+      copy( known, &value, sizeof value );
+      return value;
+   }
+
+   uint8_t u8( Known known ) const {
+      uint8_t value = 0;
       copy( known, &value, sizeof value );
       return value;
    }
@@ -268,7 +275,16 @@ readLink( const nlmsghdr * message, Reader & reader, MessageHandler & handler ) 
       link.master = attributes.s32( { IFLA_MASTER, "IFLA_MASTER" } );
       Attributes kind = nested( reader, attributes, { IFLA_LINKINFO, "IFLA_LINKINFO" } );
       constexpr Known kindName{ IFLA_INFO_KIND, "IFLA_INFO_KIND" };
-      if( kind.has( kindName ) && kind.text( kindName, 255 ) == "vrf" ) {
+      if( kind.has( kindName ) ) {
+         link.facts.kind = kind.text( kindName, 255 );
+      }
+      link.facts.mtu = attributes.u32( { IFLA_MTU, "IFLA_MTU" } );
+      if( attributes.has( { IFLA_OPERSTATE, "IFLA_OPERSTATE" } ) ) {
+         link.facts.state = attributes.u8( { IFLA_OPERSTATE, "IFLA_OPERSTATE" } );
+      }
+      const auto [hardware, length] = attributes.payload( { IFLA_ADDRESS, "IFLA_ADDRESS" } );
+      link.facts.address.assign( static_cast< const char * >( hardware ), hardware ? length : 0 );
+      if( link.facts.kind == "vrf" ) {
          link.isVrf = true;
          link.table = nested( reader, kind, { IFLA_INFO_DATA, "IFLA_INFO_DATA" } )
                          .u32( { IFLA_VRF_TABLE, "IFLA_VRF_TABLE" } );
@@ -315,6 +331,7 @@ readAddress( const nlmsghdr * message, Reader & reader, MessageHandler & handler
       told.address.prefixLength = info->ifa_prefixlen;
       told.address.scope = info->ifa_scope;
       told.address.flags = allFlags;
+      told.address.proto = attributes.u8( { addressProto, "IFA_PROTO" } );
       told.address.label = attributes.text( { IFA_LABEL, "IFA_LABEL" }, maxInterfaceName );
       if( reader.good() ) {
          handler.onAddress4( told );
@@ -327,6 +344,7 @@ readAddress( const nlmsghdr * message, Reader & reader, MessageHandler & handler
       told.address.prefixLength = info->ifa_prefixlen;
       told.address.scope = info->ifa_scope;
       told.address.flags = allFlags;
+      told.address.proto = attributes.u8( { addressProto, "IFA_PROTO" } );
       if( reader.good() ) {
          handler.onAddress6( told );
       }

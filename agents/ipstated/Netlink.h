@@ -49,6 +49,7 @@ struct LinkMessage {
    bool isVrf = false;
    uint32_t table = 0;
    int master = 0;
+   LinkFacts facts;
    Ip6LinkConfig config6;
 };
 

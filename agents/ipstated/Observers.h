@@ -27,6 +27,15 @@ class Observers final : public KernelObserver {
    void onFlags( const Interface & interface ) override {
       for( auto each : all_ ) each->onFlags( interface );
    }
+   void onLink( const Interface & interface, const LinkFacts & before ) override {
+      for( auto each : all_ ) each->onLink( interface, before );
+   }
+   void onRename( const Interface & before, const std::string & now ) override {
+      for( auto each : all_ ) each->onRename( before, now );
+   }
+   void onRenamed( const Interface & interface ) override {
+      for( auto each : all_ ) each->onRenamed( interface );
+   }
    void onConfig4( const Interface & interface ) override {
       for( auto each : all_ ) each->onConfig4( interface );
    }

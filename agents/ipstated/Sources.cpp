@@ -21,9 +21,9 @@ namespace {
 template< class Record >
 class Follower final : public Record::NotifieeConst {
  public:
-   Follower( const Zek::Ptr< Record > & record, std::string title, const Sources::Sink & sink )
+   Follower( const Zek::Ptr< Record > & record, std::string title, const ChangeSink & sink )
       : record_( record ),
-        title_( std::move( title ) + "  " + record->intfId().toString() + "  " ),
+        title_( std::move( title ) + "  " + record->intfId().toString() ),
         sink_( sink ) {
       this->notifierIs( record );
       this->isRegisteredNotifieeIs( true );
@@ -37,7 +37,7 @@ class Follower final : public Record::NotifieeConst {
    void tell( const std::string & now ) {
       const std::string before = std::exchange( told_, now );
       if( sink_ ) {
-         sink_( printable( title_ + before + " -> " + now ) );
+         sink_( { printable( title_ ), printable( before ), printable( now ) } );
       }
    }
    Zek::AllocTrackTypeInfo & zekAllocTrackTypeInfo() const override { return allocTrackTypeInfo_; }
@@ -48,7 +48,7 @@ class Follower final : public Record::NotifieeConst {
  private:
    const Zek::Ptr< Record > record_;
    const std::string title_;
-   const Sources::Sink & sink_;
+   const ChangeSink & sink_;
    std::string told_ = "-";
 };
 
@@ -62,7 +62,7 @@ class Registry {
 template< class Machine, class Record >
 class RegistryOf final : public Registry {
  public:
-   RegistryOf( const Zek::Ptr< Machine > & machine, std::string title, const Sources::Sink & sink )
+   RegistryOf( const Zek::Ptr< Machine > & machine, std::string title, const ChangeSink & sink )
       : machine_( machine ),
         title_( std::move( title ) ),
         sink_( sink ) {}
@@ -80,7 +80,7 @@ class RegistryOf final : public Registry {
  private:
    const Zek::Ptr< Machine > machine_;
    const std::string title_;
-   const Sources::Sink & sink_;
+   const ChangeSink & sink_;
    std::vector< Zek::Ptr< Follower< Record > > > followers_;
 };
 
@@ -89,7 +89,7 @@ class RegistryOf final : public Registry {
 /// What runs over the system or over one VRF.
 class Scope {
  public:
-   Scope( const std::string & name, const Sources::Sink & sink )
+   Scope( const std::string & name, const ChangeSink & sink )
       : title_( "source  " + name + "  " ),
         sink_( sink ) {}
 
@@ -111,7 +111,7 @@ class Scope {
 
  private:
    const std::string title_;
-   const Sources::Sink & sink_;
+   const ChangeSink & sink_;
    // The registries go before their view's machine.
    Zek::Ptr< const Zek::PtrInterface > machine_;
    std::vector< std::unique_ptr< Registry > > registries_;
@@ -179,7 +179,7 @@ template< class Records >
 class FamilyOf final : public Sources::Family {
  public:
    FamilyOf( const Records & records, const std::vector< Velon::IntfId > & registered,
-             const Sources::Sink & sink )
+             const ChangeSink & sink )
       : records_( &records ),
         registered_( registered ),
         sink_( sink ),
@@ -233,7 +233,7 @@ class FamilyOf final : public Sources::Family {
 
    const Zek::Ptr< const Records > records_;
    const std::vector< Velon::IntfId > & registered_;
-   const Sources::Sink & sink_;
+   const ChangeSink & sink_;
    Scope system_;
    std::map< L3::VrfName, Scope > vrfs_;
 };
@@ -242,7 +242,7 @@ class FamilyOf final : public Sources::Family {
 
 // -- All of it --------------------------------------------------------------------------------
 
-Sources::Sources( const Ip::Status & ip, const Ip6::Status & ip6, Sink sink )
+Sources::Sources( const Ip::Status & ip, const Ip6::Status & ip6, ChangeSink sink )
    : sink_( std::move( sink ) ) {
    families_ = { Zek::allocate< FamilyOf< Ip::Status > >( ip, registered_, sink_ ),
                  Zek::allocate< FamilyOf< Ip6::Status > >( ip6, registered_, sink_ ) };

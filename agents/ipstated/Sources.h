@@ -14,12 +14,13 @@
 
 #pragma once
 
+#include "agents/ipstated/Change.h"
+
 #include "Ip/Ip.h"
 #include "Ip6/Ip6.h"
 #include "framework/Ptr.h"
 #include "platform/Velon/IntfId.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,10 +28,8 @@ namespace Ipstated {
 
 class Sources {
  public:
-   using Sink = std::function< void( const std::string & line ) >;
-
    /// Follows the two merged statuses until destroyed. `sink` gets each line, without its end.
-   Sources( const Ip::Status & ip, const Ip6::Status & ip6, Sink sink );
+   Sources( const Ip::Status & ip, const Ip6::Status & ip6, ChangeSink sink );
    /// Lets everything go and tells nothing of it.
    ~Sources();
    Sources( const Sources & ) = delete;
@@ -43,7 +42,7 @@ class Sources {
    class Family;
 
  private:
-   Sink sink_;
+   ChangeSink sink_;
    std::vector< Velon::IntfId > registered_;
    std::vector< Zek::Ptr< Family > > families_;
 };

@@ -24,10 +24,10 @@ isStored( const Zek::AttributeRow & row ) {
 
 } // namespace
 
-Watch::Watch( const Zek::Entity & record, Sink sink )
-   : Watch( record, std::make_shared< Sink >( std::move( sink ) ) ) {}
+Watch::Watch( const Zek::Entity & record, ChangeSink sink )
+   : Watch( record, std::make_shared< ChangeSink >( std::move( sink ) ) ) {}
 
-Watch::Watch( const Zek::Entity & record, std::shared_ptr< Sink > sink )
+Watch::Watch( const Zek::Entity & record, std::shared_ptr< ChangeSink > sink )
    : record_( record ),
      sink_( std::move( sink ) ),
      path_( record.fullName().toString() ) {
@@ -113,7 +113,7 @@ Watch::onMember( const Zek::AttributeRow & row, const void * key ) {
 
 void
 Watch::tell( const std::string & what, const std::string & before, const std::string & now ) {
-   ( *sink_ )( printable( what + "  " + path_ + "  " + before + " -> " + now ) );
+   ( *sink_ )( { printable( what + "  " + path_ ), printable( before ), printable( now ) } );
 }
 
 } // namespace Ipstated

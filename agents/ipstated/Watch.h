@@ -12,11 +12,12 @@
 
 #pragma once
 
+#include "agents/ipstated/Change.h"
+
 #include "framework/Entity.h"
 #include "framework/Type.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -25,11 +26,9 @@ namespace Ipstated {
 
 class Watch : private Zek::AttributeSink {
  public:
-   using Sink = std::function< void( const std::string & line ) >;
-
-   /// Watches `record` until destroyed; `sink` gets each line, without its end. The record must
+   /// Watches `record` until destroyed; `sink` gets each line. The record must
    /// be of a type that can be watched; below it, what cannot is passed over.
-   Watch( const Zek::Entity & record, Sink sink );
+   Watch( const Zek::Entity & record, ChangeSink sink );
    ~Watch() override;
    Watch( const Watch & ) = delete;
    Watch & operator=( const Watch & ) = delete;
@@ -42,7 +41,7 @@ class Watch : private Zek::AttributeSink {
       std::unique_ptr< Watch > watch;             ///< of an owned record
    };
 
-   Watch( const Zek::Entity & record, std::shared_ptr< Sink > sink );
+   Watch( const Zek::Entity & record, std::shared_ptr< ChangeSink > sink );
    void attach();
    void onAttribute( const Zek::AttributeRow & row ) override;
    void onMember( const Zek::AttributeRow & row, const void * key ) override;
@@ -51,7 +50,7 @@ class Watch : private Zek::AttributeSink {
    void tell( const std::string & what, const std::string & before, const std::string & now );
 
    const Zek::Entity & record_;
-   std::shared_ptr< Sink > sink_;
+   std::shared_ptr< ChangeSink > sink_;
    std::string path_;
    std::unordered_map< uint16_t, std::string > values_;
    std::unordered_map< std::string, Member > members_; ///< by attribute[key]

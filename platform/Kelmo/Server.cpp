@@ -152,6 +152,10 @@ class Server::Client final : public SessionOwner {
                gone_ = true;
                Vistrel::trace( traceHandle, clientLevel, "onEvents", name_, " left" );
             }
+            const auto & mounted = server_.options_.mounted;
+            if( std::exchange( mountedTold_, mounted_.size() ) < mounted_.size() && mounted ) {
+               mounted( name_, mounted_ );
+            }
          } );
       }
    }
@@ -185,6 +189,8 @@ class Server::Client final : public SessionOwner {
       }
       if( !reason.empty() ) {
          Vistrel::trace( traceHandle, faultLevel, "allows", name_, " is refused: ", reason );
+      } else {
+         mounted_.push_back( path );
       }
       return reason.empty();
    }
@@ -203,6 +209,8 @@ class Server::Client final : public SessionOwner {
    Session session_;
    Connection connection_;
    const Clock::time_point came_ = Clock::now();
+   std::vector< std::string > mounted_;
+   size_t mountedTold_ = 0;
    bool gone_ = false;
 };
 
@@ -285,11 +293,10 @@ Server::listen() {
 void
 Server::accessIs() {
    const std::vector< Role > & roles = options_.roles;
-   if( roles.size() == 1 && chown( path_.c_str(), uid_t( -1 ), roles[0].group ) != 0 ) {
-      throwSystemError( "cannot give '" + path_ + "' to group " +
-                        std::to_string( roles[0].group ) );
-   }
-   const mode_t mode = roles.empty() ? 0600 : roles.size() == 1 ? 0660 : 0666;
+   // Who is no member of the group may not give it the file: credentials decide then, too.
+   const bool isGiven =
+      roles.size() == 1 && chown( path_.c_str(), uid_t( -1 ), roles[0].group ) == 0;
+   const mode_t mode = roles.empty() ? 0600 : isGiven ? 0660 : 0666;
    if( chmod( path_.c_str(), mode ) != 0 ) {
       throwSystemError( "cannot listen at '" + path_ + "'" );
    }

@@ -43,8 +43,8 @@ struct Role {
 
 struct ServerOptions {
    /// Who may connect beside root and the server's own user, who may mount all that is exported.
-   /// The socket file has mode 0600; with one role it is given to its group with 0660, with
-   /// several it has 0666, and credentials alone decide.
+   /// The socket file has mode 0600; with one role it is given to its group, if this process may,
+   /// with 0660; with several it has 0666, and credentials alone decide.
    std::vector< Role > roles{};
    /// Paths that may be mounted, each with all below it; empty: all.
    std::vector< std::string > exported{};
@@ -52,6 +52,9 @@ struct ServerOptions {
    std::vector< std::string > writable{};
    /// Says why a mount that is allowed otherwise is not; empty when it is, or may be.
    std::function< std::string( const Mount & ) > refuses{};
+   /// Told of the paths that a client has mounted by now, whenever it has mounted more.
+   std::function< void( const std::string & client, const std::vector< std::string > & paths ) >
+      mounted{};
    /// Clients at a time; one more is turned away. Of 16, the last one is kept for root and the
    /// server's own user, and of 32 the last one for root alone.
    size_t clients = 256;

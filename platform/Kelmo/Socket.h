@@ -49,9 +49,9 @@ struct IPSTATE_EXPORT Peer {
 };
 
 /// The address of a socket file. Throws RangeException for a path that cannot be one.
-sockaddr_un socketAddress( const std::string & path );
+IPSTATE_EXPORT sockaddr_un socketAddress( const std::string & path );
 /// Throws std::system_error with `what` and the text of errno.
-[[noreturn]] void throwSystemError( const std::string & what );
+[[noreturn]] IPSTATE_EXPORT void throwSystemError( const std::string & what );
 
 /// A connected socket and the session it carries, in a set of descriptors that are waited for
 /// together. Never waits itself.

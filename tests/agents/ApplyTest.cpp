@@ -399,10 +399,7 @@ TEST_F( ApplyTest, RandomScriptsComeToAgreement ) {
    settle();
    // The registries hold what their last line says.
    Sources registries( world->mirror.ipStatus(), world->mirror.ip6Status(),
-                       [this]( const std::string & line ) {
-                          const size_t from = line.rfind( "  " ), to = line.rfind( ' ' );
-                          sources[line.substr( 0, from )] = line.substr( to + 1 );
-                       } );
+                       [this]( const Change & change ) { sources[change.what] = change.now; } );
    std::map< std::string, L3::Intf::Config::Ptr > l3;
    for( const char * name : { "v0", "w0" } ) {
       registries.sourceIntfIs( Velon::IntfId( name ) );

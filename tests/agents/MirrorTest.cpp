@@ -98,17 +98,19 @@ TEST_F( MirrorTest, WhatTheKernelKnowsIsInTheStatusRecords ) {
    EXPECT_EQ( eth0->l3Status(), eth0v6->l3Status() );
    EXPECT_TRUE( inVrf( "red", "eth0" ) && inVrf( "red", "red" ) && !inVrf( "default", "eth0" ) );
 
-   EXPECT_EQ( table( mirror.ipStatus(), mirror.ip6Status() ),
-              "Interface  VRF  IPv4                   IPv6                      Settings"
-              "            Groups\n"
-              "eth0       red  10.0.0.1/24            fe80::1/64                routing 4,6"
-              "         224.0.0.1\n"
-              "                10.0.0.2/24 secondary  2001:db8::1/64 duplicate  urpf loose\n"
-              "                10.0.1.1/24 secondary                            no arp\n"
-              "                                                                 directed "
-              "broadcast\n"
-              "red        red  -                      -                         -"
-              "                   -\n" );
+   EXPECT_EQ( table( mirror.ipStatus(), mirror.ip6Status(), feed.state(), false ),
+              "Interface  State    MAC  MTU  Kind  Index  VRF  IPv4                   IPv6"
+              "                      Settings            Groups\n"
+              "eth0       UNKNOWN  -    0    -     2      red  10.0.0.1/24            fe80::1/64"
+              "                routing 4,6         224.0.0.1\n"
+              "                                                10.0.0.2/24 secondary  "
+              "2001:db8::1/64 duplicate  urpf loose\n"
+              "                                                10.0.1.1/24 secondary"
+              "                            no arp\n"
+              "                                                                          "
+              "                       directed broadcast\n"
+              "red        UNKNOWN  -    0    vrf   9      red  -                      -"
+              "                         -                   -\n" );
 }
 
 TEST_F( MirrorTest, PartOfAnAddressChangesWithoutItsLoss ) {
@@ -219,7 +221,8 @@ TEST_F( MirrorTest, NewInterfaceIsInTheMergedStatusOnceAllOfItIsInPlace ) {
    EXPECT_EQ( told.front(), "intfStatus[e\\x1b[2J]  cell/3/l3/intf/input/status-3  - -> +" );
    EXPECT_EQ( told[told.size() - 2], "ipIntfStatus[e\\x1b[2J]  ip/status  - -> +" );
    EXPECT_EQ( told.back(), "intf[e\\x1b[2J]  ip6/status  - -> +" );
-   EXPECT_EQ( table( mirror.ipStatus(), mirror.ip6Status() ).find( '\x1b' ), std::string::npos );
+   EXPECT_EQ( table( mirror.ipStatus(), mirror.ip6Status(), feed.state(), false ).find( '\x1b' ),
+              std::string::npos );
 }
 
 } // namespace

@@ -33,8 +33,8 @@ class MirroredKernel : public ::testing::Test {
    }
 
    /// Takes lines for heard().
-   std::function< void( const std::string & ) > sink() {
-      return [this]( const std::string & line ) { lines.push_back( line ); };
+   ChangeSink sink() {
+      return [this]( const Change & change ) { lines.push_back( change.line() ); };
    }
 
    /// The lines since the last call.

@@ -112,6 +112,13 @@ class Program {
    }
 
    void signal( int number ) { kill( pid_, number ); }
+   pid_t pid() const { return pid_; }
+   /// False when it has ended; status() then has nothing to wait for.
+   bool isRunning() const {
+      siginfo_t info{};
+      return pid_ > 0 && waitid( P_PID, id_t( pid_ ), &info, WEXITED | WNOHANG | WNOWAIT ) == 0 &&
+             info.si_pid == 0;
+   }
 
    /// The status it ends with by itself: below 0 for a signal, and none when it does not end.
    std::optional< int > status() {

@@ -50,16 +50,38 @@ TEST( ProgramTest, BadOptionsAreRefusedWithTheReason ) {
       { "--source-intf ''", "--source-intf: '' cannot be an interface's name" },
       { "--source-intf abcdefghijklmnop",
         "--source-intf: 'abcdefghijklmnop' cannot be an interface's name" },
-      { "eth0", "PATH requires --dump" },
-      { "--dump ip ip6", "The following argument was not expected: ip6" },
+      { "eth0", "'eth0' is no option; only --dump takes a word by itself, the full name of a "
+                "record, as ip/status" },
+      { "--dump ip ip6", "'ip6' is no option; only --dump takes a word by itself, the full name of "
+                         "a record, as ip/status" },
       { "--once --follow", "--once excludes --follow" },
-      { "--json", "--json requires --dump" },
-      { "--dump --follow", "--follow excludes --dump" },
+      { "--json --follow", "--json excludes --follow" },
+      { "--dump --follow", "--dump excludes --follow" },
+      { "--folow", "'--folow' is no option; did you mean --follow?" },
+      { "--xyz", "'--xyz' is no option" },
+      { "--once=yes", "--once takes no value, not 'yes'" },
+      { "--serve", "--serve: expected SOCKET" },
+      { "--allow-read root", "--allow-read requires --serve" },
+      { "--poll-interval nan", "--poll-interval: 'nan' is no number from 0.05 to 86400" },
+      { "--poll-interval 1 --poll-interval 2", "--poll-interval is given twice" },
+      { "--metrics 127.0.0.1", "--metrics: '127.0.0.1' is no address with a port, as "
+                               "127.0.0.1:9469 or [::1]:9469" },
+      { "--state /tmp", "--state requires --apply" },
+      { "--apply --state /nowhere", "--state: '/nowhere': No such file or directory" },
+      { "--config /nowhere", "--config: cannot read '/nowhere': No such file or directory" },
+      { "--log-level loud", "--log-level: 'loud' is none of error, warning, notice, info, debug" },
+      { "--serve /tmp/x --allow-group 'no\tgroup'",
+        "--allow-group: 'no\\x09group' is no group of this system" },
+      // All of them at once.
+      { "--serve= --apply --source-intf= --metrics x",
+        "--serve: '' of 0 bytes cannot be a socket: expected a path of 1 to 107 bytes\n"
+        "ipstated: --source-intf: '' cannot be an interface's name\n"
+        "ipstated: --metrics: 'x' is no address with a port, as 127.0.0.1:9469 or [::1]:9469" },
    };
    for( const auto & each : cases ) {
       SCOPED_TRACE( each.options );
       Program program( each.options );
-      EXPECT_EQ( program.status(), 2 );
+      EXPECT_EQ( program.status(), 1 );
       EXPECT_EQ( program.allErrors(),
                  std::string( "ipstated: " ) + each.text + "\nTry 'ipstated --help'.\n" );
       EXPECT_EQ( program.allOutput(), "" );
@@ -167,7 +189,7 @@ TEST_F( DumpTest, TakesThePathsOfTheToolAndNamesTheNearest ) {
                      "no 'ipIntfStatus[v2]' in 'ip/status'; the nearest is 'v0'" ),
           std::pair( "ip//status", "path 'ip//status': expected a name at offset 3" ) } ) {
       Program program( std::string( "--dump " ) + path );
-      EXPECT_EQ( program.status(), 1 );
+      EXPECT_EQ( program.status(), path == std::string( "ip//status" ) ? 1 : 3 );
       EXPECT_EQ( program.allErrors(), "ipstated: " + std::string( problem ) + "\n" );
       EXPECT_EQ( program.allOutput(), "" );
    }
@@ -181,12 +203,14 @@ TEST( ProgramTest, EndsWhenNobodyReads ) {
    EXPECT_EQ( idle.allErrors(), "" );
 
    Program closed( "--once", ">&-" );
-   EXPECT_EQ( closed.status(), 1 );
+   EXPECT_EQ( closed.status(), 2 );
    EXPECT_EQ( closed.allErrors(), "ipstated: standard output is closed\n" );
 
-   Program full( "--once", ">/dev/full" );
-   EXPECT_EQ( full.status(), 1 );
-   EXPECT_EQ( full.allErrors(), "ipstated: cannot write the output: No space left on device\n" );
+   for( const char * options : { "--once", "--help", "--types", "--dump" } ) {
+      Program full( options, ">/dev/full" );
+      EXPECT_EQ( full.status(), 2 );
+      EXPECT_EQ( full.allErrors(), "ipstated: cannot write the output: No space left on device\n" );
+   }
 }
 
 class ProgramInNamespaceTest : public NamespaceTest {
