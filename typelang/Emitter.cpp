@@ -178,14 +178,13 @@ source( const Schema & schema, const std::vector< Emission > & emissions ) {
       }
    }
    scopes.leave();
-   out +=
-      "// Registers the types of this file when the library is loaded.\n"
-      "namespace {\n\nstruct Initialiser {\n   Initialiser() {\n" +
-      registrations +
-      "   }\n} initialiser;\n\n} // namespace\n\n"
-      "// Has a linker that is told to look for it (-u) take this file from a static library.\n"
-      "extern \"C\" void\n" +
-      linkName( schema ) + "() {}\n";
+   out += "// Registers the types of this file when the library is loaded.\n"
+          "namespace {\n\nstruct Initialiser {\n   Initialiser() {\n" +
+          registrations +
+          "   }\n} initialiser;\n\n} // namespace\n\n"
+          "// Has a linker that is told to look for it (-u) take this file from a static library.\n"
+          "extern \"C\" void\n" +
+          linkName( schema ) + "() {}\n";
    while( out.size() > 1 && out[out.size() - 2] == '\n' && out.back() == '\n' ) out.pop_back();
    return out;
 }

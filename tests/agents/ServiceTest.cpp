@@ -527,8 +527,7 @@ TEST_F( ServiceTest, TellsWhoMountsWhatReferencesLeadOutOf ) {
    EXPECT_NE( log.find( "mounts 'ip/status' without 'cell/1/ip/input/status-1'" ), log.npos )
       << log;
    EXPECT_EQ( log.find( "mounts 'ip6/status'" ), log.npos ) << log;
-   EXPECT_NE( log.find( "KernelFeed/3 KernelTrace:onSynchronized a full dump is told\n" ),
-              log.npos )
+   EXPECT_NE( log.find( "KernelFeed/3 KernelFeed:onSynchronized a full dump is told\n" ), log.npos )
       << log;
 }
 
