@@ -328,9 +328,9 @@ $Self$::$x$Del() {
    h["hasValue"] = "false";
    h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
    h["gone"] = "   reactor->zekRelease();\n   $x$Notify( removedKey );\n";
-   if( const Reaction * gone = reactionOf( m, Reaction::When::gone ) ) {
+   if( const Reaction * reaction = reactionOf( m, Reaction::When::gone ) ) {
       std::string handlers;
-      for( const Action & action : gone->actions ) {
+      for( const Action & action : reaction->actions ) {
          bool own = action.kind == Action::Kind::self;
          bool takesKey = !action.handler->arguments.empty();
          handlers += ( handlers.empty() ? "" : " " ) + std::string( own ? "reactor->" : "" ) +
