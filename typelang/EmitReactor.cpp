@@ -329,14 +329,14 @@ $Self$::$x$Del() {
    h["rowFlags"] = "Zek::refersToMembers | Zek::pointsToConst";
    h["gone"] = "   reactor->zekRelease();\n   $x$Notify( removedKey );\n";
    if( const Reaction * reaction = reactionOf( m, Reaction::When::gone ) ) {
-      std::string handlers;
+      std::string calls;
       for( const Action & action : reaction->actions ) {
          bool own = action.kind == Action::Kind::self;
          bool takesKey = !action.handler->arguments.empty();
-         handlers += ( handlers.empty() ? "" : " " ) + std::string( own ? "reactor->" : "" ) +
-                     action.target + ( takesKey ? "( reactor->fwkKey() );" : "();" );
+         calls += ( calls.empty() ? "" : " " ) + std::string( own ? "reactor->" : "" ) +
+                  action.target + ( takesKey ? "( reactor->fwkKey() );" : "();" );
       }
-      h["gone"] = "   Zek::reactorGone(\n      *reactor, [&] { " + handlers +
+      h["gone"] = "   Zek::reactorGone(\n      *reactor, [&] { " + calls +
                   " }, [&] { $x$Notify( removedKey ); } );\n";
    }
    h["gone"] = fill( h["gone"], h );
