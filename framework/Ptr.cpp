@@ -92,7 +92,7 @@ struct PtrInterface::Doomed {
    bool add( PtrInterface * object ) {
       if( count == capacity ) {
          const size_t more = capacity ? 2 * capacity : 64;
-         void * grown = std::realloc( waiting, more * sizeof( PtrInterface * ) );
+         void * grown = std::realloc( waiting, more * sizeof( void * ) );
          if( !grown ) return false;
          waiting = static_cast< PtrInterface ** >( grown );
          capacity = more;

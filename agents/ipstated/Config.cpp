@@ -550,10 +550,10 @@ parse( const std::vector< std::string > & arguments, bool isTerminal ) {
    if( names.count( "config" ) ) readFile( reading, reading.options.file, names );
    for( const Given & each : given ) take( reading, *each.option, each.value, "--" );
    checkTogether( reading );
-   Options & options = reading.options;
-   const bool isShort = options.once || options.dumped || options.types || options.json;
-   options.follow = reading.explicitFollow || ( isTerminal && !isShort );
-   return { std::move( options ), reading.help, reading.version, std::move( reading.faults ) };
+   Options & read = reading.options;
+   const bool isShort = read.once || read.dumped || read.types || read.json;
+   read.follow = reading.explicitFollow || ( isTerminal && !isShort );
+   return { std::move( read ), reading.help, reading.version, std::move( reading.faults ) };
 }
 
 std::vector< std::string >
