@@ -46,11 +46,17 @@ replace( const std::string & folder, const std::string & text ) {
       }
       if( fsync( file.fd ) != 0 ) throwErrno( "cannot write '" + fresh + "'" );
    }
-   // The file has its name at any moment; the one before gets a second one in time.
-   if( unlink( last.c_str() ) != 0 && errno != ENOENT )
-      throwErrno( "cannot remove '" + last + "'" );
-   if( link( path.c_str(), last.c_str() ) != 0 && errno != ENOENT ) {
-      throwErrno( "cannot make '" + last + "'" );
+   // Each name stands for a whole file at any moment: the one before gets its second name by way
+   // of a third.
+   const std::string next = last + ".new";
+   if( unlink( next.c_str() ) != 0 && errno != ENOENT )
+      throwErrno( "cannot remove '" + next + "'" );
+   if( link( path.c_str(), next.c_str() ) == 0 ) {
+      if( rename( next.c_str(), last.c_str() ) != 0 ) throwErrno( "cannot make '" + last + "'" );
+      // Where both named one file already, that leaves the third name.
+      unlink( next.c_str() );
+   } else if( errno != ENOENT ) {
+      throwErrno( "cannot make '" + next + "'" );
    }
    if( rename( fresh.c_str(), path.c_str() ) != 0 ) throwErrno( "cannot replace '" + path + "'" );
    const File directory( open( folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC ) );

@@ -80,8 +80,23 @@ operator new( size_t bytes ) {
    throw std::bad_alloc();
 }
 
+// Standard algorithms ask this one for their buffers, and give them back by those below.
+void *
+operator new( size_t bytes, const std::nothrow_t & ) noexcept {
+   try {
+      return ::operator new( bytes );
+   } catch( const std::bad_alloc & ) {
+      return nullptr;
+   }
+}
+
 void
 operator delete( void * memory ) noexcept {
+   std::free( memory );
+}
+
+void
+operator delete( void * memory, const std::nothrow_t & ) noexcept {
    std::free( memory );
 }
 

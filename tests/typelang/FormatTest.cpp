@@ -42,7 +42,7 @@ schemas() {
 /// Its words and what documents them, for comparison.
 std::string
 words( const std::string & text ) {
-   SourceFile file( "schema", text );
+   SourceFile file{ "schema", text };
    Errors errors;
    std::string out;
    for( const Token & token : lex( file, errors ) ) {
@@ -104,7 +104,7 @@ TEST( ZekcFormat, nothingIsTooOdd ) {
 TEST( ZekcSyntax, editorsKnowTheFirstWordOfEachLine ) {
    const fs::path tree = IPSTATE_SOURCE_DIR;
    const std::string grammar = contents( tree / "typelang/zek.tmLanguage.json" );
-   SourceFile file( "Sample", contents( tree / "tests/typelang/Sample/Sample.zek" ) );
+   SourceFile file{ "Sample", contents( tree / "tests/typelang/Sample/Sample.zek" ) };
    Errors errors;
    size_t lines = 0;
    int inEnum = 0;
